@@ -1,0 +1,51 @@
+# Shared by scripts/run, scripts/test and scripts/bench: install what is
+# missing, then configure and build into build/.
+set -euo pipefail
+
+DICTORA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
+
+# Build tools and libraries, plus what the tests stand up: an X server with a
+# window manager, a PulseAudio server, key and speech generators, and real
+# applications to paste into.
+DICTORA_PACKAGES=(
+  build-essential cmake ninja-build pkg-config git nodejs npm
+  qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
+  libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxi-dev libxkbcommon-dev
+  xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm
+  pulseaudio pulseaudio-utils espeak-ng sox
+  python3
+)
+
+dictora_sudo() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+dictora_install_dependencies() {
+  local missing=()
+  for pkg in "${DICTORA_PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
+      missing+=("$pkg")
+    fi
+  done
+  # nodejs/npm from another source (nvm, NodeSource) count as present.
+  if command -v npm >/dev/null 2>&1; then
+    local kept=()
+    for pkg in "${missing[@]}"; do
+      case "$pkg" in nodejs|npm) ;; *) kept+=("$pkg") ;; esac
+    done
+    missing=("${kept[@]+"${kept[@]}"}")
+  fi
+  if [ ${#missing[@]} -gt 0 ]; then
+    echo "==> Installing: ${missing[*]}"
+    dictora_sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive dictora_sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+  fi
+}
+
+dictora_build() {
+  local generator=()
+  [ -f "$DICTORA_BUILD/CMakeCache.txt" ] || generator=(-G Ninja)
+  cmake -S "$DICTORA_ROOT" -B "$DICTORA_BUILD" "${generator[@]}" ${DICTORA_CMAKE_ARGS:-}
+  cmake --build "$DICTORA_BUILD" --parallel "$(nproc)"
+}

@@ -1,0 +1,39 @@
+#include "cli/Verbs.h"
+
+#include "cli/CommandLine.h"
+#include "core/DataPaths.h"
+#include "core/SingleInstance.h"
+
+namespace dictora::cli {
+
+
+int runToggle(const QStringList &arguments)
+{
+    if (arguments.contains(QStringLiteral("--help"))) {
+        printOut(QStringLiteral("Usage: dictora toggle\n\nStarts or stops a dictation in the running Dictora.\n"));
+        return kExitOk;
+    }
+    if (!arguments.isEmpty())
+        return usageError(QStringLiteral("toggle"), QStringLiteral("unexpected argument '%1'").arg(arguments.first()));
+    const auto reply = sendToRunningInstance(DataPaths::instanceSocket(), QStringLiteral("toggle"));
+    if (!reply) {
+        printErr(QStringLiteral("dictora toggle: Dictora is not running.\n"));
+        return kExitFailure;
+    }
+    if (reply->startsWith(QLatin1String("error"))) {
+        printErr(QStringLiteral("dictora toggle: %1\n").arg(*reply));
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+const QList<Verb> &verbs()
+{
+    static const QList<Verb> all{
+        {"toggle", "start or stop a dictation in the running Dictora", false, &runToggle},
+        {"history", "list, search and archive the History", false, &runHistory},
+    };
+    return all;
+}
+
+} // namespace dictora::cli

@@ -1,0 +1,185 @@
+#include "core/ProductPreferences.h"
+
+#include <cmath>
+
+namespace dictora {
+
+namespace {
+
+// An INI store hands every value back as text, so "is a number" and "is a
+// boolean" are decided on the text as well as on the in-memory type.
+std::optional<double> readNumber(const QVariant &v)
+{
+    switch (v.typeId()) {
+    case QMetaType::Double:
+    case QMetaType::Float:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+        return v.toDouble();
+    case QMetaType::QString: {
+        bool ok = false;
+        const double d = v.toString().trimmed().toDouble(&ok);
+        if (ok && std::isfinite(d))
+            return d;
+        return std::nullopt;
+    }
+    default:
+        return std::nullopt;
+    }
+}
+
+std::optional<bool> readBool(const QVariant &v)
+{
+    if (v.typeId() == QMetaType::Bool)
+        return v.toBool();
+    if (v.typeId() == QMetaType::QString) {
+        const QString s = v.toString();
+        if (s == QLatin1String("true"))
+            return true;
+        if (s == QLatin1String("false"))
+            return false;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+QString rawValue(ScreenAnchor anchor)
+{
+    switch (anchor) {
+    case ScreenAnchor::topLeft: return QStringLiteral("topLeft");
+    case ScreenAnchor::topMiddle: return QStringLiteral("topMiddle");
+    case ScreenAnchor::topRight: return QStringLiteral("topRight");
+    case ScreenAnchor::bottomLeft: return QStringLiteral("bottomLeft");
+    case ScreenAnchor::bottomMiddle: return QStringLiteral("bottomMiddle");
+    case ScreenAnchor::bottomRight: return QStringLiteral("bottomRight");
+    }
+    return {};
+}
+
+QString rawValue(OverlaySize size)
+{
+    switch (size) {
+    case OverlaySize::small: return QStringLiteral("small");
+    case OverlaySize::medium: return QStringLiteral("medium");
+    case OverlaySize::large: return QStringLiteral("large");
+    }
+    return {};
+}
+
+const QList<ScreenAnchor> &allScreenAnchors()
+{
+    static const QList<ScreenAnchor> all{ScreenAnchor::topLeft, ScreenAnchor::topMiddle,
+        ScreenAnchor::topRight, ScreenAnchor::bottomLeft, ScreenAnchor::bottomMiddle,
+        ScreenAnchor::bottomRight};
+    return all;
+}
+
+const QList<OverlaySize> &allOverlaySizes()
+{
+    static const QList<OverlaySize> all{OverlaySize::small, OverlaySize::medium, OverlaySize::large};
+    return all;
+}
+
+std::optional<ScreenAnchor> screenAnchorFromRaw(const QString &raw)
+{
+    for (ScreenAnchor a : allScreenAnchors())
+        if (rawValue(a) == raw)
+            return a;
+    return std::nullopt;
+}
+
+ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
+    : QObject(parent), m_defaults(defaults)
+{
+    const auto value = [&](const char *key) { return m_defaults.value(QLatin1String(key)); };
+
+    m_location = screenAnchorFromRaw(value(kLocationKey).toString()).value_or(ScreenAnchor::bottomMiddle);
+
+    const QString size = value(kSizeKey).toString();
+    m_size = size == QLatin1String("small") ? OverlaySize::small
+        : size == QLatin1String("large")    ? OverlaySize::large
+                                            : OverlaySize::medium;
+
+    m_opacity = clampOpacity(readNumber(value(kOpacityKey)).value_or(0.9));
+    m_showsIcon = readBool(value(kShowsIconKey)).value_or(true);
+    m_completedOnboarding = value(kOnboardingKey).toBool();
+    m_shortcut = GlobalShortcut::loadOrDefault(value(kShortcutKey).toString().toUtf8());
+    m_formatting = readBool(value(kFormattingKey)).value_or(true);
+    m_snippets = readBool(value(kSnippetsKey)).value_or(true);
+}
+
+double ProductPreferences::clampOpacity(double value)
+{
+    if (!(value > kMinimumOpacity)) // also catches NaN
+        return kMinimumOpacity;
+    if (value > kMaximumOpacity)
+        return kMaximumOpacity;
+    return value;
+}
+
+void ProductPreferences::store(const char *key, const QVariant &value)
+{
+    m_defaults.setValue(QLatin1String(key), value);
+}
+
+void ProductPreferences::setMicrophoneLocation(ScreenAnchor value)
+{
+    m_location = value;
+    store(kLocationKey, rawValue(value));
+    Q_EMIT microphoneLocationChanged(value);
+}
+
+void ProductPreferences::setMicrophoneSize(OverlaySize value)
+{
+    m_size = value;
+    store(kSizeKey, rawValue(value));
+    Q_EMIT microphoneSizeChanged(value);
+}
+
+void ProductPreferences::setMicrophoneOpacity(double value)
+{
+    m_opacity = clampOpacity(value);
+    store(kOpacityKey, m_opacity);
+    Q_EMIT microphoneOpacityChanged(m_opacity);
+}
+
+void ProductPreferences::setShowsMicrophoneIcon(bool value)
+{
+    m_showsIcon = value;
+    store(kShowsIconKey, value);
+    Q_EMIT showsMicrophoneIconChanged(value);
+}
+
+void ProductPreferences::setHasCompletedOnboarding(bool value)
+{
+    m_completedOnboarding = value;
+    store(kOnboardingKey, value);
+    Q_EMIT hasCompletedOnboardingChanged(value);
+}
+
+void ProductPreferences::setKeyboardShortcut(const GlobalShortcut &value)
+{
+    m_shortcut = value;
+    // The JSON is kept as text: an INI file would otherwise hold an opaque byte array.
+    store(kShortcutKey, QString::fromUtf8(value.toJson()));
+    Q_EMIT keyboardShortcutChanged(value);
+}
+
+void ProductPreferences::setFormattingEnabled(bool value)
+{
+    m_formatting = value;
+    store(kFormattingKey, value);
+    Q_EMIT formattingEnabledChanged(value);
+}
+
+void ProductPreferences::setSnippetsEnabled(bool value)
+{
+    m_snippets = value;
+    store(kSnippetsKey, value);
+    Q_EMIT snippetsEnabledChanged(value);
+}
+
+} // namespace dictora

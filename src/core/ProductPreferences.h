@@ -1,0 +1,84 @@
+#pragma once
+
+#include "shortcut/GlobalShortcut.h"
+
+#include <QList>
+#include <QObject>
+#include <QSettings>
+
+namespace dictora {
+
+enum class ScreenAnchor { topLeft, topMiddle, topRight, bottomLeft, bottomMiddle, bottomRight };
+enum class OverlaySize { small, medium, large };
+
+QString rawValue(ScreenAnchor anchor);
+QString rawValue(OverlaySize size);
+const QList<ScreenAnchor> &allScreenAnchors();
+const QList<OverlaySize> &allOverlaySizes();
+std::optional<ScreenAnchor> screenAnchorFromRaw(const QString &raw);
+
+// The user's settings. Each property is read once from the store at
+// construction (nothing written back) and written through on every change.
+class ProductPreferences : public QObject {
+    Q_OBJECT
+
+public:
+    static constexpr auto kLocationKey = "overlay.microphone.location";
+    static constexpr auto kSizeKey = "overlay.microphone.size";
+    static constexpr auto kOpacityKey = "overlay.microphone.opacity";
+    static constexpr auto kShowsIconKey = "overlay.microphone.showsIcon";
+    static constexpr auto kOnboardingKey = "onboarding.completed";
+    static constexpr auto kShortcutKey = "keyboard.shortcut.v1";
+    static constexpr auto kFormattingKey = "transcription.formatting.enabled";
+    static constexpr auto kSnippetsKey = "transcription.snippets.enabled";
+    static constexpr double kMinimumOpacity = 0.2;
+    static constexpr double kMaximumOpacity = 1.0;
+
+    // The store must outlive the preferences.
+    explicit ProductPreferences(QSettings &defaults, QObject *parent = nullptr);
+
+    ScreenAnchor microphoneLocation() const { return m_location; }
+    OverlaySize microphoneSize() const { return m_size; }
+    double microphoneOpacity() const { return m_opacity; }
+    bool showsMicrophoneIcon() const { return m_showsIcon; }
+    bool hasCompletedOnboarding() const { return m_completedOnboarding; }
+    GlobalShortcut keyboardShortcut() const { return m_shortcut; }
+    bool formattingEnabled() const { return m_formatting; }
+    bool snippetsEnabled() const { return m_snippets; }
+
+    void setMicrophoneLocation(ScreenAnchor value);
+    void setMicrophoneSize(OverlaySize value);
+    void setMicrophoneOpacity(double value);
+    void setShowsMicrophoneIcon(bool value);
+    void setHasCompletedOnboarding(bool value);
+    void setKeyboardShortcut(const GlobalShortcut &value);
+    void setFormattingEnabled(bool value);
+    void setSnippetsEnabled(bool value);
+
+    static double clampOpacity(double value);
+
+Q_SIGNALS:
+    void microphoneLocationChanged(dictora::ScreenAnchor value);
+    void microphoneSizeChanged(dictora::OverlaySize value);
+    void microphoneOpacityChanged(double value);
+    void showsMicrophoneIconChanged(bool value);
+    void hasCompletedOnboardingChanged(bool value);
+    void keyboardShortcutChanged(const dictora::GlobalShortcut &value);
+    void formattingEnabledChanged(bool value);
+    void snippetsEnabledChanged(bool value);
+
+private:
+    void store(const char *key, const QVariant &value);
+
+    QSettings &m_defaults;
+    ScreenAnchor m_location = ScreenAnchor::bottomMiddle;
+    OverlaySize m_size = OverlaySize::medium;
+    double m_opacity = 0.9;
+    bool m_showsIcon = true;
+    bool m_completedOnboarding = false;
+    GlobalShortcut m_shortcut = GlobalShortcut::defaultShortcut();
+    bool m_formatting = true;
+    bool m_snippets = true;
+};
+
+} // namespace dictora

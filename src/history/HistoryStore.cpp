@@ -1,0 +1,196 @@
+#include "history/HistoryStore.h"
+
+#include "history/TranscriptHistoryArchive.h"
+
+#include <QFileInfo>
+#include <QPointer>
+#include <QThreadPool>
+
+namespace dictora {
+
+namespace {
+
+struct ReadResult {
+    QList<TranscriptRecord> records;
+    std::optional<QString> error;
+};
+
+ReadResult readJournal(const TranscriptJournal &journal)
+{
+    try {
+        return {journal.readAll(), std::nullopt};
+    } catch (const Error &e) {
+        return {{}, e.description()};
+    } catch (const std::exception &e) {
+        return {{}, QString::fromUtf8(e.what())};
+    }
+}
+
+// Runs `work` on the pool and `done(result)` back on the owner's thread,
+// unless the owner is gone by then.
+template<typename Work, typename Done>
+void runInBackground(QObject *owner, Work work, Done done)
+{
+    QPointer<QObject> guard(owner);
+    QThreadPool::globalInstance()->start([guard, work = std::move(work), done = std::move(done)]() mutable {
+        auto result = work();
+        if (!guard)
+            return;
+        QMetaObject::invokeMethod(guard.data(), [guard, done = std::move(done), result = std::move(result)]() mutable {
+            if (guard)
+                done(std::move(result));
+        }, Qt::QueuedConnection);
+    });
+}
+
+} // namespace
+
+HistoryStore::HistoryStore(TranscriptJournal journal, QObject *parent)
+    : QObject(parent), m_journal(std::move(journal))
+{
+}
+
+void HistoryStore::setQuery(const QString &query)
+{
+    if (m_query.search == query)
+        return;
+    m_query.search = query;
+    Q_EMIT queryChanged(query);
+}
+
+#define DICTORA_SET_FILTER(member, value)   \
+    if (m_query.member == value)            \
+        return;                             \
+    m_query.member = value;                 \
+    Q_EMIT filtersChanged();
+
+void HistoryStore::setFilterHour(std::optional<int> hour) { DICTORA_SET_FILTER(hour, hour) }
+void HistoryStore::setFilterDay(std::optional<int> day) { DICTORA_SET_FILTER(day, day) }
+void HistoryStore::setFilterMonth(std::optional<int> month) { DICTORA_SET_FILTER(month, month) }
+void HistoryStore::setFilterYear(std::optional<int> year) { DICTORA_SET_FILTER(year, year) }
+#undef DICTORA_SET_FILTER
+
+void HistoryStore::setFilterPanelPresented(bool presented)
+{
+    if (m_filterPanelPresented == presented)
+        return;
+    m_filterPanelPresented = presented;
+    Q_EMIT filterPanelPresentedChanged(presented);
+}
+
+void HistoryStore::resetTimeFilters()
+{
+    if (!m_query.hasTimeFilter())
+        return;
+    m_query.hour = m_query.day = m_query.month = m_query.year = std::nullopt;
+    Q_EMIT filtersChanged();
+}
+
+void HistoryStore::clearNotice()
+{
+    if (!m_notice)
+        return;
+    m_notice.reset();
+    Q_EMIT noticeChanged();
+}
+
+QList<TranscriptRecord> HistoryStore::filteredRecords() const
+{
+    return HistoryFilter::apply(m_records, m_searchKeys, m_query);
+}
+
+QList<int> HistoryStore::availableFilterYears() const
+{
+    return HistoryFilter::availableYears(m_records, m_query.year);
+}
+
+void HistoryStore::setRecords(QList<TranscriptRecord> records)
+{
+    m_records = std::move(records);
+    m_searchKeys.clear();
+    m_searchKeys.reserve(m_records.size());
+    for (const TranscriptRecord &r : m_records)
+        m_searchKeys.append(HistoryFilter::searchKey(r.transcript));
+    Q_EMIT recordsChanged();
+}
+
+void HistoryStore::setNotice(const QString &title, const QString &message)
+{
+    m_notice = HistoryNotice{QUuid::createUuid(), title, message};
+    Q_EMIT noticeChanged();
+}
+
+void HistoryStore::setArchiving(bool archiving)
+{
+    if (m_archiving == archiving)
+        return;
+    m_archiving = archiving;
+    Q_EMIT isArchivingChanged(archiving);
+}
+
+void HistoryStore::reload()
+{
+    runInBackground(this, [journal = m_journal] { return readJournal(journal); },
+        [this](ReadResult result) {
+            if (result.error)
+                setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *result.error);
+            else
+                setRecords(std::move(result.records));
+            Q_EMIT reloaded();
+        });
+}
+
+void HistoryStore::readBackAfterArchive(std::function<void()> then)
+{
+    runInBackground(this, [journal = m_journal] { return readJournal(journal); },
+        [this, then = std::move(then)](ReadResult result) {
+            if (!result.error)
+                setRecords(std::move(result.records));
+            then();
+        });
+}
+
+void HistoryStore::archiveAndClear(const QString &destination)
+{
+    if (m_archiving)
+        return;
+    setArchiving(true);
+    struct Outcome {
+        std::optional<TranscriptHistoryArchive> archive;
+        QString error;
+    };
+    runInBackground(this,
+        [journal = m_journal, destination]() -> Outcome {
+            try {
+                return {dictora::archiveAndClear(journal, destination, QDateTime::currentDateTimeUtc()), {}};
+            } catch (const Error &e) {
+                return {std::nullopt, e.description()};
+            } catch (const std::exception &e) {
+                return {std::nullopt, QString::fromUtf8(e.what())};
+            }
+        },
+        [this, destination](Outcome outcome) {
+            if (outcome.archive) {
+                const qint64 count = outcome.archive->recordCount;
+                readBackAfterArchive([this, destination, count] {
+                    setQuery(QString());
+                    resetTimeFilters();
+                    setFilterPanelPresented(false);
+                    setNotice(QStringLiteral("History Archived"),
+                        QStringLiteral("Saved and verified %1 transcriptions in %2. Your in-app History is now clear.")
+                            .arg(count)
+                            .arg(QFileInfo(destination).fileName()));
+                    setArchiving(false);
+                    Q_EMIT archiveFinished(true);
+                });
+            } else {
+                setNotice(QStringLiteral("Archive Failed"), outcome.error);
+                readBackAfterArchive([this] {
+                    setArchiving(false);
+                    Q_EMIT archiveFinished(false);
+                });
+            }
+        });
+}
+
+} // namespace dictora

@@ -1,0 +1,133 @@
+#include "core/ProductPreferences.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace dictora;
+
+class ProductPreferencesTest : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    int m_case = 0;
+    // A fresh file per case: QSettings caches files by path within a process.
+    QString iniPath() const { return m_dir.filePath(QStringLiteral("Dictora-%1.conf").arg(m_case)); }
+
+    // Writes raw INI text, as a user or an older version may have left it.
+    void writeIni(const QByteArray &body)
+    {
+        QFile f(iniPath());
+        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        f.write("[General]\n" + body);
+    }
+
+private Q_SLOTS:
+    void init() { ++m_case; }
+
+    void defaultsWhenEmpty()
+    {
+        QSettings s(iniPath(), QSettings::IniFormat);
+        ProductPreferences p(s);
+        QCOMPARE(p.microphoneLocation(), ScreenAnchor::bottomMiddle);
+        QCOMPARE(p.microphoneSize(), OverlaySize::medium);
+        QCOMPARE(p.microphoneOpacity(), 0.9);
+        QVERIFY(p.showsMicrophoneIcon());
+        QVERIFY(!p.hasCompletedOnboarding());
+        QCOMPARE(p.keyboardShortcut(), GlobalShortcut::defaultShortcut());
+        QVERIFY(p.formattingEnabled());
+        QVERIFY(p.snippetsEnabled());
+        // Reading writes nothing back.
+        QVERIFY(s.allKeys().isEmpty());
+    }
+
+    void readsStoredText_data()
+    {
+        QTest::addColumn<QByteArray>("ini");
+        QTest::addColumn<QString>("location");
+        QTest::addColumn<QString>("size");
+        QTest::addColumn<double>("opacity");
+        QTest::addColumn<bool>("snippets");
+        QTest::newRow("opacity below floor") << QByteArray("overlay.microphone.opacity=0.1\n") << "bottomMiddle" << "medium" << 0.2 << true;
+        QTest::newRow("opacity above ceiling") << QByteArray("overlay.microphone.opacity=1.5\n") << "bottomMiddle" << "medium" << 1.0 << true;
+        QTest::newRow("opacity as text") << QByteArray("overlay.microphone.opacity=dim\n") << "bottomMiddle" << "medium" << 0.9 << true;
+        QTest::newRow("opacity in range") << QByteArray("overlay.microphone.opacity=0.55\n") << "bottomMiddle" << "medium" << 0.55 << true;
+        QTest::newRow("unknown anchor") << QByteArray("overlay.microphone.location=center\n") << "bottomMiddle" << "medium" << 0.9 << true;
+        QTest::newRow("anchor is case-sensitive") << QByteArray("overlay.microphone.location=TopLeft\n") << "bottomMiddle" << "medium" << 0.9 << true;
+        QTest::newRow("known anchor") << QByteArray("overlay.microphone.location=topRight\n") << "topRight" << "medium" << 0.9 << true;
+        QTest::newRow("unknown size") << QByteArray("overlay.microphone.size=huge\n") << "bottomMiddle" << "medium" << 0.9 << true;
+        QTest::newRow("small") << QByteArray("overlay.microphone.size=small\n") << "bottomMiddle" << "small" << 0.9 << true;
+        QTest::newRow("snippets off") << QByteArray("transcription.snippets.enabled=false\n") << "bottomMiddle" << "medium" << 0.9 << false;
+        QTest::newRow("snippets garbage means on") << QByteArray("transcription.snippets.enabled=maybe\n") << "bottomMiddle" << "medium" << 0.9 << true;
+    }
+    void readsStoredText()
+    {
+        QFETCH(QByteArray, ini);
+        QFETCH(QString, location);
+        QFETCH(QString, size);
+        QFETCH(double, opacity);
+        QFETCH(bool, snippets);
+        writeIni(ini);
+        QSettings s(iniPath(), QSettings::IniFormat);
+        ProductPreferences p(s);
+        QCOMPARE(rawValue(p.microphoneLocation()), location);
+        QCOMPARE(rawValue(p.microphoneSize()), size);
+        QCOMPARE(p.microphoneOpacity(), opacity);
+        QCOMPARE(p.snippetsEnabled(), snippets);
+    }
+
+    void storedShortcutFallsBack_data()
+    {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<bool>("isDefault");
+        QTest::newRow("valid ctrl+alt+K") << QByteArray(R"({"keyCode":40,"modifiers":6,"keyLabel":"K"})") << false;
+        QTest::newRow("modifiers out of range") << QByteArray(R"({"keyCode":40,"modifiers":300,"keyLabel":"K"})") << true;
+        QTest::newRow("missing label") << QByteArray(R"({"keyCode":40,"modifiers":6})") << true;
+        QTest::newRow("one modifier fails validation") << QByteArray(R"({"keyCode":40,"modifiers":1,"keyLabel":"K"})") << true;
+        QTest::newRow("not json") << QByteArray("{{{") << true;
+    }
+    void storedShortcutFallsBack()
+    {
+        QFETCH(QByteArray, json);
+        QFETCH(bool, isDefault);
+        {
+            QSettings s(iniPath(), QSettings::IniFormat);
+            s.setValue(QLatin1String(ProductPreferences::kShortcutKey), QString::fromUtf8(json));
+        }
+        QSettings s(iniPath(), QSettings::IniFormat);
+        ProductPreferences p(s);
+        QCOMPARE(p.keyboardShortcut() == GlobalShortcut::defaultShortcut(), isDefault);
+        // A fall-back never rewrites what is stored.
+        QCOMPARE(s.value(QLatin1String(ProductPreferences::kShortcutKey)).toString().toUtf8(), json);
+    }
+
+    void writesSurviveReload()
+    {
+        const GlobalShortcut shortcut{40, {GlobalShortcutModifiers::control | GlobalShortcutModifiers::option}, QStringLiteral("K")};
+        {
+            QSettings s(iniPath(), QSettings::IniFormat);
+            ProductPreferences p(s);
+            p.setMicrophoneLocation(ScreenAnchor::topLeft);
+            p.setMicrophoneSize(OverlaySize::large);
+            p.setMicrophoneOpacity(0.05);
+            p.setShowsMicrophoneIcon(false);
+            p.setHasCompletedOnboarding(true);
+            p.setKeyboardShortcut(shortcut);
+            p.setFormattingEnabled(false);
+            p.setSnippetsEnabled(false);
+            QCOMPARE(p.microphoneOpacity(), 0.2);
+        }
+        QSettings s(iniPath(), QSettings::IniFormat);
+        ProductPreferences p(s);
+        QCOMPARE(p.microphoneLocation(), ScreenAnchor::topLeft);
+        QCOMPARE(p.microphoneSize(), OverlaySize::large);
+        QCOMPARE(p.microphoneOpacity(), 0.2);
+        QVERIFY(!p.showsMicrophoneIcon());
+        QVERIFY(p.hasCompletedOnboarding());
+        QCOMPARE(p.keyboardShortcut(), shortcut);
+        QVERIFY(!p.formattingEnabled());
+        QVERIFY(!p.snippetsEnabled());
+    }
+};
+
+QTEST_GUILESS_MAIN(ProductPreferencesTest)
+#include "tst_product_preferences.moc"

@@ -1,0 +1,57 @@
+#include "core/DataPaths.h"
+#include "support/TestSupport.h"
+
+#include <QProcess>
+#include <QtTest>
+
+// The real binary, started twice in one isolated session.
+class SingleInstanceTest : public QObject {
+    Q_OBJECT
+
+    dictora::test::IsolatedHome m_home;
+
+    static QString readAll(const QString &path)
+    {
+        QFile f(path);
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+    }
+
+private Q_SLOTS:
+    void secondStartFindsTheFirst()
+    {
+        QProcess first;
+        first.setProcessChannelMode(QProcess::ForwardedChannels);
+        first.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("-platform"), QStringLiteral("offscreen")});
+        QVERIFY(first.waitForStarted());
+        const QString log = dictora::DataPaths::logFile();
+        QTRY_VERIFY_WITH_TIMEOUT(readAll(log).contains(QStringLiteral("app started dataDirectory=")), 20000);
+        QVERIFY(readAll(log).contains(dictora::DataPaths::dataDirectory()));
+        QCOMPARE(QFile::permissions(dictora::DataPaths::dataDirectory()) & 0x0077, QFileDevice::Permissions());
+
+        QProcess second;
+        second.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("-platform"), QStringLiteral("offscreen")});
+        QVERIFY(second.waitForFinished(20000));
+        QCOMPARE(second.exitCode(), 0);
+        QVERIFY(second.readAllStandardOutput().contains("already running"));
+        QCOMPARE(first.state(), QProcess::Running);
+        QTRY_VERIFY_WITH_TIMEOUT(readAll(log).contains(QStringLiteral("second launch")), 10000);
+
+        first.terminate();
+        QVERIFY(first.waitForFinished(10000));
+        QCOMPARE(first.exitStatus(), QProcess::NormalExit);
+        // A clean exit removes the socket, so the next start is a first start again.
+        QVERIFY(!QFile::exists(dictora::DataPaths::instanceSocket()));
+    }
+
+    void toggleWithoutInstanceFails()
+    {
+        QProcess toggle;
+        toggle.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("toggle")});
+        QVERIFY(toggle.waitForFinished(20000));
+        QCOMPARE(toggle.exitCode(), 1);
+        QVERIFY(toggle.readAllStandardError().contains("not running"));
+    }
+};
+
+QTEST_GUILESS_MAIN(SingleInstanceTest)
+#include "tst_single_instance.moc"

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "history/TranscriptRecord.h"
+
+namespace dictora::test {
+
+inline TranscriptRecord recordSavedAt(const QDateTime &savedAt, const QString &text, const QString &id = QString())
+{
+    TranscriptRecord r;
+    r.id = id.isEmpty() ? QUuid::createUuid() : QUuid(id);
+    r.savedAt = savedAt.toUTC();
+    r.recordingStartedAt = r.savedAt.addMSecs(-3000);
+    r.recordingEndedAt = r.savedAt.addMSecs(-500);
+    r.transcript = text;
+    r.outcome = TranscriptOutcome::pasted;
+    r.recordingDurationMilliseconds = 2500;
+    r.totalDurationMilliseconds = 3000;
+    return r;
+}
+
+inline QDateTime utc(const char *iso)
+{
+    return QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODateWithMs).toUTC();
+}
+
+} // namespace dictora::test

@@ -1,0 +1,192 @@
+#include "history/TranscriptJournal.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <thread>
+#include <unistd.h>
+
+using namespace dictora;
+
+namespace {
+
+TranscriptRecord makeRecord(int n, const QString &text = QString())
+{
+    TranscriptRecord r;
+    r.id = QUuid::createUuid();
+    r.recordingStartedAt = QDateTime::fromMSecsSinceEpoch(1700000000000 + n * 1000LL, Qt::UTC);
+    r.recordingEndedAt = r.recordingStartedAt.addMSecs(500);
+    r.savedAt = r.recordingEndedAt.addMSecs(100);
+    r.transcript = text.isNull() ? QStringLiteral("record %1").arg(n) : text;
+    r.outcome = TranscriptOutcome::pasted;
+    r.targetApplication = TargetApplication{QStringLiteral("xterm"), QStringLiteral("XTerm"), 100 + n};
+    r.earsDurationMilliseconds = n;
+    return r;
+}
+
+QByteArray fileBytes(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+void writeBytes(const QString &path, const QByteArray &bytes)
+{
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(bytes);
+}
+
+} // namespace
+
+class TranscriptJournalTest : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QString journalPath() const { return m_dir.filePath(QStringLiteral("Dictora/transcripts.jsonl")); }
+
+private Q_SLOTS:
+    void init() { QDir(m_dir.filePath(QStringLiteral("Dictora"))).removeRecursively(); }
+
+    void missingFileReadsEmptyAndStaysMissing()
+    {
+        TranscriptJournal journal(journalPath());
+        QVERIFY(journal.readAll().isEmpty());
+        QVERIFY(!QFile::exists(journalPath()));
+    }
+
+    void prepareCreatesPrivateFolderAndFile()
+    {
+        TranscriptJournal journal(journalPath());
+        journal.prepare();
+        QVERIFY(QFile::exists(journalPath()));
+        QCOMPARE(QFileInfo(journalPath()).size(), 0);
+        QCOMPARE(int(QFile::permissions(journalPath()) & 0x0077), 0);
+        QVERIFY(QFile::permissions(journalPath()).testFlags(QFile::ReadOwner | QFile::WriteOwner));
+        const QString folder = m_dir.filePath(QStringLiteral("Dictora"));
+        QCOMPARE(int(QFile::permissions(folder) & 0x0077), 0);
+    }
+
+    void appendRecreatesDeletedFolder()
+    {
+        TranscriptJournal journal(journalPath());
+        journal.append(makeRecord(1));
+        QVERIFY(QDir(m_dir.filePath(QStringLiteral("Dictora"))).removeRecursively());
+        const TranscriptRecord r = makeRecord(2);
+        journal.append(r);
+        const auto records = journal.readAll();
+        QCOMPARE(records.size(), 1);
+        QCOMPARE(records.first(), r);
+        QVERIFY(fileBytes(journalPath()).endsWith('\n'));
+    }
+
+    void damagedLinesAreSkippedAndKept_data()
+    {
+        QTest::addColumn<QByteArray>("between");
+        QTest::addColumn<QByteArray>("tail");
+        QTest::newRow("empty line and garbage") << QByteArray("\n\ngarbage{\n") << QByteArray("\n");
+        QTest::newRow("no final line feed") << QByteArray("\n") << QByteArray();
+        QTest::newRow("foreign json") << QByteArray("\n{\"hello\":\"world\"}\n") << QByteArray("\n");
+        QTest::newRow("binary noise") << QByteArray("\n\x00\xff\xfe\x01\n", 6) << QByteArray("\n");
+    }
+    void damagedLinesAreSkippedAndKept()
+    {
+        QFETCH(QByteArray, between);
+        QFETCH(QByteArray, tail);
+        QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
+        const TranscriptRecord a = makeRecord(1), b = makeRecord(2);
+        const QByteArray bytes = a.toJsonLine() + between + b.toJsonLine() + tail;
+        writeBytes(journalPath(), bytes);
+        TranscriptJournal journal(journalPath());
+        const auto records = journal.readAll();
+        QCOMPARE(records.size(), 2);
+        QCOMPARE(records.at(0), a);
+        QCOMPARE(records.at(1), b);
+        QCOMPARE(fileBytes(journalPath()), bytes); // nothing repaired
+    }
+
+    void crlfLineAndCrashCutLineAreSkipped()
+    {
+        QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
+        const TranscriptRecord a = makeRecord(1), b = makeRecord(2), c = makeRecord(3);
+        const QByteArray cut = c.toJsonLine().left(c.toJsonLine().size() / 2);
+        writeBytes(journalPath(), a.toJsonLine() + "\r\n" + b.toJsonLine() + "\n" + cut);
+        TranscriptJournal journal(journalPath());
+        QCOMPARE(journal.readAll(), QList<TranscriptRecord>{b});
+        // The next append fuses with the cut line; that one record is lost, later ones are not.
+        journal.append(makeRecord(4));
+        const TranscriptRecord e = makeRecord(5);
+        journal.append(e);
+        QCOMPARE(journal.readAll(), (QList<TranscriptRecord>{b, e}));
+    }
+
+    void concurrentAppendsNeverInterleave()
+    {
+        TranscriptJournal journal(journalPath());
+        constexpr int threads = 4, perThread = 60;
+        const QString longText = QString(QLatin1Char('x')).repeated(9000); // larger than a pipe buffer
+        std::vector<std::thread> workers;
+        for (int t = 0; t < threads; ++t) {
+            workers.emplace_back([&, t] {
+                TranscriptJournal copy = journal; // copies share the lock
+                for (int i = 0; i < perThread; ++i)
+                    copy.append(makeRecord(t * 1000 + i, i % 3 == 0 ? longText : QString()));
+            });
+        }
+        for (auto &w : workers)
+            w.join();
+        const QByteArray bytes = fileBytes(journalPath());
+        QCOMPARE(bytes.count('\n'), threads * perThread);
+        QCOMPARE(journal.readAll().size(), threads * perThread);
+    }
+
+    void replaceAllWithEmptyLeavesEmptyFile()
+    {
+        TranscriptJournal journal(journalPath());
+        journal.append(makeRecord(1));
+        journal.lock().replaceAll({});
+        QVERIFY(QFile::exists(journalPath()));
+        QCOMPARE(QFileInfo(journalPath()).size(), 0);
+        QCOMPARE(int(QFile::permissions(journalPath()) & 0x0077), 0);
+    }
+
+    void readOnlyFolderIsAnError()
+    {
+        if (::geteuid() == 0)
+            QSKIP("root ignores directory permissions; covered by the unwritable-path case below");
+        const QString folder = m_dir.filePath(QStringLiteral("Dictora"));
+        QDir().mkpath(folder);
+        QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner);
+        TranscriptJournal journal(journalPath());
+        QVERIFY_THROWS_EXCEPTION(JournalError, journal.append(makeRecord(1)));
+        QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+
+    void unwritablePathIsAnErrorWithReason()
+    {
+        // A plain file where the folder should be fails for root too.
+        const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
+        writeBytes(blocker, "x");
+        TranscriptJournal journal(blocker + QStringLiteral("/transcripts.jsonl"));
+        try {
+            journal.append(makeRecord(1));
+            QFAIL("append into a file did not throw");
+        } catch (const JournalError &e) {
+            QVERIFY2(e.description().contains(QStringLiteral("blocker")), qPrintable(e.description()));
+        }
+        QVERIFY_THROWS_EXCEPTION(JournalError, journal.prepare());
+        QCOMPARE(fileBytes(blocker), QByteArray("x"));
+    }
+
+    void fullDiskIsAnError()
+    {
+        if (!QFile::exists(QStringLiteral("/dev/full")))
+            QSKIP("no /dev/full here");
+        TranscriptJournal journal(QStringLiteral("/dev/full"));
+        QVERIFY_THROWS_EXCEPTION(JournalError, journal.append(makeRecord(1)));
+    }
+};
+
+QTEST_GUILESS_MAIN(TranscriptJournalTest)
+#include "tst_transcript_journal.moc"

@@ -1,0 +1,42 @@
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <cstdio>
+
+namespace dictora::test {
+
+QString sharedTestData()
+{
+    const QString dir = qEnvironmentVariable("DICTORA_SHARED_TESTDATA");
+    if (dir.isEmpty() || !QFileInfo(dir).isDir())
+        return {};
+    return QDir(dir).absolutePath();
+}
+
+int skipAll(const char *reason)
+{
+    std::printf("SKIP: %s\n", reason);
+    std::fflush(stdout);
+    return kSkipExitCode;
+}
+
+IsolatedHome::IsolatedHome()
+{
+    const QDir root(m_dir.path());
+    for (const char *sub : {"data", "config", "runtime"})
+        root.mkpath(QLatin1String(sub));
+    QFile::setPermissions(root.filePath(QStringLiteral("runtime")),
+        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("XDG_DATA_HOME", root.filePath(QStringLiteral("data")).toUtf8());
+    qputenv("XDG_CONFIG_HOME", root.filePath(QStringLiteral("config")).toUtf8());
+    qputenv("XDG_RUNTIME_DIR", root.filePath(QStringLiteral("runtime")).toUtf8());
+}
+
+QString IsolatedHome::dataHome() const
+{
+    return QDir(m_dir.path()).filePath(QStringLiteral("data"));
+}
+
+} // namespace dictora::test
