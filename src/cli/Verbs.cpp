@@ -6,6 +6,7 @@
 
 namespace dictora::cli {
 
+int runFormat(const QStringList &arguments); // FormatVerb.cpp
 
 int runToggle(const QStringList &arguments)
 {
@@ -32,6 +33,7 @@ const QList<Verb> &verbs()
     static const QList<Verb> all{
         {"toggle", "start or stop a dictation in the running Dictora", false, &runToggle},
         {"history", "list, search and archive the History", false, &runHistory},
+        {"format", "format standard input as a dictation and apply the snippets", false, &runFormat},
     };
     return all;
 }

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "text/SnippetEntry.h"
+
+namespace dictora {
+
+// Rewrites a finished transcript with the user's snippets. Each entry, in list
+// order, replaces every case-insensitive occurrence of its trimmed trigger
+// (anywhere, also inside words); the search resumes after the inserted text, so
+// an expansion is never expanded again by its own entry. Pure and thread-safe.
+namespace SnippetExpander {
+QString apply(const QString &text, const SnippetEntries &entries);
+}
+
+} // namespace dictora
