@@ -4,6 +4,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <ctime>
 
 namespace dictora::HistoryFilter {
 
@@ -24,17 +25,29 @@ QString searchKey(const QString &text)
 
 namespace {
 
+// The C library's conversion: it follows TZ and the system zone on every
+// call (so a change applies at once) and is far cheaper than QDateTime's.
+std::optional<struct tm> localComponents(const QDateTime &instant)
+{
+    if (!instant.isValid())
+        return std::nullopt;
+    const qint64 ms = instant.toMSecsSinceEpoch();
+    const time_t seconds = time_t(ms >= 0 ? ms / 1000 : (ms - 999) / 1000);
+    struct tm tm{};
+    if (!localtime_r(&seconds, &tm))
+        return std::nullopt;
+    return tm;
+}
+
 bool matchesTime(const TranscriptRecord &r, const HistoryQuery &q)
 {
     if (!q.hasTimeFilter())
         return true;
-    // Converted on every evaluation so a time-zone change applies at once.
-    const QDateTime local = r.savedAt.toLocalTime();
-    if (!local.isValid())
+    const auto tm = localComponents(r.savedAt);
+    if (!tm)
         return false;
-    const QDate date = local.date();
-    return (!q.hour || local.time().hour() == *q.hour) && (!q.day || date.day() == *q.day)
-        && (!q.month || date.month() == *q.month) && (!q.year || date.year() == *q.year);
+    return (!q.hour || tm->tm_hour == *q.hour) && (!q.day || tm->tm_mday == *q.day)
+        && (!q.month || tm->tm_mon + 1 == *q.month) && (!q.year || tm->tm_year + 1900 == *q.year);
 }
 
 } // namespace
@@ -52,20 +65,18 @@ QList<TranscriptRecord> apply(const QList<TranscriptRecord> &records, const QLis
             continue;
         kept.append(r);
     }
-    // Sort once on precomputed keys: the id string form is not cheap.
-    std::vector<std::pair<qint64, QString>> keys;
-    keys.reserve(size_t(kept.size()));
+    std::vector<qint64> savedAt;
+    savedAt.reserve(size_t(kept.size()));
     for (const TranscriptRecord &r : kept)
-        keys.emplace_back(r.savedAt.toMSecsSinceEpoch(), uuidString(r.id));
+        savedAt.push_back(r.savedAt.toMSecsSinceEpoch());
     std::vector<qsizetype> order(size_t(kept.size()));
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = qsizetype(i);
     std::stable_sort(order.begin(), order.end(), [&](qsizetype a, qsizetype b) {
-        const auto &ka = keys[size_t(a)];
-        const auto &kb = keys[size_t(b)];
-        if (ka.first != kb.first)
-            return ka.first > kb.first;
-        return ka.second > kb.second;
+        if (savedAt[size_t(a)] != savedAt[size_t(b)])
+            return savedAt[size_t(a)] > savedAt[size_t(b)];
+        // Ties are rare; only then is the id's string form worth building.
+        return uuidString(kept.at(a).id) > uuidString(kept.at(b).id);
     });
     QList<TranscriptRecord> sorted;
     sorted.reserve(kept.size());
@@ -91,7 +102,8 @@ QList<int> availableYears(const QList<TranscriptRecord> &records, std::optional<
 {
     QSet<int> years;
     for (const TranscriptRecord &r : records)
-        years.insert(r.savedAt.toLocalTime().date().year());
+        if (const auto tm = localComponents(r.savedAt))
+            years.insert(tm->tm_year + 1900);
     years.insert(QDate::currentDate().year());
     if (chosenYear)
         years.insert(*chosenYear);

@@ -96,6 +96,14 @@ void HistoryStore::clearNotice()
 
 QList<TranscriptRecord> HistoryStore::filteredRecords() const
 {
+    if (m_query.search.trimmed().isEmpty())
+        return HistoryFilter::apply(m_records, QList<QString>(m_records.size()), m_query);
+    if (m_searchKeys.size() != m_records.size()) {
+        m_searchKeys.clear();
+        m_searchKeys.reserve(m_records.size());
+        for (const TranscriptRecord &r : m_records)
+            m_searchKeys.append(HistoryFilter::searchKey(r.transcript));
+    }
     return HistoryFilter::apply(m_records, m_searchKeys, m_query);
 }
 
@@ -108,9 +116,6 @@ void HistoryStore::setRecords(QList<TranscriptRecord> records)
 {
     m_records = std::move(records);
     m_searchKeys.clear();
-    m_searchKeys.reserve(m_records.size());
-    for (const TranscriptRecord &r : m_records)
-        m_searchKeys.append(HistoryFilter::searchKey(r.transcript));
     Q_EMIT recordsChanged();
 }
 

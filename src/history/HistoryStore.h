@@ -68,7 +68,8 @@ private:
 
     TranscriptJournal m_journal;
     QList<TranscriptRecord> m_records;
-    QList<QString> m_searchKeys; // index-aligned with m_records, rebuilt with them
+    // Index-aligned with m_records; built on the first search after a reload.
+    mutable QList<QString> m_searchKeys;
     HistoryQuery m_query;
     bool m_filterPanelPresented = false;
     bool m_archiving = false;

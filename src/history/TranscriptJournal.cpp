@@ -6,7 +6,9 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <algorithm>
 #include <cerrno>
+#include <thread>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -70,22 +72,55 @@ void TranscriptJournal::append(const TranscriptRecord &record) const
     throwIfFailed(failure);
 }
 
-QList<TranscriptRecord> TranscriptJournal::decodeLines(const QByteArray &bytes)
+namespace {
+
+void decodeRange(const QByteArray &bytes, qsizetype start, qsizetype stop, QList<TranscriptRecord> &records)
 {
-    QList<TranscriptRecord> records;
-    records.reserve(bytes.count('\n') + 1);
-    qsizetype start = 0;
-    while (start < bytes.size()) {
+    while (start < stop) {
         qsizetype end = bytes.indexOf('\n', start);
         if (end < 0)
             end = bytes.size();
         // A CRLF line is not ours: skipped like any corrupt line, and left in the file.
         if (end > start && bytes.at(end - 1) != '\r') {
-            if (auto record = TranscriptRecord::fromJson(bytes.mid(start, end - start)))
+            if (auto record = TranscriptRecord::fromJson(QByteArray::fromRawData(bytes.constData() + start, end - start)))
                 records.append(std::move(*record));
         }
         start = end + 1;
     }
+}
+
+} // namespace
+
+QList<TranscriptRecord> TranscriptJournal::decodeLines(const QByteArray &bytes)
+{
+    // Decoding dominates a History reload; large journals are split at line
+    // boundaries and decoded on every core.
+    constexpr qsizetype kParallelFrom = 1 << 20;
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    if (bytes.size() < kParallelFrom || cores == 1) {
+        QList<TranscriptRecord> records;
+        decodeRange(bytes, 0, bytes.size(), records);
+        return records;
+    }
+    std::vector<qsizetype> bounds{0};
+    for (unsigned i = 1; i < cores; ++i) {
+        const qsizetype newline = bytes.indexOf('\n', bytes.size() * qsizetype(i) / cores);
+        if (newline < 0)
+            break;
+        if (newline + 1 > bounds.back())
+            bounds.push_back(newline + 1);
+    }
+    bounds.push_back(bytes.size());
+    std::vector<QList<TranscriptRecord>> parts(bounds.size() - 1);
+    std::vector<std::thread> workers;
+    for (size_t i = 1; i < parts.size(); ++i)
+        workers.emplace_back([&, i] { decodeRange(bytes, bounds[i], bounds[i + 1], parts[i]); });
+    decodeRange(bytes, bounds[0], bounds[1], parts[0]);
+    for (auto &w : workers)
+        w.join();
+    QList<TranscriptRecord> records;
+    for (auto &part : parts)
+        records.append(std::move(part));
     return records;
 }
 
