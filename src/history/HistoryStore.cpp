@@ -2,9 +2,9 @@
 
 #include "history/TranscriptHistoryArchive.h"
 
+#include "core/Background.h"
+
 #include <QFileInfo>
-#include <QPointer>
-#include <QThreadPool>
 
 namespace dictora {
 
@@ -24,23 +24,6 @@ ReadResult readJournal(const TranscriptJournal &journal)
     } catch (const std::exception &e) {
         return {{}, QString::fromUtf8(e.what())};
     }
-}
-
-// Runs `work` on the pool and `done(result)` back on the owner's thread,
-// unless the owner is gone by then.
-template<typename Work, typename Done>
-void runInBackground(QObject *owner, Work work, Done done)
-{
-    QPointer<QObject> guard(owner);
-    QThreadPool::globalInstance()->start([guard, work = std::move(work), done = std::move(done)]() mutable {
-        auto result = work();
-        if (!guard)
-            return;
-        QMetaObject::invokeMethod(guard.data(), [guard, done = std::move(done), result = std::move(result)]() mutable {
-            if (guard)
-                done(std::move(result));
-        }, Qt::QueuedConnection);
-    });
 }
 
 } // namespace

@@ -1,0 +1,112 @@
+#pragma once
+
+#include "core/DictoraState.h"
+#include "core/ProductPreferences.h"
+#include "core/RuntimeLog.h"
+#include "core/session/DictationPorts.h"
+#include "history/TranscriptJournal.h"
+#include "onboarding/OnboardingModel.h"
+#include "platform/PermissionProbe.h"
+#include "platform/ShortcutBackend.h"
+#include "text/SnippetStore.h"
+
+#include <QDateTime>
+#include <QObject>
+#include <QTimer>
+#include <QUuid>
+
+namespace dictora {
+
+struct ShortcutUpdateOutcome {
+    enum class Kind { failed, updated, needsAccessibility };
+    Kind kind = Kind::updated;
+    QString message; // for failed
+    friend bool operator==(const ShortcutUpdateOutcome &, const ShortcutUpdateOutcome &) = default;
+};
+
+// Runs a dictation from shortcut press to saved record. Main thread only;
+// the only writer of DictoraState.
+class DictoraController : public QObject {
+    Q_OBJECT
+public:
+    static constexpr auto kEngineIdentifier = "exact-local-large-v3-turbo-q5_0";
+    static constexpr auto kNoTargetMessage = "No external target application was focused when recording began.";
+
+    struct Collaborators {
+        SpeechPort &speech;
+        MicrophonePort &microphone;
+        PasterPort &paster;
+        ShortcutBackend &shortcut;
+        PermissionProbe &permissions;
+        SnippetStore &snippets;
+        TranscriptJournal journal;
+        RuntimeLog &log;
+        QString dataDirectory;
+        ViewPorts views;
+        // Timer periods; tests shorten them.
+        int shortcutRetryMs = 1000;
+        int permissionPollMs = 750;
+        int onboardingDelayMs = 350;
+        int listeningDotMs = 250;
+    };
+
+    DictoraController(DictoraState &state, ProductPreferences &preferences, Collaborators collaborators,
+        QObject *parent = nullptr);
+    ~DictoraController() override;
+
+    OnboardingModel &onboarding() { return m_onboarding; }
+    DictoraState &state() { return m_state; }
+    bool isOperationInFlight() const { return m_operationInFlight; }
+
+    void start();
+    void toggleRecording();
+    ShortcutUpdateOutcome updateKeyboardShortcut(const GlobalShortcut &candidate);
+    void finishOnboarding();
+    void requestOnboardingMicrophonePermission();
+    void continueAccessibility();
+    void installCurrentShortcutSilently();
+    void refreshOnboardingPermissionStatus();
+
+Q_SIGNALS:
+    // A dictation ended, with or without a record (tests and the windows listen).
+    void dictationFinished();
+
+private:
+    void beginRecording();
+    void captureStarted(bool permitted);
+    void stopAndPaste();
+    void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs);
+    void failDictation(const QString &error);
+    void appendInBackground(TranscriptRecord record, std::function<void(QString error)> done);
+    void resetSession();
+    void startListeningDots();
+    void stopListeningDots();
+    void requestNextOnboardingPermissionIfNeeded();
+    void startOnboardingPermissionPolling();
+    bool isPracticing() const;
+    void log(const QString &message) const { m_c.log.write(message); }
+
+    DictoraState &m_state;
+    ProductPreferences &m_preferences;
+    Collaborators m_c;
+    OnboardingModel m_onboarding;
+
+    std::optional<QDateTime> m_recordingStartedAt;
+    std::optional<QUuid> m_recordingSessionID;
+    std::optional<PasteTarget> m_target;
+    bool m_operationInFlight = false;
+    bool m_meterActivityLogged = false;
+    bool m_loggedAccessibilityWait = false;
+    std::optional<GlobalShortcut> m_pendingShortcutUpdate;
+
+    // Session values carried across the asynchronous stop.
+    QDateTime m_endedAt;
+    QDateTime m_startedAt;
+    QUuid m_sessionID;
+
+    QTimer m_permissionRetryTimer;
+    QTimer m_onboardingPermissionTimer;
+    QTimer m_listeningDots;
+};
+
+} // namespace dictora

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "shortcut/GlobalShortcut.h"
+
+#include <QObject>
+#include <QString>
+
+namespace dictora {
+
+// A system-wide key binding for one shortcut. `pressed` fires once per key
+// press of exactly that chord; held-key repeats and releases never fire.
+class ShortcutBackend : public QObject {
+    Q_OBJECT
+public:
+    explicit ShortcutBackend(QObject *parent = nullptr);
+    ~ShortcutBackend() override;
+
+    // True when the shortcut is active afterwards. Installing the shortcut
+    // that is already active does nothing and succeeds.
+    virtual bool install(const GlobalShortcut &shortcut) = 0;
+    // True only while exactly this shortcut is bound and working.
+    virtual bool verifyInstalled(const GlobalShortcut &shortcut) const = 0;
+    // Safe to call when nothing is installed.
+    virtual void uninstall() = 0;
+    // Why the last install failed, in words for the user; empty after success.
+    virtual QString failureReason() const = 0;
+
+Q_SIGNALS:
+    void pressed();
+};
+
+} // namespace dictora

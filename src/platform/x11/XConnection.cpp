@@ -1,0 +1,146 @@
+#include "platform/x11/XConnection.h"
+
+#include <QProcessEnvironment>
+
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+
+namespace dictora::x11 {
+
+namespace {
+// Innermost active trap; Xlib calls the error handler on the thread that
+// reads the reply, which for these private connections is the caller's.
+thread_local XErrorTrap *t_innermostTrap = nullptr;
+} // namespace
+
+int trapHandler(_XDisplay *display, void *event)
+{
+    auto *error = static_cast<XErrorEvent *>(event);
+    for (XErrorTrap *trap = t_innermostTrap; trap; trap = trap->m_outer) {
+        if (trap->m_display == display) {
+            if (trap->m_errorCode == 0)
+                trap->m_errorCode = error->error_code;
+            return 0;
+        }
+    }
+    // Not ours: hand it to whoever was in charge before the outermost trap.
+    XErrorTrap *outermost = t_innermostTrap;
+    while (outermost && outermost->m_outer)
+        outermost = outermost->m_outer;
+    if (outermost && outermost->m_previousHandler)
+        return reinterpret_cast<XErrorHandler>(outermost->m_previousHandler)(display, error);
+    return 0;
+}
+
+namespace {
+int xlibTrapHandler(Display *display, XErrorEvent *event)
+{
+    return trapHandler(display, event);
+}
+} // namespace
+
+XErrorTrap::XErrorTrap(_XDisplay *display)
+    : m_display(display), m_outer(t_innermostTrap)
+{
+    m_previousHandler = reinterpret_cast<void *>(XSetErrorHandler(xlibTrapHandler));
+    t_innermostTrap = this;
+}
+
+XErrorTrap::~XErrorTrap()
+{
+    if (m_display)
+        XSync(m_display, False); // errors of this scope must not outlive it
+    t_innermostTrap = m_outer;
+    XSetErrorHandler(reinterpret_cast<XErrorHandler>(m_previousHandler));
+}
+
+int XErrorTrap::sync()
+{
+    if (m_display)
+        XSync(m_display, False);
+    return m_errorCode;
+}
+
+XConnection::XConnection()
+{
+    m_displayName = QProcessEnvironment::systemEnvironment().value(QStringLiteral("DISPLAY"));
+    if (m_displayName.isEmpty())
+        return;
+    m_display = XOpenDisplay(nullptr);
+}
+
+XConnection::~XConnection()
+{
+    if (m_display)
+        XCloseDisplay(m_display);
+}
+
+unsigned long XConnection::rootWindow() const
+{
+    return m_display ? DefaultRootWindow(m_display) : 0;
+}
+
+int XConnection::fileDescriptor() const
+{
+    return m_display ? ConnectionNumber(m_display) : -1;
+}
+
+unsigned long XConnection::atom(const char *name) const
+{
+    return m_display ? XInternAtom(m_display, name, False) : 0;
+}
+
+std::optional<std::vector<unsigned long>> XConnection::property32(unsigned long window,
+                                                                  unsigned long property,
+                                                                  unsigned long type) const
+{
+    if (!m_display || window == 0)
+        return std::nullopt;
+    XErrorTrap trap(m_display);
+    Atom actualType = 0;
+    int actualFormat = 0;
+    unsigned long count = 0;
+    unsigned long remaining = 0;
+    unsigned char *data = nullptr;
+    const int status = XGetWindowProperty(m_display, window, property, 0, 1024, False, type,
+                                          &actualType, &actualFormat, &count, &remaining, &data);
+    std::optional<std::vector<unsigned long>> result;
+    if (status == Success && trap.errorCode() == 0 && actualType == type && actualFormat == 32 && data) {
+        // Xlib hands format-32 data back as longs, whatever the platform's width.
+        const auto *items = reinterpret_cast<const unsigned long *>(data);
+        result = std::vector<unsigned long>(items, items + count);
+    }
+    if (data)
+        XFree(data);
+    return result;
+}
+
+std::optional<QByteArray> XConnection::property8(unsigned long window, unsigned long property) const
+{
+    if (!m_display || window == 0)
+        return std::nullopt;
+    XErrorTrap trap(m_display);
+    Atom actualType = 0;
+    int actualFormat = 0;
+    unsigned long count = 0;
+    unsigned long remaining = 0;
+    unsigned char *data = nullptr;
+    const int status = XGetWindowProperty(m_display, window, property, 0, 4096, False, AnyPropertyType,
+                                          &actualType, &actualFormat, &count, &remaining, &data);
+    std::optional<QByteArray> result;
+    if (status == Success && trap.errorCode() == 0 && actualFormat == 8 && data)
+        result = QByteArray(reinterpret_cast<const char *>(data), static_cast<qsizetype>(count));
+    if (data)
+        XFree(data);
+    return result;
+}
+
+QString XConnection::unavailableReason() const
+{
+    if (m_displayName.isEmpty())
+        return QStringLiteral("No X11 display is available (DISPLAY is not set), so Dictora cannot "
+                              "use a global shortcut or paste into other applications.");
+    return QStringLiteral("Dictora could not connect to the X11 display %1.").arg(m_displayName);
+}
+
+} // namespace dictora::x11

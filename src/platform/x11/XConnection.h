@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+#include <vector>
+
+struct _XDisplay;
+
+namespace dictora::x11 {
+
+// One private Xlib connection, closed when it goes. Xlib types stay out of
+// this header so that Qt code including it never meets Xlib's macros.
+class XConnection {
+public:
+    XConnection(); // connects to $DISPLAY; isOpen() tells whether it worked
+    ~XConnection();
+    XConnection(const XConnection &) = delete;
+    XConnection &operator=(const XConnection &) = delete;
+
+    bool isOpen() const { return m_display != nullptr; }
+    _XDisplay *display() const { return m_display; }
+    unsigned long rootWindow() const;
+    int fileDescriptor() const;
+    QString displayName() const { return m_displayName; }
+
+    unsigned long atom(const char *name) const;
+
+    // Format-32 property items (windows, cardinals, atoms), or nothing when the
+    // property is missing, of another type, or the window is gone.
+    std::optional<std::vector<unsigned long>> property32(unsigned long window, unsigned long property,
+                                                         unsigned long type) const;
+    // Format-8 property bytes of any type.
+    std::optional<QByteArray> property8(unsigned long window, unsigned long property) const;
+
+    // "No X display is available …" style text for when isOpen() is false.
+    QString unavailableReason() const;
+
+private:
+    _XDisplay *m_display = nullptr;
+    QString m_displayName;
+};
+
+// Catches X protocol errors on one connection while it lives instead of
+// letting Xlib's default handler end the process. Nests.
+class XErrorTrap {
+public:
+    explicit XErrorTrap(_XDisplay *display);
+    ~XErrorTrap();
+    XErrorTrap(const XErrorTrap &) = delete;
+    XErrorTrap &operator=(const XErrorTrap &) = delete;
+
+    // Round-trips to the server so that every error of the requests made so
+    // far has arrived; returns the first error code seen (0 = none).
+    int sync();
+    int errorCode() const { return m_errorCode; }
+
+private:
+    friend int trapHandler(_XDisplay *, void *);
+    _XDisplay *m_display;
+    int m_errorCode = 0;
+    void *m_previousHandler;
+    XErrorTrap *m_outer;
+};
+
+} // namespace dictora::x11

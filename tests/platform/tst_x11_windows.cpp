@@ -1,0 +1,221 @@
+#include "X11TestSupport.h"
+#include "platform/PermissionProbe.h"
+#include "platform/PlatformServices.h"
+#include "platform/x11/X11KeystrokeSender.h"
+#include "platform/x11/X11WindowTracker.h"
+#include "support/TestSupport.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QWidget>
+#include <QtTest>
+
+#include <thread>
+
+#include <unistd.h>
+
+using namespace dictora;
+using dictora::test::x11::ChildProgram;
+using dictora::test::x11::FakeKeyboard;
+
+class TestX11Windows : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir dataHome;
+    FakeKeyboard keyboard;
+
+    // Starts a terminal that sits idle and waits until the window manager
+    // has made it the active window.
+    static std::unique_ptr<ChildProgram> startTerminal(WindowTracker &tracker, const QStringList &extraArguments,
+                                                       FrontmostWindow *window)
+    {
+        auto program = std::make_unique<ChildProgram>(
+            QStringLiteral("xterm"), extraArguments + QStringList{"-e", "sleep", "600"});
+        if (!program->waitStarted())
+            return nullptr;
+        const qint64 pid = program->pid();
+        QDeadlineTimer deadline(15000);
+        while (!deadline.hasExpired()) {
+            if (auto front = tracker.frontmostWindow(); front && front->processId == pid) {
+                *window = *front;
+                return program;
+            }
+            QTest::qWait(20);
+        }
+        return nullptr;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("xterm")).isEmpty())
+            QSKIP("xterm is not installed (Debian package xterm)");
+        QVERIFY(dataHome.isValid());
+        const QString apps = dataHome.path() + QStringLiteral("/applications");
+        QVERIFY(QDir().mkpath(apps));
+        QFile byClass(apps + QStringLiteral("/dictora-probe.desktop"));
+        QVERIFY(byClass.open(QIODevice::WriteOnly));
+        byClass.write("[Desktop Entry]\nType=Application\nName=Probe Writer\nStartupWMClass=DictoraProbe\n");
+        byClass.close();
+        QFile byName(apps + QStringLiteral("/probe-by-file.desktop"));
+        QVERIFY(byName.open(QIODevice::WriteOnly));
+        byName.write("[Desktop Entry]\nType=Application\nName=File Named Probe\n");
+        byName.close();
+        qputenv("XDG_DATA_HOME", dataHome.path().toLocal8Bit());
+    }
+
+    void reportsARealApplication_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("windowClass");
+        QTest::addColumn<QString>("instanceName");
+        QTest::addColumn<QString>("applicationName");
+
+        QTest::newRow("xterm, named by its Debian desktop entry")
+            << QStringList{} << "XTerm" << "xterm" << "XTerm";
+        QTest::newRow("entry matched by StartupWMClass")
+            << QStringList{"-class", "DictoraProbe"} << "DictoraProbe" << "xterm" << "Probe Writer";
+        QTest::newRow("entry matched by file name")
+            << QStringList{"-class", "probe-by-file"} << "probe-by-file" << "xterm" << "File Named Probe";
+        QTest::newRow("no entry: the class")
+            << QStringList{"-class", "NoEntryAnywhere", "-name", "odd"} << "NoEntryAnywhere" << "odd"
+            << "NoEntryAnywhere";
+    }
+
+    void reportsARealApplication()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, windowClass);
+        QFETCH(QString, instanceName);
+        QFETCH(QString, applicationName);
+        if (applicationName == QLatin1String("XTerm")
+            && !QFile::exists(QStringLiteral("/usr/share/applications/debian-xterm.desktop")))
+            QSKIP("xterm's desktop entry is not installed");
+
+        x11::X11WindowTracker tracker;
+        FrontmostWindow window;
+        auto terminal = startTerminal(tracker, arguments, &window);
+        QVERIFY2(terminal, "xterm never became the active window");
+        QCOMPARE(window.processId, terminal->pid());
+        QCOMPARE(window.windowClass, windowClass);
+        QCOMPARE(window.instanceName, instanceName);
+        QCOMPARE(window.applicationName, applicationName);
+        QVERIFY(!window.window.isNull());
+        QVERIFY(tracker.isActive(window.window));
+        QCOMPARE(tracker.frontmostOtherApplication().value_or(FrontmostWindow{}), window);
+    }
+
+    void ownWindowIsNeverATarget()
+    {
+        x11::X11WindowTracker tracker;
+        QWidget widget;
+        widget.setWindowTitle(QStringLiteral("dictora test window"));
+        widget.resize(200, 100);
+        widget.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&widget));
+        QVERIFY(tracker.activate(WindowHandle{static_cast<quint64>(widget.winId())}, std::chrono::seconds(10)));
+
+        const auto front = tracker.frontmostWindow();
+        QVERIFY(front.has_value());
+        QCOMPARE(front->processId, static_cast<qint32>(::getpid()));
+        QVERIFY(!tracker.frontmostOtherApplication().has_value());
+    }
+
+    void activatesAWindowThatLostFocus()
+    {
+        x11::X11WindowTracker tracker;
+        FrontmostWindow first, second;
+        auto one = startTerminal(tracker, {"-title", "first"}, &first);
+        QVERIFY(one);
+        auto two = startTerminal(tracker, {"-title", "second"}, &second);
+        QVERIFY(two);
+        QVERIFY(!tracker.isActive(first.window));
+
+        QVERIFY(tracker.activate(first.window, std::chrono::seconds(10)));
+        QVERIFY(tracker.isActive(first.window));
+        QCOMPARE(tracker.frontmostWindow()->processId, one->pid());
+        QVERIFY(tracker.activate(first.window, std::chrono::seconds(10))); // already active
+
+        // A window that has gone cannot come back; the wait stays bounded.
+        two.reset();
+        QVERIFY(!tracker.activate(second.window, std::chrono::milliseconds(300)));
+        QVERIFY(!tracker.activate(WindowHandle{}, std::chrono::milliseconds(300)));
+    }
+
+    void modifierHeldIsSeen_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<bool>("counts");
+        QTest::newRow("left shift") << "Shift_L" << true;
+        QTest::newRow("right shift") << "Shift_R" << true;
+        QTest::newRow("left control") << "Control_L" << true;
+        QTest::newRow("right control") << "Control_R" << true;
+        QTest::newRow("alt") << "Alt_L" << true;
+        QTest::newRow("super") << "Super_L" << true;
+        QTest::newRow("plain letter") << "a" << false;
+    }
+
+    void modifierHeldIsSeen()
+    {
+        QFETCH(QString, key);
+        QFETCH(bool, counts);
+        x11::X11KeystrokeSender sender;
+        QVERIFY(sender.failureReason().isEmpty());
+        const int code = keyboard.keycode(key.toLatin1().constData());
+        QVERIFY(code != 0);
+        QVERIFY(!sender.anyModifierHeld());
+        keyboard.press(code);
+        const bool held = sender.anyModifierHeld();
+        keyboard.release(code);
+        QCOMPARE(held, counts);
+        QVERIFY(!sender.anyModifierHeld());
+    }
+
+    void lockStatesAreNotHeldKeys()
+    {
+        x11::X11KeystrokeSender sender;
+        keyboard.setCapsLock(true);
+        keyboard.setNumLock(true);
+        const bool held = sender.anyModifierHeld();
+        keyboard.setCapsLock(false);
+        keyboard.setNumLock(false);
+        QVERIFY(!held);
+    }
+
+    void waitsUntilTheUserLetsGo()
+    {
+        x11::X11KeystrokeSender sender;
+        const int control = keyboard.keycode("Control_L");
+        keyboard.press(control);
+        QVERIFY(!sender.waitForModifiersReleased(std::chrono::milliseconds(50)));
+        std::thread user([control] {
+            FakeKeyboard own; // its own connection: Xlib displays are not shared across threads
+            QThread::msleep(100);
+            own.release(control);
+        });
+        const bool released = sender.waitForModifiersReleased(std::chrono::seconds(20));
+        user.join();
+        QVERIFY(released);
+    }
+
+    void permissionProbeOnAnEwmhDesktop()
+    {
+        const PermissionCheck check = Platform::createPermissionProbe()->accessibility(nullptr);
+        QVERIFY2(check.authorized, qPrintable(check.reason));
+        QVERIFY(check.reason.isEmpty());
+    }
+};
+
+int main(int argc, char **argv)
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY"))
+        return dictora::test::skipAll("needs an X display: run under tests/support/x11/with-x");
+    QApplication app(argc, argv);
+    TestX11Windows tc;
+    return QTest::qExec(&tc, argc, argv);
+}
+
+#include "tst_x11_windows.moc"
