@@ -6,6 +6,7 @@
 
 namespace dictora::cli {
 
+int runTranscribe(const QStringList &arguments); // TranscribeVerb.cpp
 int runFormat(const QStringList &arguments); // FormatVerb.cpp
 
 int runToggle(const QStringList &arguments)
@@ -33,6 +34,7 @@ const QList<Verb> &verbs()
     static const QList<Verb> all{
         {"toggle", "start or stop a dictation in the running Dictora", false, &runToggle},
         {"history", "list, search and archive the History", false, &runHistory},
+        {"transcribe", "recognise the speech in an audio file and print the text", false, &runTranscribe},
         {"format", "format standard input as a dictation and apply the snippets", false, &runFormat},
     };
     return all;

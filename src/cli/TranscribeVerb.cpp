@@ -1,0 +1,182 @@
+// `dictora transcribe FILE`: recognises a recording with the mandatory model,
+// prepared exactly as the application prepares it, then formats it and applies
+// the snippets as the preferences say.
+#include "cli/CommandLine.h"
+#include "core/DataPaths.h"
+#include "core/ProductPreferences.h"
+#include "speech/AccuracyModelContract.h"
+#include "speech/AccuracyModelManager.h"
+#include "speech/AudioFile.h"
+#include "speech/RecognizerLogging.h"
+#include "text/BasicFormatter.h"
+#include "text/SnippetExpander.h"
+#include "text/SnippetStore.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QFutureWatcher>
+#include <QSettings>
+
+namespace dictora::cli {
+
+namespace {
+
+const QString kVerb = QStringLiteral("transcribe");
+
+// The application retries forever; a command gives up after this many failed attempts.
+constexpr int kAttempts = 3;
+
+QString usage()
+{
+    return QStringLiteral(
+        "Usage: dictora transcribe [--raw] [--verbose] FILE\n"
+        "\n"
+        "Recognises the speech in FILE (WAV, FLAC or Ogg) with the local accuracy model and\n"
+        "prints the text. The model is checked, downloaded and verified first when needed;\n"
+        "its progress is shown on standard error.\n"
+        "\n"
+        "  --raw      print the recogniser's text as it is: no formatting, no snippets\n"
+        "  --verbose  also show the speech library's own messages\n"
+        "  --help     show this help\n");
+}
+
+QString megabytes(qint64 bytes)
+{
+    return QString::number(double(bytes) / 1e6, 'f', 1);
+}
+
+// Drives the manager until the model is ready; false (with the reason) when it gives up.
+bool prepareModel(AccuracyModelManager &manager, QString *reason)
+{
+    QEventLoop loop;
+    int failures = 0;
+    bool ready = false;
+    int shownPercent = -1;
+    bool progressLineOpen = false;
+    const auto endProgressLine = [&progressLineOpen] {
+        if (progressLineOpen)
+            printErr(QStringLiteral("\n"));
+        progressLineOpen = false;
+    };
+
+    QObject::connect(&manager, &AccuracyModelManager::phaseChanged, &loop, [&](const AccuracyModelPhase &phase) {
+        endProgressLine();
+        printErr(phase.statusText() + QLatin1Char('\n'));
+        switch (phase.kind()) {
+        case AccuracyModelPhase::Kind::ready:
+            ready = true;
+            loop.quit();
+            break;
+        case AccuracyModelPhase::Kind::needsAttention:
+            *reason = phase.statusText();
+            loop.quit();
+            break;
+        case AccuracyModelPhase::Kind::retrying:
+            if (++failures >= kAttempts) {
+                *reason = phase.message();
+                loop.quit();
+            }
+            break;
+        default:
+            break;
+        }
+    });
+    QObject::connect(&manager, &AccuracyModelManager::progressChanged, &loop, [&](double progress) {
+        if (manager.phase().kind() != AccuracyModelPhase::Kind::downloading)
+            return;
+        const int percent = int(progress * 100);
+        if (percent == shownPercent)
+            return;
+        shownPercent = percent;
+        printErr(QStringLiteral("\r  %1% (%2 of %3 MB)")
+                     .arg(percent)
+                     .arg(megabytes(manager.downloadedBytes()), megabytes(manager.contract().bytes)));
+        progressLineOpen = true;
+    });
+
+    printErr(manager.phase().statusText() + QLatin1Char('\n'));
+    manager.startAutomatically();
+    if (!manager.phase().isReady() && reason->isEmpty())
+        loop.exec();
+    endProgressLine();
+    return ready || manager.phase().isReady();
+}
+
+} // namespace
+
+int runTranscribe(const QStringList &arguments)
+{
+    bool raw = false;
+    bool verbose = false;
+    QStringList files;
+    for (const QString &argument : arguments) {
+        if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+            printOut(usage());
+            return kExitOk;
+        }
+        if (argument == QLatin1String("--raw"))
+            raw = true;
+        else if (argument == QLatin1String("--verbose"))
+            verbose = true;
+        else if (argument.startsWith(QLatin1Char('-')) && argument != QLatin1String("-"))
+            return usageError(kVerb, QStringLiteral("unknown option '%1'").arg(argument));
+        else
+            files.append(argument);
+    }
+    if (files.isEmpty())
+        return usageError(kVerb, QStringLiteral("no audio file given"));
+    if (files.size() > 1)
+        return usageError(kVerb, QStringLiteral("one audio file at a time ('%1' is extra)").arg(files.at(1)));
+
+    setRecognizerLibraryLogging(verbose);
+
+    DecodedAudio audio;
+    try {
+        audio = AudioFile::decodeToMono16k(files.first());
+    } catch (const Error &error) {
+        printErr(QStringLiteral("dictora transcribe: %1\n").arg(error.description()));
+        return kExitFailure;
+    }
+
+    std::unique_ptr<AccuracyModelManager> manager;
+    try {
+        manager = std::make_unique<AccuracyModelManager>(nullptr);
+    } catch (const Error &error) {
+        printErr(QStringLiteral("dictora transcribe: %1\n").arg(error.description()));
+        return kExitFailure;
+    }
+    QString reason;
+    if (!prepareModel(*manager, &reason)) {
+        printErr(QStringLiteral("dictora transcribe: the accuracy model could not be made ready: %1\n").arg(reason));
+        return kExitFailure;
+    }
+
+    QFuture<AccurateSpeechResult> future = manager->transcribe(audio.samples);
+    AccurateSpeechResult result;
+    try {
+        result = future.result();
+    } catch (const Error &error) {
+        printErr(QStringLiteral("dictora transcribe: %1\n").arg(error.description()));
+        return kExitFailure;
+    }
+    printErr(QStringLiteral("recognised %1 s of audio in %2 ms\n")
+                 .arg(QString::number(audio.seconds(), 'f', 1))
+                 .arg(result.durationMilliseconds));
+
+    QString text = result.text;
+    if (!raw) {
+        QSettings store(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Dictora"), QStringLiteral("Dictora"));
+        const ProductPreferences preferences(store);
+        text = BasicFormatter::formatTranscript(text, preferences.formattingEnabled());
+        if (preferences.snippetsEnabled())
+            text = SnippetExpander::apply(text, SnippetStore::load(DataPaths::snippetsFile()).entries);
+    }
+    if (text.isEmpty()) {
+        printErr(QStringLiteral("(no speech recognised)\n"));
+        return kExitOk;
+    }
+    printOut(text + QLatin1Char('\n'));
+    return kExitOk;
+}
+
+} // namespace dictora::cli

@@ -1,0 +1,359 @@
+#include "speech/AccuracyModelManager.h"
+
+#include "core/RuntimeLog.h"
+#include "speech/AccuracyModelError.h"
+#include "speech/ModelVerifier.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QFutureWatcher>
+#include <QPromise>
+
+namespace dictora {
+
+namespace {
+
+QString describe(std::exception_ptr error)
+{
+    try {
+        std::rethrow_exception(error);
+    } catch (const Error &e) {
+        return e.description();
+    } catch (const std::exception &e) {
+        return QString::fromUtf8(e.what());
+    } catch (...) {
+    }
+    return QStringLiteral("Unknown failure.");
+}
+
+bool isIntegrityMismatch(std::exception_ptr error)
+{
+    try {
+        std::rethrow_exception(error);
+    } catch (const AccuracyModelError &e) {
+        return e.errorCase() == AccuracyModelError::Case::integrityMismatch;
+    } catch (...) {
+    }
+    return false;
+}
+
+Error fileError(const QString &what, const QString &path, const QString &why)
+{
+    return Error(QStringLiteral("Could not %1 %2: %3").arg(what, path, why));
+}
+
+} // namespace
+
+namespace {
+
+AccuracyModelManager::Options optionsFromEnvironment()
+{
+    AccuracyModelManager::Options options;
+    options.contract = AccuracyModelContract::current();
+    return options;
+}
+
+} // namespace
+
+AccuracyModelManager::AccuracyModelManager(RuntimeLog *log, QObject *parent)
+    : AccuracyModelManager(optionsFromEnvironment(), log, parent)
+{
+}
+
+AccuracyModelManager::AccuracyModelManager(Options options, RuntimeLog *log, QObject *parent)
+    : QObject(parent), m_options(std::move(options)), m_log(log), m_engine(std::make_unique<AccurateSpeechEngine>())
+{
+    if (m_options.installedPath.isEmpty())
+        m_options.installedPath = m_options.contract.installedPath();
+    if (m_options.developmentCopyPath.isEmpty())
+        m_options.developmentCopyPath = m_options.contract.developmentCopyPath();
+    m_pool.setMaxThreadCount(1);
+    m_retryTimer.setSingleShot(true);
+    connect(&m_retryTimer, &QTimer::timeout, this, &AccuracyModelManager::prepareOnce);
+}
+
+AccuracyModelManager::~AccuracyModelManager()
+{
+    m_cancel->store(true);
+    m_retryTimer.stop();
+    m_downloader.reset();
+    m_pool.waitForDone();
+}
+
+QString AccuracyModelManager::partialPath() const
+{
+    return QFileInfo(m_options.installedPath).dir().filePath(m_options.contract.partialFileName());
+}
+
+void AccuracyModelManager::startAutomatically()
+{
+    if (m_preparing || m_phase.isReady())
+        return;
+    prepareUntilReady();
+}
+
+void AccuracyModelManager::retryManually()
+{
+    if (m_preparing)
+        return;
+    setPhase(AccuracyModelPhase::checking());
+    prepareUntilReady();
+}
+
+QFuture<AccurateSpeechResult> AccuracyModelManager::transcribe(const QList<float> &samples)
+{
+    return m_engine->transcribe(samples, AccurateSpeechEngine::kSampleRate);
+}
+
+QFuture<AccurateSpeechResult> AccuracyModelManager::transcribe(std::vector<float> samples)
+{
+    return m_engine->transcribe(std::move(samples), AccurateSpeechEngine::kSampleRate);
+}
+
+void AccuracyModelManager::prepareUntilReady()
+{
+    m_preparing = true;
+    m_pause = m_options.firstPause;
+    m_integrityFailures = 0;
+    prepareOnce();
+}
+
+void AccuracyModelManager::prepareOnce()
+{
+    ++m_attempt;
+    setPhase(AccuracyModelPhase::checking());
+    setProgress(0);
+    setDownloadedBytes(0);
+
+    const QString folder = QFileInfo(m_options.installedPath).absolutePath();
+    if (!QDir().mkpath(folder)) {
+        attemptFailed(std::make_exception_ptr(fileError(QStringLiteral("create the folder"), folder,
+            QStringLiteral("permission denied or no space left"))));
+        return;
+    }
+    if (!QFileInfo::exists(m_options.installedPath)) {
+        checkDevelopmentCopy();
+        return;
+    }
+    setPhase(AccuracyModelPhase::verifying());
+    const QString path = m_options.installedPath;
+    const AccuracyModelContract contract = m_options.contract;
+    inBackground([path, contract, cancel = m_cancel] { return ModelVerifier::isValidModel(path, contract, cancel.get()); },
+        [this](bool valid) {
+            if (valid) {
+                loadInstalled();
+                return;
+            }
+            log(QStringLiteral("accuracy model failed verification; removing path=%1").arg(m_options.installedPath));
+            QFile file(m_options.installedPath);
+            if (!file.remove()) {
+                attemptFailed(std::make_exception_ptr(
+                    fileError(QStringLiteral("remove"), m_options.installedPath, file.errorString())));
+                return;
+            }
+            checkDevelopmentCopy();
+        });
+}
+
+void AccuracyModelManager::checkDevelopmentCopy()
+{
+    const QFileInfo development(m_options.developmentCopyPath);
+    if (!development.isFile() || development.size() != m_options.contract.bytes) {
+        downloadModel();
+        return;
+    }
+    setPhase(AccuracyModelPhase::copyingBundledDevelopmentAsset());
+    setDownloadedBytes(0);
+    log(QStringLiteral("copying development model path=%1").arg(development.filePath()));
+    const QString source = development.filePath();
+    const QString target = m_options.installedPath;
+    auto failure = std::make_shared<QString>();
+    inBackground(
+        [source, target, failure] {
+            QFile::remove(target);
+            QFile file(source);
+            if (file.copy(target))
+                return true;
+            *failure = file.errorString();
+            return false;
+        },
+        [this, source, target, failure](bool copied) {
+            if (!copied) {
+                attemptFailed(std::make_exception_ptr(fileError(QStringLiteral("copy"), source, *failure)));
+                return;
+            }
+            setProgress(1);
+            setPhase(AccuracyModelPhase::verifying());
+            const AccuracyModelContract contract = m_options.contract;
+            inBackground(
+                [target, contract, cancel = m_cancel] { return ModelVerifier::isValidModel(target, contract, cancel.get()); },
+                [this, target](bool valid) {
+                    if (valid) {
+                        loadInstalled();
+                        return;
+                    }
+                    QFile::remove(target); // a bad copy must not pass as installed next time
+                    attemptFailed(std::make_exception_ptr(AccuracyModelError::integrityMismatch()));
+                });
+        });
+}
+
+void AccuracyModelManager::downloadModel()
+{
+    setPhase(AccuracyModelPhase::downloading());
+    log(QStringLiteral("accuracy model download started url=%1").arg(m_options.contract.url.toString()));
+
+    const quint64 attempt = m_attempt;
+    const double total = double(m_options.contract.bytes);
+    QPointer<AccuracyModelManager> self(this);
+    auto pending = m_pendingBytes;
+    auto posted = m_progressPosted;
+    pending->store(0);
+    posted->store(false);
+    auto progress = [self, attempt, total, pending, posted](qint64 received, qint64) {
+        pending->store(received);
+        if (posted->exchange(true))
+            return;
+        QMetaObject::invokeMethod(
+            self.data(),
+            [self, attempt, total, pending, posted] {
+                posted->store(false);
+                if (!self || self->m_attempt != attempt || self->m_phase.kind() != AccuracyModelPhase::Kind::downloading)
+                    return;
+                const qint64 bytes = pending->load();
+                self->setDownloadedBytes(bytes);
+                self->setProgress(total > 0 ? std::min(1.0, double(bytes) / total) : 0.0);
+            },
+            Qt::QueuedConnection);
+    };
+    m_downloader = std::make_unique<StreamingModelDownloader>(
+        partialPath(), m_options.contract.bytes, progress, m_options.downloadLimits);
+    whenFinished<void>(m_downloader->download(m_options.contract.url), [this, total, pending](QFuture<void> future) {
+        m_downloader.reset();
+        try {
+            future.waitForFinished();
+        } catch (...) {
+            attemptFailed(std::current_exception());
+            return;
+        }
+        const qint64 bytes = pending->load();
+        setDownloadedBytes(bytes);
+        setProgress(total > 0 ? std::min(1.0, double(bytes) / total) : 0.0);
+        installPartial();
+    });
+}
+
+void AccuracyModelManager::installPartial()
+{
+    setPhase(AccuracyModelPhase::verifying());
+    const QString partial = partialPath();
+    const AccuracyModelContract contract = m_options.contract;
+    inBackground([partial, contract, cancel = m_cancel] { return ModelVerifier::isValidModel(partial, contract, cancel.get()); },
+        [this, partial](bool valid) {
+            if (!valid) {
+                QFile::remove(partial);
+                attemptFailed(std::make_exception_ptr(AccuracyModelError::integrityMismatch()));
+                return;
+            }
+            QFile::remove(m_options.installedPath);
+            QFile file(partial);
+            if (!file.rename(m_options.installedPath)) {
+                attemptFailed(std::make_exception_ptr(fileError(QStringLiteral("move"), partial, file.errorString())));
+                return;
+            }
+            loadInstalled();
+        });
+}
+
+void AccuracyModelManager::loadInstalled()
+{
+    setPhase(AccuracyModelPhase::loading());
+    whenFinished<void>(m_engine->load(m_options.installedPath), [this](QFuture<void> future) {
+        try {
+            future.waitForFinished();
+        } catch (...) {
+            attemptFailed(std::current_exception());
+            return;
+        }
+        m_preparing = false;
+        m_integrityFailures = 0;
+        log(QStringLiteral("accuracy model ready path=%1").arg(m_options.installedPath));
+        setPhase(AccuracyModelPhase::ready());
+    });
+}
+
+void AccuracyModelManager::attemptFailed(std::exception_ptr error)
+{
+    const QString description = describe(error);
+    log(QStringLiteral("accuracy model preparation failed error=%1").arg(description));
+    if (isIntegrityMismatch(error)) {
+        if (++m_integrityFailures >= kIntegrityFailuresBeforeAttention) {
+            m_preparing = false;
+            setPhase(AccuracyModelPhase::needsAttention(QString::fromUtf8(kNeedsAttentionMessage)));
+            return;
+        }
+    } else {
+        m_integrityFailures = 0;
+    }
+    setPhase(AccuracyModelPhase::retrying(description));
+    m_retryTimer.start(m_pause);
+    m_pause = std::min(m_pause * 2, m_options.maximumPause);
+}
+
+void AccuracyModelManager::setPhase(const AccuracyModelPhase &phase)
+{
+    if (m_phase == phase)
+        return;
+    m_phase = phase;
+    Q_EMIT phaseChanged(phase);
+}
+
+void AccuracyModelManager::setProgress(double progress)
+{
+    if (m_progress == progress)
+        return;
+    m_progress = progress;
+    Q_EMIT progressChanged(progress);
+}
+
+void AccuracyModelManager::setDownloadedBytes(qint64 bytes)
+{
+    if (m_downloadedBytes == bytes)
+        return;
+    m_downloadedBytes = bytes;
+    Q_EMIT downloadedBytesChanged(bytes);
+}
+
+void AccuracyModelManager::log(const QString &message) const
+{
+    if (m_log)
+        m_log->write(message);
+}
+
+void AccuracyModelManager::inBackground(std::function<bool()> work, std::function<void(bool)> done)
+{
+    auto promise = std::make_shared<QPromise<bool>>();
+    QFuture<bool> future = promise->future();
+    promise->start();
+    m_pool.start([promise, work = std::move(work)] {
+        promise->addResult(work());
+        promise->finish();
+    });
+    whenFinished<bool>(future, [done = std::move(done), cancel = m_cancel](QFuture<bool> finished) {
+        if (!cancel->load())
+            done(finished.resultCount() > 0 && finished.result());
+    });
+}
+
+template <typename T> void AccuracyModelManager::whenFinished(QFuture<T> future, std::function<void(QFuture<T>)> done)
+{
+    auto *watcher = new QFutureWatcher<T>(this);
+    connect(watcher, &QFutureWatcherBase::finished, this, [watcher, done = std::move(done)] {
+        watcher->deleteLater();
+        done(watcher->future());
+    });
+    watcher->setFuture(future);
+}
+
+} // namespace dictora

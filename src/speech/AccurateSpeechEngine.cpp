@@ -1,0 +1,223 @@
+#include "speech/AccurateSpeechEngine.h"
+
+#include <QPromise>
+
+#include <whisper.h>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <memory>
+
+#include <pthread.h>
+#include <sched.h>
+
+namespace dictora {
+
+AccurateSpeechError::AccurateSpeechError(Case errorCase, qint32 code, QString description)
+    : Error(std::move(description)), m_case(errorCase), m_code(code)
+{
+}
+
+AccurateSpeechError AccurateSpeechError::transcriptionFailed(qint32 code)
+{
+    return {Case::transcriptionFailed, code,
+        QStringLiteral("Local transcription failed (code %1). No substitute transcript was pasted.").arg(code)};
+}
+
+AccurateSpeechError AccurateSpeechError::modelCouldNotLoad()
+{
+    return {Case::modelCouldNotLoad, 0,
+        QStringLiteral("The accuracy model could not be loaded. The app will repair it automatically.")};
+}
+
+AccurateSpeechError AccurateSpeechError::modelNotLoaded()
+{
+    return {Case::modelNotLoaded, 0, QStringLiteral("The accuracy model is still getting ready.")};
+}
+
+AccurateSpeechError AccurateSpeechError::invalidAudioSampleRate()
+{
+    return {Case::invalidAudioSampleRate, 0, QStringLiteral("Captured microphone audio was not 16 kHz mono PCM.")};
+}
+
+SerialWorkQueue::SerialWorkQueue(const char *threadName)
+    : m_thread([this] { run(); })
+{
+    // Linux keeps at most 15 characters of a thread name: keep the distinctive end.
+    std::string name(threadName);
+    if (name.size() > 15)
+        name = name.substr(name.size() - 15);
+    pthread_setname_np(m_thread.native_handle(), name.c_str());
+}
+
+SerialWorkQueue::~SerialWorkQueue()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_wake.notify_one();
+    m_thread.join();
+}
+
+void SerialWorkQueue::post(std::function<void()> work)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_items.push_back(std::move(work));
+    }
+    m_wake.notify_one();
+}
+
+void SerialWorkQueue::run()
+{
+    for (;;) {
+        std::function<void()> work;
+        {
+            std::unique_lock lock(m_mutex);
+            m_wake.wait(lock, [this] { return m_stopping || !m_items.empty(); });
+            if (m_items.empty())
+                return; // stopping and drained
+            work = std::move(m_items.front());
+            m_items.pop_front();
+        }
+        work();
+    }
+}
+
+AccurateSpeechEngine::AccurateSpeechEngine()
+    : m_queue(kQueueLabel)
+{
+}
+
+AccurateSpeechEngine::~AccurateSpeechEngine()
+{
+    // Runs after every queued item; the queue's destructor then joins.
+    m_queue.post([this] {
+        if (m_context) {
+            whisper_free(m_context);
+            m_context = nullptr;
+        }
+    });
+}
+
+QFuture<void> AccurateSpeechEngine::load(const QString &modelPath)
+{
+    auto promise = std::make_shared<QPromise<void>>();
+    QFuture<void> future = promise->future();
+    promise->start();
+    const QByteArray path = modelPath.toLocal8Bit();
+    m_queue.post([this, promise, path] {
+        if (m_context) {
+            whisper_free(m_context);
+            m_context = nullptr;
+        }
+        whisper_context_params params = whisper_context_default_params();
+        params.use_gpu = true;
+        params.flash_attn = true;
+        m_context = whisper_init_from_file_with_params(path.constData(), params);
+        if (!m_context)
+            promise->setException(std::make_exception_ptr(AccurateSpeechError::modelCouldNotLoad()));
+        promise->finish();
+    });
+    return future;
+}
+
+QFuture<AccurateSpeechResult> AccurateSpeechEngine::transcribe(const QList<float> &samples, int sampleRate)
+{
+    auto owner = std::make_shared<const QList<float>>(samples); // shares the buffer
+    return enqueue(owner, owner->constData(), owner->size(), sampleRate);
+}
+
+QFuture<AccurateSpeechResult> AccurateSpeechEngine::transcribe(std::vector<float> samples, int sampleRate)
+{
+    auto owner = std::make_shared<const std::vector<float>>(std::move(samples));
+    return enqueue(owner, owner->data(), qsizetype(owner->size()), sampleRate);
+}
+
+QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(
+    std::shared_ptr<const void> owner, const float *samples, qsizetype sampleCount, int sampleRate)
+{
+    auto promise = std::make_shared<QPromise<AccurateSpeechResult>>();
+    QFuture<AccurateSpeechResult> future = promise->future();
+    promise->start();
+    if (sampleRate != kSampleRate) {
+        promise->setException(std::make_exception_ptr(AccurateSpeechError::invalidAudioSampleRate()));
+        promise->finish();
+        return future;
+    }
+    m_queue.post([this, promise, owner, samples, sampleCount] {
+        if (!m_context) {
+            promise->setException(std::make_exception_ptr(AccurateSpeechError::modelNotLoaded()));
+            promise->finish();
+            return;
+        }
+        const auto started = std::chrono::steady_clock::now();
+
+        whisper_full_params params = whisper_full_default_params(WHISPER_SAMPLING_GREEDY);
+        params.n_threads = threadCountFor(activeProcessorCount());
+        params.translate = false;
+        params.no_context = true;
+        params.no_timestamps = true;
+        params.single_segment = false;
+        params.print_special = false;
+        params.print_progress = false;
+        params.print_realtime = false;
+        params.print_timestamps = false;
+        params.token_timestamps = false;
+        params.language = "en";
+        params.suppress_blank = true;
+        params.greedy.best_of = 1;
+
+        // The recording limit (28.8 M samples) is far below what an int holds.
+        const int count = int(std::min<qsizetype>(sampleCount, std::numeric_limits<int>::max()));
+        const int code = whisper_full(m_context, params, samples, count);
+        if (code != 0) {
+            promise->setException(std::make_exception_ptr(AccurateSpeechError::transcriptionFailed(code)));
+            promise->finish();
+            return;
+        }
+        QList<QByteArray> segments;
+        const int segmentCount = whisper_full_n_segments(m_context);
+        for (int i = 0; i < segmentCount; ++i) {
+            if (const char *text = whisper_full_get_segment_text(m_context, i))
+                segments.append(QByteArray(text));
+        }
+        const QString text = joinSegments(segments);
+        const auto elapsed = std::chrono::steady_clock::now() - started;
+        const qint64 ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
+        promise->addResult(AccurateSpeechResult{text, std::max<qint64>(ms, 0)});
+        promise->finish();
+    });
+    return future;
+}
+
+int AccurateSpeechEngine::threadCountFor(int processorCount)
+{
+    return std::clamp(processorCount - 2, 2, 8);
+}
+
+int AccurateSpeechEngine::activeProcessorCount()
+{
+    // The processors this process may run on (containers and taskset narrow it).
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof(set), &set) == 0) {
+        const int count = CPU_COUNT(&set);
+        if (count > 0)
+            return count;
+    }
+    return std::max(1, int(std::thread::hardware_concurrency()));
+}
+
+QString AccurateSpeechEngine::joinSegments(const QList<QByteArray> &segments)
+{
+    // Joined as bytes first: a multi-byte character may straddle two segments.
+    QByteArray all;
+    for (const QByteArray &segment : segments)
+        all += segment;
+    return QString::fromUtf8(all).trimmed();
+}
+
+} // namespace dictora

@@ -1,0 +1,224 @@
+#include "speech/AccurateSpeechEngine.h"
+#include "speech/AudioFile.h"
+#include "support/TestSupport.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <optional>
+
+using namespace dictora;
+
+namespace {
+
+QString modelFile(const char *name)
+{
+    return test::sharedTestData() + QStringLiteral("/models/") + QLatin1String(name);
+}
+
+// Waits for the future and returns the engine error it finished with, if any.
+template <typename T> std::optional<AccurateSpeechError> errorOf(QFuture<T> future)
+{
+    try {
+        future.waitForFinished();
+    } catch (const AccurateSpeechError &error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
+QList<float> silence(qsizetype count)
+{
+    return QList<float>(count, 0.0f);
+}
+
+} // namespace
+
+class SpeechEngineTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void threadCount_data()
+    {
+        QTest::addColumn<int>("processors");
+        QTest::addColumn<int>("threads");
+        QTest::newRow("1 core") << 1 << 2;
+        QTest::newRow("2 cores") << 2 << 2;
+        QTest::newRow("4 cores") << 4 << 2;
+        QTest::newRow("5 cores") << 5 << 3;
+        QTest::newRow("6 cores") << 6 << 4;
+        QTest::newRow("10 cores") << 10 << 8;
+        QTest::newRow("16 cores") << 16 << 8;
+        QTest::newRow("128 cores") << 128 << 8;
+    }
+    void threadCount()
+    {
+        QFETCH(int, processors);
+        QFETCH(int, threads);
+        QCOMPARE(AccurateSpeechEngine::threadCountFor(processors), threads);
+    }
+
+    void errorTexts_data()
+    {
+        QTest::addColumn<QString>("description");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("failed -3") << AccurateSpeechError::transcriptionFailed(-3).description()
+                                   << "Local transcription failed (code -3). No substitute transcript was pasted.";
+        QTest::newRow("failed 7") << AccurateSpeechError::transcriptionFailed(7).description()
+                                  << "Local transcription failed (code 7). No substitute transcript was pasted.";
+        QTest::newRow("could not load") << AccurateSpeechError::modelCouldNotLoad().description()
+                                        << "The accuracy model could not be loaded. The app will repair it automatically.";
+        QTest::newRow("not loaded") << AccurateSpeechError::modelNotLoaded().description()
+                                    << "The accuracy model is still getting ready.";
+        QTest::newRow("sample rate") << AccurateSpeechError::invalidAudioSampleRate().description()
+                                     << "Captured microphone audio was not 16 kHz mono PCM.";
+    }
+    void errorTexts()
+    {
+        QFETCH(QString, description);
+        QFETCH(QString, expected);
+        QCOMPARE(description, expected);
+    }
+
+    void joinSegments_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("segments");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("none") << QList<QByteArray>{} << "";
+        QTest::newRow("leading spaces kept between") << QList<QByteArray>{" Hello", " world."} << "Hello world.";
+        QTest::newRow("no separator added") << QList<QByteArray>{" Hel", "lo"} << "Hello";
+        QTest::newRow("newlines trimmed") << QList<QByteArray>{"\n  Ready.\n", " \t"} << "Ready.";
+        QTest::newRow("character split across segments") << QList<QByteArray>{" caf\xc3", "\xa9 au lait"} << "café au lait";
+    }
+    void joinSegments()
+    {
+        QFETCH(QList<QByteArray>, segments);
+        QFETCH(QString, text);
+        QCOMPARE(AccurateSpeechEngine::joinSegments(segments), text);
+    }
+
+    void wrongSampleRateFailsEvenWithModel_data()
+    {
+        QTest::addColumn<int>("rate");
+        QTest::addColumn<bool>("loaded");
+        for (int rate : {48000, 44100, 8000, 16001, 0, -16000}) {
+            QTest::addRow("%d without model", rate) << rate << false;
+            QTest::addRow("%d with model", rate) << rate << true;
+        }
+    }
+    void wrongSampleRateFailsEvenWithModel()
+    {
+        QFETCH(int, rate);
+        QFETCH(bool, loaded);
+        AccurateSpeechEngine engine;
+        if (loaded)
+            QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
+        const auto error = errorOf(engine.transcribe(silence(16000), rate));
+        QVERIFY(error);
+        QCOMPARE(error->errorCase(), AccurateSpeechError::Case::invalidAudioSampleRate);
+    }
+
+    void transcribeBeforeLoad()
+    {
+        AccurateSpeechEngine engine;
+        const auto error = errorOf(engine.transcribe(silence(16000), 16000));
+        QVERIFY(error);
+        QCOMPARE(error->errorCase(), AccurateSpeechError::Case::modelNotLoaded);
+        QCOMPARE(error->description(), QStringLiteral("The accuracy model is still getting ready."));
+    }
+
+    void failedReloadLeavesNoModel_data()
+    {
+        QTest::addColumn<QByteArray>("content"); // empty name: the file does not exist
+        QTest::addColumn<bool>("exists");
+        QTest::newRow("missing file") << QByteArray() << false;
+        QTest::newRow("empty file") << QByteArray() << true;
+        QTest::newRow("not a model") << QByteArray("this is not a ggml model, just text\n").repeated(100) << true;
+        QTest::newRow("a recording") << QByteArray("RIFF\x24\x00\x00\x00WAVEfmt ", 16).leftJustified(20000, '\0') << true;
+    }
+    void failedReloadLeavesNoModel()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(bool, exists);
+        QTemporaryDir dir;
+        const QString bad = dir.filePath(QStringLiteral("bad.bin"));
+        if (exists) {
+            QFile file(bad);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(content);
+        }
+
+        AccurateSpeechEngine engine;
+        QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
+
+        const auto loadError = errorOf(engine.load(bad));
+        QVERIFY(loadError);
+        QCOMPARE(loadError->errorCase(), AccurateSpeechError::Case::modelCouldNotLoad);
+        const auto error = errorOf(engine.transcribe(silence(8000), 16000));
+        QVERIFY(error);
+        QCOMPARE(error->errorCase(), AccurateSpeechError::Case::modelNotLoaded);
+
+        // and a good load afterwards recovers
+        QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
+    }
+
+    void queuedWorkRunsInSubmissionOrder()
+    {
+        // Nothing awaited in between: the transcription must see the model
+        // that the load queued before it.
+        AccurateSpeechEngine engine;
+        QFuture<void> load = engine.load(modelFile("for-tests-ggml-tiny.en.bin"));
+        QFuture<AccurateSpeechResult> first = engine.transcribe(silence(16000), 16000);
+        QFuture<void> failedReload = engine.load(QStringLiteral("/nonexistent/model.bin"));
+        QFuture<AccurateSpeechResult> second = engine.transcribe(silence(16000), 16000);
+        QVERIFY(!errorOf(load));
+        QVERIFY(!errorOf(first));
+        QVERIFY(errorOf(failedReload));
+        const auto error = errorOf(second);
+        QVERIFY(error);
+        QCOMPARE(error->errorCase(), AccurateSpeechError::Case::modelNotLoaded);
+    }
+
+    void destroyingTheEngineFinishesQueuedWork()
+    {
+        QList<QFuture<AccurateSpeechResult>> pending;
+        {
+            AccurateSpeechEngine engine;
+            engine.load(modelFile("for-tests-ggml-tiny.bin"));
+            pending.append(engine.transcribe(silence(4000), 16000));
+            pending.append(engine.transcribe(std::vector<float>(4000, 0.0f), 16000)); // moved in
+        }
+        for (const auto &future : pending) {
+            QVERIFY(future.isFinished());
+            QVERIFY(!errorOf(future));
+            QCOMPARE(future.resultCount(), 1);
+        }
+    }
+
+    void realRunOnRecording_data()
+    {
+        QTest::addColumn<QString>("model");
+        // Each run costs a whole encoder pass: one multilingual model is enough here.
+        QTest::newRow("tiny") << modelFile("for-tests-ggml-tiny.bin");
+    }
+    void realRunOnRecording()
+    {
+        QFETCH(QString, model);
+        const DecodedAudio audio = AudioFile::decodeToMono16k(test::sharedTestData() + QStringLiteral("/speech/jfk.wav"));
+        QCOMPARE(audio.sourceSampleRate, 16000);
+        QCOMPARE(audio.samples.size(), 176000);
+
+        AccurateSpeechEngine engine;
+        QVERIFY(!errorOf(engine.load(model)));
+        QFuture<AccurateSpeechResult> future = engine.transcribe(audio.samples, 16000);
+        QVERIFY(!errorOf(future));
+        const AccurateSpeechResult result = future.result();
+        // The stand-in models have no weights: the library runs and finds no words.
+        QCOMPARE(result.text, QString());
+        QVERIFY(result.durationMilliseconds >= 0);
+    }
+};
+
+DICTORA_TEST_MAIN_WITH_TESTDATA(SpeechEngineTest)
+#include "tst_speech_engine.moc"

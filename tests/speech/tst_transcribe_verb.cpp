@@ -1,0 +1,190 @@
+#include "LocalHttpServer.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QtTest>
+
+using dictora::test::HttpAnswer;
+using dictora::test::LocalHttpServer;
+
+namespace {
+
+constexpr qint64 kModelBytes = 575451;
+const char *const kModelHash = "c486fb9f14a28b1c1dc252741a431646cc573450c900b9d9c406e10294aa01e6";
+
+struct Run {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+} // namespace
+
+// `dictora transcribe` as a user runs it: the real executable, an isolated
+// data home, a stand-in model contract and a local model server.
+class TranscribeVerbTest : public QObject {
+    Q_OBJECT
+
+private:
+    QString modelsFolder() const { return m_home->dataHome() + QStringLiteral("/Dictora/Models"); }
+    QString recording() const { return dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav"); }
+
+    QString writeContract(const QString &urlPath)
+    {
+        const QJsonObject contract{{"fileName", "stand-in.bin"}, {"bytes", kModelBytes}, {"sha256", kModelHash},
+            {"url", m_server.url(urlPath).toString()}};
+        const QString path = m_home->path() + QStringLiteral("/contract.json");
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+            return {};
+        file.write(QJsonDocument(contract).toJson());
+        return path;
+    }
+
+    void installModel()
+    {
+        QVERIFY(QDir().mkpath(modelsFolder()));
+        QFile::remove(modelsFolder() + QStringLiteral("/stand-in.bin"));
+        QVERIFY(QFile::copy(dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.bin"),
+            modelsFolder() + QStringLiteral("/stand-in.bin")));
+    }
+
+    // Runs while this thread keeps serving HTTP.
+    Run run(const QStringList &arguments, const QString &contract)
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract);
+        process.setProcessEnvironment(environment);
+        QSignalSpy finished(&process, &QProcess::finished);
+        process.start(QStringLiteral(DICTORA_EXECUTABLE), QStringList{QStringLiteral("transcribe")} + arguments);
+        Run result;
+        if (!process.waitForStarted() || !finished.wait(240000))
+            return result;
+        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        result.out = QString::fromUtf8(process.readAllStandardOutput());
+        result.err = QString::fromUtf8(process.readAllStandardError());
+        return result;
+    }
+
+    std::unique_ptr<dictora::test::IsolatedHome> m_home;
+    LocalHttpServer m_server;
+    QByteArray m_model;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_server.listen());
+        QFile model(dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.bin"));
+        QVERIFY(model.open(QIODevice::ReadOnly));
+        m_model = model.readAll();
+    }
+    void init() { m_home = std::make_unique<dictora::test::IsolatedHome>(); }
+
+    void usage_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("help") << QStringList{"--help"} << 0 << "Usage: dictora transcribe";
+        QTest::newRow("no file") << QStringList{} << 2 << "no audio file given";
+        QTest::newRow("two files") << QStringList{"a.wav", "b.wav"} << 2 << "one audio file at a time";
+        QTest::newRow("unknown option") << QStringList{"--fast", "a.wav"} << 2 << "unknown option '--fast'";
+    }
+    void usage()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        const Run result = run(arguments, writeContract(QStringLiteral("/unused")));
+        QCOMPARE(result.exitCode, exitCode);
+        QVERIFY2((result.out + result.err).contains(message), qPrintable(result.out + result.err));
+    }
+
+    void unreadableInput_data()
+    {
+        QTest::addColumn<QByteArray>("content"); // written to the file; "-" for no file
+        QTest::newRow("missing") << QByteArray("-");
+        QTest::newRow("text") << QByteArray("not audio at all\n").repeated(50);
+        QTest::newRow("empty") << QByteArray();
+    }
+    void unreadableInput()
+    {
+        QFETCH(QByteArray, content);
+        installModel();
+        const QString path = m_home->path() + QStringLiteral("/input.wav");
+        if (content != "-") {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(content);
+        }
+        const Run result = run({path}, writeContract(QStringLiteral("/unused")));
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains(path), qPrintable(result.err));
+        QVERIFY(result.out.isEmpty());
+    }
+
+    void malformedContractStopsAtOnce()
+    {
+        const QString path = m_home->path() + QStringLiteral("/contract.json");
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("{\"fileName\": \"x.bin\", \"bytes\": -5}");
+        file.close();
+        const Run result = run({recording()}, path);
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains(QStringLiteral("The model contract %1 is unusable").arg(path)), qPrintable(result.err));
+    }
+
+    void recognisesWithInstalledModel()
+    {
+        installModel();
+        const Run result = run({recording()}, writeContract(QStringLiteral("/unused")));
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY2(result.err.contains(QStringLiteral("Verifying every byte…\nStarting the local speech engine…\nAccuracy model ready\n")),
+            qPrintable(result.err));
+        QVERIFY2(!result.err.contains(QStringLiteral("Downloading")), qPrintable(result.err));
+        QCOMPARE(m_server.requestCount(QStringLiteral("/unused")), 0);
+        // The stand-in model has no weights: the run completes and finds no words.
+        QCOMPARE(result.out, QString());
+        QVERIFY2(result.err.contains(QStringLiteral("(no speech recognised)")), qPrintable(result.err));
+    }
+
+    void downloadsAMissingModelFirst()
+    {
+        m_server.script(QStringLiteral("/storage/stand-in.bin"), {HttpAnswer::ok(m_model)});
+        m_server.script(QStringLiteral("/resolve/stand-in.bin"),
+            {HttpAnswer::redirect(m_server.url(QStringLiteral("/storage/stand-in.bin")))});
+        const Run result = run({QStringLiteral("--raw"), recording()}, writeContract(QStringLiteral("/resolve/stand-in.bin")));
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY2(result.err.contains(QStringLiteral("Downloading the accuracy model…\n")), qPrintable(result.err));
+        QVERIFY2(result.err.contains(QStringLiteral("100% (0.6 of 0.6 MB)")), qPrintable(result.err));
+        QVERIFY2(result.err.contains(QStringLiteral("Accuracy model ready\n")), qPrintable(result.err));
+        QFile installed(modelsFolder() + QStringLiteral("/stand-in.bin"));
+        QVERIFY(installed.open(QIODevice::ReadOnly));
+        QVERIFY(installed.readAll() == m_model);
+        QVERIFY(!QFile::exists(modelsFolder() + QStringLiteral("/stand-in.bin.partial")));
+    }
+
+    void givesUpWhenTheModelCannotBeMadeReady()
+    {
+        m_server.script(QStringLiteral("/gone.bin"), {HttpAnswer::failing(404)});
+        const Run result = run({recording()}, writeContract(QStringLiteral("/gone.bin")));
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains(QStringLiteral("Retrying automatically: The model server returned HTTP 404.")),
+            qPrintable(result.err));
+        QVERIFY2(result.err.contains(QStringLiteral(
+                     "dictora transcribe: the accuracy model could not be made ready: The model server returned HTTP 404.")),
+            qPrintable(result.err));
+        QVERIFY(result.out.isEmpty());
+        QVERIFY(!QFile::exists(modelsFolder() + QStringLiteral("/stand-in.bin")));
+    }
+};
+
+DICTORA_TEST_MAIN_WITH_TESTDATA(TranscribeVerbTest)
+#include "tst_transcribe_verb.moc"
