@@ -11,8 +11,8 @@ DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
 DICTORA_PACKAGES=(
   build-essential cmake ninja-build pkg-config git nodejs npm
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
-  libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxi-dev libxkbcommon-dev
-  xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad
+  libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxext-dev libxi-dev libxkbcommon-dev
+  xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
 )

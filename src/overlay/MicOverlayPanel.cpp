@@ -1,0 +1,121 @@
+#include "overlay/MicOverlayPanel.h"
+
+#include "core/DictoraState.h"
+#include "overlay/MicIndicatorView.h"
+#include "overlay/OverlayGeometry.h"
+#include "overlay/X11OverlayHints.h"
+
+#include <QCoreApplication>
+#include <QCursor>
+#include <QEvent>
+#include <QThread>
+#include <QGuiApplication>
+#include <QScreen>
+#include <QWidget>
+
+#include <cmath>
+
+namespace dictora {
+
+MicOverlayPanel::MicOverlayPanel(DictoraState &state, ProductPreferences &preferences, QObject *parent)
+    : QObject(parent), m_state(state), m_preferences(preferences)
+{
+    m_panel = std::make_unique<QWidget>(nullptr,
+        Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus
+            | Qt::WindowTransparentForInput | Qt::NoDropShadowWindowHint);
+    m_panel->setAttribute(Qt::WA_ShowWithoutActivating);
+    m_panel->setAttribute(Qt::WA_TranslucentBackground);
+    m_panel->setAttribute(Qt::WA_TransparentForMouseEvents);
+    m_panel->setAttribute(Qt::WA_X11DoNotAcceptFocus);
+    // It lives as long as the program and must never end it or go away.
+    m_panel->setAttribute(Qt::WA_QuitOnClose, false);
+    m_panel->installEventFilter(this);
+    m_panel->setFocusPolicy(Qt::NoFocus);
+    m_panel->setWindowTitle(QStringLiteral("Dictora microphone"));
+
+    m_view = new MicIndicatorView(m_state, m_panel.get());
+    m_view->move(0, 0);
+
+    connect(&m_state, &DictoraState::phaseChanged, this, &MicOverlayPanel::updateAccessibleName);
+    updateAccessibleName();
+
+    // Every one of the four settings re-applies all four, like a combine-latest.
+    connect(&m_preferences, &ProductPreferences::microphoneSizeChanged, this, &MicOverlayPanel::applyPreferences);
+    connect(&m_preferences, &ProductPreferences::microphoneLocationChanged, this, &MicOverlayPanel::applyPreferences);
+    connect(&m_preferences, &ProductPreferences::showsMicrophoneIconChanged, this, &MicOverlayPanel::applyPreferences);
+    connect(&m_preferences, &ProductPreferences::microphoneOpacityChanged, this, &MicOverlayPanel::applyPreferences);
+    applyPreferences();
+}
+
+MicOverlayPanel::~MicOverlayPanel()
+{
+    if (m_frameClickThrough && qApp)
+        qApp->removeNativeEventFilter(m_frameClickThrough.get());
+}
+
+bool MicOverlayPanel::eventFilter(QObject *watched, QEvent *event)
+{
+    // A window manager's close request would otherwise hide it for good.
+    if (watched == m_panel.get() && event->type() == QEvent::Close) {
+        event->ignore();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+void MicOverlayPanel::applyPreferences()
+{
+    updateContent(m_preferences.microphoneSize(), m_preferences.showsMicrophoneIcon(),
+        m_preferences.microphoneOpacity());
+    reposition(m_preferences.microphoneLocation());
+}
+
+void MicOverlayPanel::updateContent(OverlaySize size, bool showsMicrophoneIcon, double opacity)
+{
+    const QSize windowSize = overlay::overlayWindowSize(size, showsMicrophoneIcon);
+    m_view->configure(size, showsMicrophoneIcon, opacity);
+    m_view->setGeometry(QRect(QPoint(0, 0), windowSize));
+    m_panel->setFixedSize(windowSize);
+}
+
+void MicOverlayPanel::reposition(ScreenAnchor anchor)
+{
+    Q_ASSERT_X(QThread::currentThread() == thread(), "MicOverlayPanel::reposition", "main thread only");
+    const QList<QScreen *> screens = QGuiApplication::screens();
+    QList<QRect> geometries;
+    for (QScreen *screen : screens)
+        geometries.append(screen->geometry());
+    const int index = overlay::screenIndexAt(geometries, QCursor::pos());
+    QScreen *screen = index >= 0 ? screens.at(index) : QGuiApplication::primaryScreen();
+    if (!screen)
+        return;
+
+    const QPointF topLeft = overlay::anchoredTopLeft(anchor, QRectF(screen->availableGeometry()),
+        QSizeF(m_panel->size()));
+    // Floor keeps the right and bottom margins at least 8 pixels.
+    const QPoint origin(int(std::floor(topLeft.x())), int(std::floor(topLeft.y())));
+    m_panel->move(origin);
+}
+
+void MicOverlayPanel::show()
+{
+    Q_ASSERT_X(QThread::currentThread() == thread(), "MicOverlayPanel::show", "main thread only");
+    if (!m_desktopHintsApplied) {
+        // Needs the native window, and must happen before the first map.
+        m_desktopHintsApplied = true;
+        const quintptr window = quintptr(m_panel->winId());
+        if (overlay::applyX11OverlayHints(window)) {
+            m_frameClickThrough = std::make_unique<overlay::X11FrameClickThrough>(window);
+            qApp->installNativeEventFilter(m_frameClickThrough.get());
+        }
+    }
+    m_panel->show();
+    m_panel->raise();
+}
+
+void MicOverlayPanel::updateAccessibleName()
+{
+    m_panel->setAccessibleName(m_state.phase().label());
+}
+
+} // namespace dictora

@@ -1,0 +1,417 @@
+#include "core/DictoraState.h"
+#include "core/ProductPreferences.h"
+#include "overlay/MicIndicatorView.h"
+#include "overlay/MicOverlayPanel.h"
+#include "overlay/OverlayGeometry.h"
+#include "support/TestSupport.h"
+
+#include <QApplication>
+#include <QCursor>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QPainter>
+#include <QPointer>
+#include <QScreen>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QWidget>
+#include <QtTest>
+
+#include <cmath>
+#include <memory>
+
+using namespace dictora;
+
+Q_DECLARE_METATYPE(dictora::ScreenAnchor)
+Q_DECLARE_METATYPE(dictora::OverlaySize)
+
+namespace {
+
+// Two side-by-side displays of different sizes; the second is shorter, so a
+// wrong screen choice shows up in the y coordinate as well as in x.
+const QRect kFirstScreen(0, 0, 1920, 1080);
+const QRect kSecondScreen(1920, 0, 1280, 1024);
+
+class PaintCounter : public QObject {
+public:
+    int paints = 0;
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::Paint)
+            ++paints;
+        return false;
+    }
+};
+
+AudioMeterLevels levels(float a, float b, float c, float d)
+{
+    AudioMeterLevels l;
+    l.first = a;
+    l.second = b;
+    l.third = c;
+    l.fourth = d;
+    return l;
+}
+
+} // namespace
+
+class MicOverlayPanelTest : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<test::IsolatedHome> m_home;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<ProductPreferences> m_preferences;
+    std::unique_ptr<DictoraState> m_state;
+    std::unique_ptr<MicOverlayPanel> m_panel;
+
+    QWidget *window() const { return m_panel->panel(); }
+
+    static QString screenshotDir()
+    {
+#ifdef DICTORA_OVERLAY_SCREENSHOT_DIR
+        return QStringLiteral(DICTORA_OVERLAY_SCREENSHOT_DIR);
+#else
+        return QDir::temp().filePath(QStringLiteral("dictora-overlay-screenshots"));
+#endif
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        QCursor::setPos(kFirstScreen.center());
+        m_home = std::make_unique<test::IsolatedHome>();
+        m_settings = std::make_unique<QSettings>(QDir(m_home->path()).filePath(QStringLiteral("prefs.ini")),
+            QSettings::IniFormat);
+        m_preferences = std::make_unique<ProductPreferences>(*m_settings);
+        m_state = std::make_unique<DictoraState>();
+        m_panel = std::make_unique<MicOverlayPanel>(*m_state, *m_preferences);
+    }
+    void cleanup()
+    {
+        m_panel.reset();
+        m_state.reset();
+        m_preferences.reset();
+        m_settings.reset();
+        m_home.reset();
+    }
+
+    void twoScreensAreSetUp()
+    {
+        // Everything below relies on the offscreen platform's two displays.
+        const QList<QScreen *> screens = QGuiApplication::screens();
+        QCOMPARE(screens.size(), 2);
+        QCOMPARE(screens.at(0)->geometry(), kFirstScreen);
+        QCOMPARE(screens.at(1)->geometry(), kSecondScreen);
+    }
+
+    void windowNeverTakesFocusOrClicks()
+    {
+        const Qt::WindowFlags flags = window()->windowFlags();
+        QCOMPARE(flags & Qt::WindowType_Mask, Qt::Tool);
+        for (Qt::WindowType flag : {Qt::FramelessWindowHint, Qt::WindowStaysOnTopHint,
+                 Qt::WindowDoesNotAcceptFocus, Qt::WindowTransparentForInput})
+            QVERIFY2(flags.testFlag(flag), qPrintable(QString::number(int(flag), 16)));
+        QVERIFY(!flags.testFlag(Qt::X11BypassWindowManagerHint));
+        QVERIFY(window()->testAttribute(Qt::WA_ShowWithoutActivating));
+        QVERIFY(window()->testAttribute(Qt::WA_TranslucentBackground));
+        QCOMPARE(window()->focusPolicy(), Qt::NoFocus);
+        QCOMPARE(m_panel->hostingView()->focusPolicy(), Qt::NoFocus);
+        QVERIFY(m_panel->hostingView()->testAttribute(Qt::WA_TransparentForMouseEvents));
+
+        m_panel->show();
+        QVERIFY(QTest::qWaitForWindowExposed(window()));
+        QVERIFY(window()->windowHandle()->flags().testFlag(Qt::WindowTransparentForInput));
+        QVERIFY(window()->windowHandle()->flags().testFlag(Qt::WindowDoesNotAcceptFocus));
+        QCOMPARE(QApplication::focusWidget(), nullptr);
+    }
+
+    void closeRequestsAreRefused()
+    {
+        m_panel->show();
+        QVERIFY(QTest::qWaitForWindowExposed(window()));
+        QVERIFY(!window()->testAttribute(Qt::WA_QuitOnClose));
+        QVERIFY(!window()->close());
+        QVERIFY(window()->isVisible());
+    }
+
+    void startsAtStoredPlaceAndSize()
+    {
+        // Values already in the store apply before anything changes.
+        cleanup();
+        m_home = std::make_unique<test::IsolatedHome>();
+        m_settings = std::make_unique<QSettings>(QDir(m_home->path()).filePath(QStringLiteral("prefs.ini")),
+            QSettings::IniFormat);
+        m_settings->setValue(QLatin1String(ProductPreferences::kLocationKey), QStringLiteral("topRight"));
+        m_settings->setValue(QLatin1String(ProductPreferences::kSizeKey), QStringLiteral("large"));
+        m_settings->setValue(QLatin1String(ProductPreferences::kShowsIconKey), false);
+        m_preferences = std::make_unique<ProductPreferences>(*m_settings);
+        m_state = std::make_unique<DictoraState>();
+        m_panel = std::make_unique<MicOverlayPanel>(*m_state, *m_preferences);
+        QCOMPARE(window()->size(), QSize(48, 50));
+        QCOMPARE(window()->pos(), QPoint(1920 - 48 - 8, 8));
+    }
+
+    void followsSizeAndIcon_data()
+    {
+        QTest::addColumn<OverlaySize>("size");
+        QTest::addColumn<bool>("icon");
+        QTest::addColumn<QSize>("expected");
+        QTest::newRow("small icon") << OverlaySize::small << true << QSize(56, 32);
+        QTest::newRow("small bare") << OverlaySize::small << false << QSize(30, 32);
+        QTest::newRow("medium icon") << OverlaySize::medium << true << QSize(69, 39);
+        QTest::newRow("medium bare") << OverlaySize::medium << false << QSize(38, 39);
+        QTest::newRow("large icon") << OverlaySize::large << true << QSize(88, 50);
+        QTest::newRow("large bare") << OverlaySize::large << false << QSize(48, 50);
+    }
+    void followsSizeAndIcon()
+    {
+        QFETCH(OverlaySize, size);
+        QFETCH(bool, icon);
+        QFETCH(QSize, expected);
+        m_panel->show();
+        m_preferences->setMicrophoneLocation(ScreenAnchor::bottomRight);
+        QPointer<MicIndicatorView> view = m_panel->hostingView();
+
+        m_preferences->setMicrophoneSize(size);
+        m_preferences->setShowsMicrophoneIcon(icon);
+
+        QCOMPARE(window()->size(), expected);
+        QCOMPARE(view->geometry(), QRect(QPoint(0, 0), expected));
+        QCOMPARE(view->overlaySize(), size);
+        QCOMPARE(view->showsMicrophoneIcon(), icon);
+        // Still 8 from the bottom right corner after the resize.
+        QCOMPARE(window()->geometry().right() + 1, kFirstScreen.right() + 1 - 8);
+        QCOMPARE(window()->geometry().bottom() + 1, kFirstScreen.bottom() + 1 - 8);
+        QVERIFY(view);
+        QCOMPARE(m_panel->hostingView(), view.data());
+    }
+
+    void followsAnchorOnScreenUnderPointer_data()
+    {
+        QTest::addColumn<ScreenAnchor>("anchor");
+        QTest::addColumn<QPoint>("pointer");
+        QTest::addColumn<QPoint>("expected");
+        // Medium with icon: 69 × 39.
+        const QPoint first = kFirstScreen.center();
+        const QPoint second = kSecondScreen.center();
+        const QPoint nowhere(5000, 5000);
+        QTest::newRow("topLeft first") << ScreenAnchor::topLeft << first << QPoint(8, 8);
+        QTest::newRow("topMiddle first") << ScreenAnchor::topMiddle << first << QPoint(925, 8);
+        QTest::newRow("topRight first") << ScreenAnchor::topRight << first << QPoint(1843, 8);
+        QTest::newRow("bottomLeft first") << ScreenAnchor::bottomLeft << first << QPoint(8, 1033);
+        QTest::newRow("bottomMiddle first") << ScreenAnchor::bottomMiddle << first << QPoint(925, 1033);
+        QTest::newRow("bottomRight first") << ScreenAnchor::bottomRight << first << QPoint(1843, 1033);
+        QTest::newRow("topLeft second") << ScreenAnchor::topLeft << second << QPoint(1928, 8);
+        QTest::newRow("topMiddle second") << ScreenAnchor::topMiddle << second << QPoint(2525, 8);
+        QTest::newRow("topRight second") << ScreenAnchor::topRight << second << QPoint(3123, 8);
+        QTest::newRow("bottomLeft second") << ScreenAnchor::bottomLeft << second << QPoint(1928, 977);
+        QTest::newRow("bottomMiddle second") << ScreenAnchor::bottomMiddle << second << QPoint(2525, 977);
+        QTest::newRow("bottomRight second") << ScreenAnchor::bottomRight << second << QPoint(3123, 977);
+        QTest::newRow("pointer off every screen uses the primary")
+            << ScreenAnchor::bottomRight << nowhere << QPoint(1843, 1033);
+    }
+    void followsAnchorOnScreenUnderPointer()
+    {
+        QFETCH(ScreenAnchor, anchor);
+        QFETCH(QPoint, pointer);
+        QFETCH(QPoint, expected);
+        m_panel->show();
+        QCursor::setPos(pointer);
+        QCOMPARE(QCursor::pos(), pointer);
+        m_preferences->setMicrophoneLocation(anchor);
+        QCOMPARE(window()->pos(), expected);
+    }
+
+    void screenIsChosenAgainOnEveryChange()
+    {
+        m_preferences->setMicrophoneLocation(ScreenAnchor::bottomLeft);
+        QCOMPARE(window()->pos(), QPoint(8, 1033));
+        // Moving the pointer alone does not move the panel...
+        QCursor::setPos(kSecondScreen.center());
+        QCOMPARE(window()->pos(), QPoint(8, 1033));
+        // ...but any preference change does, even one unrelated to the place.
+        m_preferences->setMicrophoneOpacity(0.5);
+        QCOMPARE(window()->pos(), QPoint(1928, 977));
+    }
+
+    void explicitRepositionUsesGivenAnchor()
+    {
+        m_preferences->setMicrophoneLocation(ScreenAnchor::topLeft);
+        m_panel->reposition(ScreenAnchor::bottomRight);
+        QCOMPARE(window()->pos(), QPoint(1843, 1033));
+    }
+
+    void opacityAppliesToTheWholeIndicator_data()
+    {
+        QTest::addColumn<double>("opacity");
+        QTest::addColumn<double>("applied");
+        QTest::newRow("faint") << 0.2 << 0.2;
+        QTest::newRow("half") << 0.5 << 0.5;
+        QTest::newRow("opaque") << 1.0 << 1.0;
+        QTest::newRow("clamped low") << 0.05 << 0.2;
+    }
+    void opacityAppliesToTheWholeIndicator()
+    {
+        QFETCH(double, opacity);
+        QFETCH(double, applied);
+        m_preferences->setMicrophoneOpacity(1.0);
+        const QImage opaque = m_panel->hostingView()->grab().toImage();
+        m_preferences->setMicrophoneOpacity(opacity);
+        QCOMPARE(m_panel->hostingView()->indicatorOpacity(), applied);
+        const QImage faded = m_panel->hostingView()->grab().toImage();
+
+        // A pixel of the capsule between the circle and the bars.
+        const QPoint probe(int(std::lround(m_panel->hostingView()->width() * 0.61)),
+            int(std::lround(m_panel->hostingView()->height() * 0.15)));
+        const int fullAlpha = opaque.pixelColor(probe).alpha();
+        QVERIFY(fullAlpha > 200);
+        QVERIFY2(std::abs(faded.pixelColor(probe).alpha() - fullAlpha * applied) <= 3,
+            qPrintable(QStringLiteral("%1 vs %2").arg(faded.pixelColor(probe).alpha()).arg(fullAlpha * applied)));
+        // The rounded ends leave the corners see-through.
+        QCOMPARE(faded.pixelColor(0, 0).alpha(), 0);
+    }
+
+    void levelsRepaintWithoutRebuilding()
+    {
+        m_panel->show();
+        QVERIFY(QTest::qWaitForWindowExposed(window()));
+        QPointer<MicIndicatorView> view = m_panel->hostingView();
+        PaintCounter counter;
+        view->installEventFilter(&counter);
+
+        m_state->setPhase(DictoraPhase::recording());
+        QTRY_VERIFY(counter.paints >= 1);
+        const QImage quiet = view->grab().toImage();
+
+        const int before = counter.paints;
+        m_state->setMeterLevels(levels(1, 1, 1, 1));
+        QTRY_VERIFY(counter.paints > before);
+        const QImage loud = view->grab().toImage();
+
+        QVERIFY(view);
+        QCOMPARE(m_panel->hostingView(), view.data());
+        QCOMPARE(view->parentWidget(), window());
+        QVERIFY(quiet != loud);
+
+        // The tallest bar (fourth) is lit near the top of its box when loud only.
+        const overlay::IndicatorLayout layout = overlay::indicatorLayout(true);
+        const QRectF bar = overlay::barRect(layout.barBox, 3, 24);
+        const double scale = overlay::overlayScale(OverlaySize::medium);
+        const QPointF offset = QRectF(view->rect()).center() - layout.bounds.center() * scale;
+        const QPoint probe = (QPointF(bar.center().x(), bar.top() + 2.5) * scale + offset).toPoint();
+        QVERIFY2(loud.pixelColor(probe).lightness() > 200, qPrintable(QString::number(loud.pixelColor(probe).lightness())));
+        QVERIFY2(quiet.pixelColor(probe).lightness() < 80, qPrintable(QString::number(quiet.pixelColor(probe).lightness())));
+    }
+
+    void accessibleNameFollowsPhase_data()
+    {
+        QTest::addColumn<DictoraPhase>("phase");
+        QTest::addColumn<QString>("label");
+        QTest::newRow("preparing") << DictoraPhase::preparing() << QStringLiteral("Preparing microphone");
+        QTest::newRow("recording") << DictoraPhase::recording()
+                                   << QStringLiteral("Recording — use your shortcut to paste");
+        QTest::newRow("finalizing") << DictoraPhase::finalizing() << QStringLiteral("Transcribing");
+        QTest::newRow("needsAccessibility") << DictoraPhase::needsAccessibility()
+                                            << QStringLiteral("Allow Accessibility");
+        QTest::newRow("error") << DictoraPhase::error(QStringLiteral("Allow Microphone"))
+                               << QStringLiteral("Allow Microphone");
+        QTest::newRow("back to idle") << DictoraPhase::idle() << QStringLiteral("Ready");
+    }
+    void accessibleNameFollowsPhase()
+    {
+        QFETCH(DictoraPhase, phase);
+        QFETCH(QString, label);
+        QCOMPARE(m_panel->hostingView()->accessibleName(), QStringLiteral("Ready"));
+        // Start elsewhere so "back to idle" is a real change.
+        m_state->setPhase(DictoraPhase::error(QStringLiteral("State journal unavailable")));
+        m_state->setPhase(phase);
+        QCOMPARE(m_panel->hostingView()->accessibleName(), label);
+        QCOMPARE(window()->accessibleName(), label);
+    }
+
+    // Pictures for a person to look at; also checks each one is the right size.
+    void screenshots_data()
+    {
+        QTest::addColumn<OverlaySize>("size");
+        QTest::addColumn<bool>("icon");
+        for (OverlaySize size : allOverlaySizes())
+            for (bool icon : {true, false})
+                QTest::addRow("%s %s", qPrintable(rawValue(size)), icon ? "icon" : "bare") << size << icon;
+    }
+    void screenshots()
+    {
+        QFETCH(OverlaySize, size);
+        QFETCH(bool, icon);
+        QVERIFY(QDir().mkpath(screenshotDir()));
+        m_preferences->setMicrophoneSize(size);
+        m_preferences->setShowsMicrophoneIcon(icon);
+        m_preferences->setMicrophoneOpacity(1.0);
+        const QString stem = QStringLiteral("indicator-%1-%2").arg(rawValue(size), icon ? "icon" : "bare");
+
+        m_state->setPhase(DictoraPhase::idle());
+        const QImage idle = m_panel->hostingView()->grab().toImage();
+        QVERIFY(idle.save(QDir(screenshotDir()).filePath(stem + QStringLiteral("-idle.png"))));
+
+        m_state->setPhase(DictoraPhase::recording());
+        m_state->setMeterLevels(levels(0.45f, 0.8f, 0.3f, 0.95f));
+        const QImage recording = m_panel->hostingView()->grab().toImage();
+        QVERIFY(recording.save(QDir(screenshotDir()).filePath(stem + QStringLiteral("-recording.png"))));
+
+        QCOMPARE(idle.size(), overlay::overlayWindowSize(size, icon));
+        QVERIFY(idle != recording);
+    }
+
+    // All of the above, four times larger on a mid-grey desktop, on one page.
+    void screenshotSheet()
+    {
+        const int zoom = 4;
+        QImage sheet(zoom * 2 * 100, zoom * 6 * 60, QImage::Format_ARGB32);
+        sheet.fill(QColor(0x70, 0x80, 0x90));
+        QPainter painter(&sheet);
+        painter.setRenderHint(QPainter::SmoothPixmapTransform, false);
+        int row = 0;
+        for (OverlaySize size : allOverlaySizes()) {
+            for (bool icon : {true, false}) {
+                int column = 0;
+                for (const char *phase : {"idle", "recording"}) {
+                    const QString name = QStringLiteral("indicator-%1-%2-%3.png")
+                                             .arg(rawValue(size), icon ? "icon" : "bare", QLatin1String(phase));
+                    const QImage shot(QDir(screenshotDir()).filePath(name));
+                    QVERIFY2(!shot.isNull(), qPrintable(name));
+                    painter.drawImage(QRect(zoom * (column * 100 + 4), zoom * (row * 60 + 4),
+                                          shot.width() * zoom, shot.height() * zoom),
+                        shot);
+                    ++column;
+                }
+                ++row;
+            }
+        }
+        painter.end();
+        QVERIFY(sheet.save(QDir(screenshotDir()).filePath(QStringLiteral("indicator-sheet.png"))));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    // Two offscreen displays, so the choice of screen can be checked.
+    QTemporaryDir configDir;
+    const QString config = QDir(configDir.path()).filePath(QStringLiteral("screens.json"));
+    QFile file(config);
+    if (!file.open(QIODevice::WriteOnly))
+        return 1;
+    file.write(R"({"screens": [
+        {"name": "first", "x": 0, "y": 0, "width": 1920, "height": 1080, "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1},
+        {"name": "second", "x": 1920, "y": 0, "width": 1280, "height": 1024, "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1}
+    ]})");
+    file.close();
+    qputenv("QT_QPA_PLATFORM", QByteArray("offscreen:configfile=") + config.toUtf8());
+    QApplication app(argc, argv);
+    MicOverlayPanelTest test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_mic_overlay_panel.moc"

@@ -1,0 +1,257 @@
+#include "overlay/OverlayGeometry.h"
+
+#include <QtTest>
+
+#include <cmath>
+
+using namespace dictora;
+using namespace dictora::overlay;
+
+Q_DECLARE_METATYPE(dictora::ScreenAnchor)
+Q_DECLARE_METATYPE(dictora::OverlaySize)
+
+namespace {
+
+bool fuzzyEqual(double a, double b)
+{
+    return std::abs(a - b) < 1e-6;
+}
+
+AudioMeterLevels levels(float a, float b, float c, float d)
+{
+    AudioMeterLevels l;
+    l.first = a;
+    l.second = b;
+    l.third = c;
+    l.fourth = d;
+    return l;
+}
+
+} // namespace
+
+class OverlayGeometryTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void panelSize_data()
+    {
+        QTest::addColumn<OverlaySize>("size");
+        QTest::addColumn<bool>("icon");
+        QTest::addColumn<QSizeF>("exact");
+        QTest::addColumn<QSize>("window");
+        QTest::newRow("small icon") << OverlaySize::small << true << QSizeF(55.2, 31.2) << QSize(56, 32);
+        QTest::newRow("small bare") << OverlaySize::small << false << QSizeF(30.0, 31.2) << QSize(30, 32);
+        QTest::newRow("medium icon") << OverlaySize::medium << true << QSizeF(69.0, 39.0) << QSize(69, 39);
+        QTest::newRow("medium bare") << OverlaySize::medium << false << QSizeF(37.5, 39.0) << QSize(38, 39);
+        QTest::newRow("large icon") << OverlaySize::large << true << QSizeF(87.4, 49.4) << QSize(88, 50);
+        QTest::newRow("large bare") << OverlaySize::large << false << QSizeF(47.5, 49.4) << QSize(48, 50);
+    }
+    void panelSize()
+    {
+        QFETCH(OverlaySize, size);
+        QFETCH(bool, icon);
+        QFETCH(QSizeF, exact);
+        QFETCH(QSize, window);
+        const QSizeF got = overlayPanelSize(size, icon);
+        QVERIFY2(fuzzyEqual(got.width(), exact.width()) && fuzzyEqual(got.height(), exact.height()),
+            qPrintable(QStringLiteral("%1 x %2").arg(got.width()).arg(got.height())));
+        QCOMPARE(overlayWindowSize(size, icon), window);
+    }
+
+    // Every anchor × size × icon on a plain screen and on one that starts
+    // away from the origin (a second display, a top panel).
+    void anchors_data()
+    {
+        QTest::addColumn<ScreenAnchor>("anchor");
+        QTest::addColumn<OverlaySize>("size");
+        QTest::addColumn<bool>("icon");
+        QTest::addColumn<QRectF>("available");
+        const QList<QRectF> screens{QRectF(0, 0, 1920, 1080), QRectF(1920, 32, 1440, 868)};
+        for (const QRectF &available : screens)
+            for (ScreenAnchor anchor : allScreenAnchors())
+                for (OverlaySize size : allOverlaySizes())
+                    for (bool icon : {true, false})
+                        QTest::addRow("%s %s %s @%d,%d", qPrintable(rawValue(anchor)), qPrintable(rawValue(size)),
+                            icon ? "icon" : "bare", int(available.x()), int(available.y()))
+                            << anchor << size << icon << available;
+    }
+    void anchors()
+    {
+        QFETCH(ScreenAnchor, anchor);
+        QFETCH(OverlaySize, size);
+        QFETCH(bool, icon);
+        QFETCH(QRectF, available);
+        const QSizeF panel = overlayPanelSize(size, icon);
+        const QPointF p = anchoredTopLeft(anchor, available, panel);
+        const QRectF placed(p, panel);
+
+        const QString raw = rawValue(anchor);
+        const bool top = raw.startsWith(QLatin1String("top"));
+        if (top)
+            QVERIFY(fuzzyEqual(placed.top() - available.top(), 8.0));
+        else
+            QVERIFY(fuzzyEqual(available.bottom() - placed.bottom(), 8.0));
+
+        if (raw.endsWith(QLatin1String("Left")))
+            QVERIFY(fuzzyEqual(placed.left() - available.left(), 8.0));
+        else if (raw.endsWith(QLatin1String("Right")))
+            QVERIFY(fuzzyEqual(available.right() - placed.right(), 8.0));
+        else
+            QVERIFY(fuzzyEqual(placed.center().x(), available.center().x()));
+        QVERIFY(available.contains(placed));
+    }
+
+    void anchorExactValues_data()
+    {
+        QTest::addColumn<ScreenAnchor>("anchor");
+        QTest::addColumn<QRectF>("available");
+        QTest::addColumn<QSizeF>("panel");
+        QTest::addColumn<QPointF>("expected");
+        QTest::newRow("topMiddle 1440") << ScreenAnchor::topMiddle << QRectF(0, 25, 1440, 875) << QSizeF(69, 39)
+                                        << QPointF(685.5, 33);
+        QTest::newRow("topMiddle offset") << ScreenAnchor::topMiddle << QRectF(100, 0, 1440, 900) << QSizeF(69, 39)
+                                          << QPointF(785.5, 8);
+        QTest::newRow("bottomRight") << ScreenAnchor::bottomRight << QRectF(0, 0, 1920, 1040) << QSizeF(69, 39)
+                                     << QPointF(1843, 993);
+        QTest::newRow("bottomLeft negative origin")
+            << ScreenAnchor::bottomLeft << QRectF(-1280, -200, 1280, 1024) << QSizeF(30, 31.2)
+            << QPointF(-1272, 784.8);
+    }
+    void anchorExactValues()
+    {
+        QFETCH(ScreenAnchor, anchor);
+        QFETCH(QRectF, available);
+        QFETCH(QSizeF, panel);
+        QFETCH(QPointF, expected);
+        const QPointF got = anchoredTopLeft(anchor, available, panel);
+        QVERIFY2(fuzzyEqual(got.x(), expected.x()) && fuzzyEqual(got.y(), expected.y()),
+            qPrintable(QStringLiteral("%1,%2").arg(got.x()).arg(got.y())));
+    }
+
+    void screenUnderPointer_data()
+    {
+        QTest::addColumn<QList<QRect>>("screens");
+        QTest::addColumn<QPoint>("pointer");
+        QTest::addColumn<int>("expected");
+        const QList<QRect> two{QRect(0, 0, 1920, 1080), QRect(1920, 0, 1280, 1024)};
+        QTest::newRow("first") << two << QPoint(10, 10) << 0;
+        QTest::newRow("second") << two << QPoint(2000, 500) << 1;
+        QTest::newRow("last pixel of first") << two << QPoint(1919, 1079) << 0;
+        QTest::newRow("first pixel of second") << two << QPoint(1920, 0) << 1;
+        QTest::newRow("below the shorter screen") << two << QPoint(2000, 1050) << -1;
+        QTest::newRow("no screens") << QList<QRect>() << QPoint(0, 0) << -1;
+        const QList<QRect> overlapping{QRect(0, 0, 1920, 1080), QRect(0, 0, 1280, 1024)};
+        QTest::newRow("mirrored: first in list wins") << overlapping << QPoint(5, 5) << 0;
+    }
+    void screenUnderPointer()
+    {
+        QFETCH(QList<QRect>, screens);
+        QFETCH(QPoint, pointer);
+        QFETCH(int, expected);
+        QCOMPARE(screenIndexAt(screens, pointer), expected);
+    }
+
+    void barHeights_data()
+    {
+        QTest::addColumn<DictoraPhase>("phase");
+        QTest::addColumn<AudioMeterLevels>("levels");
+        QTest::addColumn<QList<double>>("expected");
+        const AudioMeterLevels zero;
+        const AudioMeterLevels full = levels(1, 1, 1, 1);
+        const AudioMeterLevels mixed = levels(0.5f, 0.25f, 0.04f, 0.75f);
+        const QList<double> idle{5, 5, 5, 5};
+        QTest::newRow("idle") << DictoraPhase::idle() << full << idle;
+        QTest::newRow("preparing") << DictoraPhase::preparing() << full << idle;
+        QTest::newRow("finalizing") << DictoraPhase::finalizing() << mixed << idle;
+        QTest::newRow("needsAccessibility") << DictoraPhase::needsAccessibility() << full << idle;
+        QTest::newRow("error") << DictoraPhase::error("x") << full << idle;
+        QTest::newRow("recording silent floors at 0.08")
+            << DictoraPhase::recording() << zero << QList<double>{5.64, 6.28, 5.96, 6.52};
+        QTest::newRow("recording full") << DictoraPhase::recording() << full << QList<double>{13, 21, 17, 24};
+        QTest::newRow("recording mixed")
+            << DictoraPhase::recording() << mixed << QList<double>{9.0, 9.0, 5.96, 19.25};
+        QTest::newRow("recording out of range")
+            << DictoraPhase::recording() << levels(2.0f, -1.0f, std::nanf(""), 1.0f)
+            << QList<double>{13, 6.28, 5.96, 24};
+    }
+    void barHeights()
+    {
+        QFETCH(DictoraPhase, phase);
+        QFETCH(AudioMeterLevels, levels);
+        QFETCH(QList<double>, expected);
+        for (int i = 0; i < 4; ++i) {
+            const double got = indicatorBarHeight(phase, levels, i);
+            QVERIFY2(std::abs(got - expected.at(i)) < 1e-5,
+                qPrintable(QStringLiteral("bar %1: %2 != %3").arg(i).arg(got).arg(expected.at(i))));
+        }
+    }
+
+    void circleOpacity_data()
+    {
+        QTest::addColumn<DictoraPhase>("phase");
+        QTest::addColumn<AudioMeterLevels>("levels");
+        QTest::addColumn<double>("expected");
+        QTest::newRow("idle") << DictoraPhase::idle() << levels(1, 1, 1, 1) << 0.2;
+        QTest::newRow("finalizing") << DictoraPhase::finalizing() << levels(0.5f, 0, 0, 0) << 0.2;
+        QTest::newRow("recording silent") << DictoraPhase::recording() << AudioMeterLevels() << 0.18;
+        QTest::newRow("recording loudest is fourth")
+            << DictoraPhase::recording() << levels(0.1f, 0.2f, 0.3f, 0.5f) << 0.28;
+        QTest::newRow("recording loudest is first")
+            << DictoraPhase::recording() << levels(1.0f, 0.2f, 0.3f, 0.5f) << 0.38;
+        QTest::newRow("recording overdriven") << DictoraPhase::recording() << levels(0, 4.0f, 0, 0) << 0.38;
+    }
+    void circleOpacity()
+    {
+        QFETCH(DictoraPhase, phase);
+        QFETCH(AudioMeterLevels, levels);
+        QFETCH(double, expected);
+        QVERIFY(std::abs(microphoneCircleOpacity(phase, levels) - expected) < 1e-6);
+    }
+
+    void layout_data()
+    {
+        QTest::addColumn<bool>("icon");
+        QTest::newRow("icon") << true;
+        QTest::newRow("bare") << false;
+    }
+    void layout()
+    {
+        QFETCH(bool, icon);
+        const IndicatorLayout l = indicatorLayout(icon);
+        QCOMPARE(l.bounds.size(), QSizeF(icon ? 92 : 50, 52));
+        QCOMPARE(l.barBox.size(), QSizeF(26, 24));
+        QVERIFY(l.bounds.contains(l.barBox));
+        QCOMPARE(l.barBox.center().y(), l.bounds.center().y());
+        if (icon) {
+            QCOMPARE(l.circle.size(), QSizeF(34, 34));
+            QVERIFY(l.bounds.contains(l.circle));
+            QVERIFY(l.circle.right() <= l.barBox.left());
+            QCOMPARE(l.circle.center().y(), l.bounds.center().y());
+            // The capsule's ends are as far from the content on both sides.
+            QCOMPARE(l.circle.left() - l.bounds.left(), l.bounds.right() - l.barBox.right());
+        } else {
+            QVERIFY(l.circle.isEmpty());
+            QCOMPARE(l.barBox.center().x(), l.bounds.center().x());
+        }
+
+        // Four bars, 3 apart, filling the box, each centred on the box's middle line.
+        QRectF previous;
+        for (int i = 0; i < 4; ++i) {
+            const double h = kMaximumBarHeights[size_t(i)];
+            const QRectF bar = barRect(l.barBox, i, h);
+            QCOMPARE(bar.height(), h);
+            QCOMPARE(bar.center().y(), l.barBox.center().y());
+            QVERIFY(bar.top() >= l.barBox.top() && bar.bottom() <= l.barBox.bottom());
+            if (i == 0)
+                QCOMPARE(bar.left(), l.barBox.left());
+            else
+                QVERIFY(std::abs(bar.left() - previous.right() - 3.0) < 1e-9);
+            if (i == 3)
+                QVERIFY(std::abs(bar.right() - l.barBox.right()) < 1e-9);
+            previous = bar;
+        }
+    }
+};
+
+QTEST_APPLESS_MAIN(OverlayGeometryTest)
+#include "tst_overlay_geometry.moc"

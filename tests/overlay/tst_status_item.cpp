@@ -1,0 +1,161 @@
+#include "overlay/DictoraStatusItemController.h"
+#include "overlay/MicrophoneGlyph.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QImage>
+#include <QPainter>
+#include <QMenu>
+#include <QPalette>
+#include <QSystemTrayIcon>
+#include <QtTest>
+
+using namespace dictora;
+
+class StatusItemTest : public QObject {
+    Q_OBJECT
+
+    int m_opened = 0;
+    int m_quit = 0;
+
+    DictoraStatusItemController::Actions countingActions()
+    {
+        return {[this] { ++m_opened; }, [this] { ++m_quit; }};
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_opened = 0;
+        m_quit = 0;
+    }
+
+    void menuHoldsExactlyOpenAndQuit()
+    {
+        DictoraStatusItemController item(countingActions());
+        const QList<QAction *> actions = item.menu()->actions();
+        QCOMPARE(actions.size(), 2);
+        QCOMPARE(actions.at(0)->text(), QStringLiteral("Open App"));
+        QCOMPARE(actions.at(1)->text(), QStringLiteral("Quit App"));
+        for (QAction *action : actions) {
+            QVERIFY(action->isEnabled());
+            QVERIFY(!action->isSeparator());
+            QVERIFY(action->shortcut().isEmpty());
+            QVERIFY(!action->isCheckable());
+        }
+    }
+
+    void entriesRunTheirAction_data()
+    {
+        QTest::addColumn<int>("entry");
+        QTest::addColumn<int>("opened");
+        QTest::addColumn<int>("quit");
+        QTest::newRow("Open App") << 0 << 1 << 0;
+        QTest::newRow("Quit App") << 1 << 0 << 1;
+    }
+    void entriesRunTheirAction()
+    {
+        QFETCH(int, entry);
+        QFETCH(int, opened);
+        QFETCH(int, quit);
+        DictoraStatusItemController item(countingActions());
+        item.menu()->actions().at(entry)->trigger();
+        QCOMPARE(m_opened, opened);
+        QCOMPARE(m_quit, quit);
+    }
+
+    void installWithoutTrayReportsFalse()
+    {
+        if (QSystemTrayIcon::isSystemTrayAvailable())
+            QSKIP("this desktop has a tray");
+        DictoraStatusItemController item(countingActions());
+        QVERIFY(!item.install());
+        QVERIFY(!item.install());
+        QVERIFY(!item.isInstalled());
+        QCOMPARE(item.statusItem(), nullptr);
+        // The menu still works for whoever shows it another way.
+        item.menu()->actions().at(0)->trigger();
+        QCOMPARE(m_opened, 1);
+    }
+
+    void panelDarkness_data()
+    {
+        QTest::addColumn<QColor>("window");
+        QTest::addColumn<bool>("dark");
+        QTest::newRow("white") << QColor(Qt::white) << false;
+        QTest::newRow("light grey (Adwaita)") << QColor(0xf6, 0xf5, 0xf4) << false;
+        QTest::newRow("just above middle") << QColor(0x82, 0x82, 0x82) << false;
+        QTest::newRow("just below middle") << QColor(0x7c, 0x7c, 0x7c) << true;
+        QTest::newRow("Breeze dark") << QColor(0x31, 0x36, 0x3b) << true;
+        QTest::newRow("black") << QColor(Qt::black) << true;
+        QTest::newRow("saturated blue") << QColor(0x00, 0x00, 0xa0) << true;
+    }
+    void panelDarkness()
+    {
+        QFETCH(QColor, window);
+        QFETCH(bool, dark);
+        QPalette palette;
+        palette.setColor(QPalette::Window, window);
+        QCOMPARE(overlay::isDarkPanel(palette), dark);
+    }
+
+    // The glyph contrasts with the panel it is drawn for, is centred, and
+    // leaves the corners clear at every tray size.
+    void trayArt_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<bool>("dark");
+        for (int size : {16, 22, 24, 48})
+            for (bool dark : {true, false})
+                QTest::addRow("%d %s", size, dark ? "dark panel" : "light panel") << size << dark;
+    }
+    void trayArt()
+    {
+        QFETCH(int, size);
+        QFETCH(bool, dark);
+        const QImage image = overlay::trayIconPixmap(size, dark).toImage().convertToFormat(QImage::Format_ARGB32);
+        QCOMPARE(image.size(), QSize(size, size));
+        for (QPoint corner : {QPoint(0, 0), QPoint(size - 1, 0), QPoint(0, size - 1), QPoint(size - 1, size - 1)})
+            QCOMPARE(image.pixelColor(corner).alpha(), 0);
+
+        int opaque = 0;
+        int mirrored = 0;
+        for (int y = 0; y < size; ++y) {
+            for (int x = 0; x < size; ++x) {
+                const QColor c = image.pixelColor(x, y);
+                if (c.alpha() < 200)
+                    continue;
+                ++opaque;
+                if (dark)
+                    QVERIFY2(c.lightness() > 200, qPrintable(QStringLiteral("%1,%2").arg(x).arg(y)));
+                else
+                    QVERIFY2(c.lightness() < 60, qPrintable(QStringLiteral("%1,%2").arg(x).arg(y)));
+                if (image.pixelColor(size - 1 - x, y).alpha() >= 128)
+                    ++mirrored;
+            }
+        }
+        // Enough ink to be seen, not a filled square.
+        QVERIFY2(opaque > size * size / 12 && opaque < size * size / 2, qPrintable(QString::number(opaque)));
+        QVERIFY2(mirrored >= opaque * 9 / 10, qPrintable(QStringLiteral("%1 of %2").arg(mirrored).arg(opaque)));
+    }
+
+    // Both icons on the panels they are meant for, for a person to look at.
+    void trayScreenshot()
+    {
+        QImage sheet(2 * 96 + 3 * 16, 96 + 32, QImage::Format_ARGB32);
+        sheet.fill(Qt::gray);
+        QPainter painter(&sheet);
+        for (bool dark : {false, true}) {
+            const QRect cell(16 + (dark ? 96 + 16 : 0), 16, 96, 96);
+            painter.fillRect(cell.adjusted(-8, -8, 8, 8), dark ? QColor(0x2b, 0x2b, 0x2b) : QColor(0xf6, 0xf5, 0xf4));
+            painter.drawPixmap(cell, overlay::trayIconPixmap(96, dark));
+        }
+        painter.end();
+        QVERIFY(QDir().mkpath(QStringLiteral(DICTORA_OVERLAY_SCREENSHOT_DIR)));
+        QVERIFY(sheet.save(QDir(QStringLiteral(DICTORA_OVERLAY_SCREENSHOT_DIR)).filePath(QStringLiteral("tray-icons.png"))));
+    }
+};
+
+QTEST_MAIN(StatusItemTest)
+#include "tst_status_item.moc"
