@@ -12,9 +12,14 @@ set(DICTORA_WHISPER_TARBALL "nodejs-whisper-0.3.1.tgz")
 set(DICTORA_WHISPER_SHA512 "71ea2295456b691b91e459cdc97a46413d9ab80478f0e7370100449a45e75694a7f6237ac95473401142a954c659b93a59d8bde4d86fc1737316fb91edeacb5b")
 
 if(DICTORA_USE_SYSTEM_WHISPER)
-  # whisper.cpp installs its version file under a name find_package() does not
-  # look for, so the version is checked here from the variable its config sets.
-  find_package(whisper CONFIG QUIET)
+  # whisper's package config requires ggml's and fails hard without it, so ggml
+  # is looked for first. whisper.cpp installs its version file under a name
+  # find_package() does not look for; the version is checked from the variable
+  # its config sets.
+  find_package(ggml CONFIG QUIET)
+  if(ggml_FOUND)
+    find_package(whisper CONFIG QUIET)
+  endif()
 endif()
 
 if(whisper_FOUND AND TARGET whisper AND WHISPER_VERSION VERSION_GREATER_EQUAL 1.9)

@@ -8,6 +8,7 @@ namespace dictora::cli {
 
 int runTranscribe(const QStringList &arguments); // TranscribeVerb.cpp
 int runFormat(const QStringList &arguments); // FormatVerb.cpp
+int runRecord(const QStringList &arguments); // RecordVerb.cpp
 
 int runToggle(const QStringList &arguments)
 {
@@ -36,6 +37,7 @@ const QList<Verb> &verbs()
         {"history", "list, search and archive the History", false, &runHistory},
         {"transcribe", "recognise the speech in an audio file and print the text", false, &runTranscribe},
         {"format", "format standard input as a dictation and apply the snippets", false, &runFormat},
+        {"record", "record the microphone to a 16 kHz WAV file, showing the levels", false, &runRecord},
     };
     return all;
 }

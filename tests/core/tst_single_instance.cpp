@@ -1,6 +1,8 @@
 #include "core/DataPaths.h"
 #include "support/TestSupport.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QtTest>
 
@@ -17,6 +19,21 @@ class SingleInstanceTest : public QObject {
     }
 
 private Q_SLOTS:
+    void initTestCase()
+    {
+        // Never fetch the real model from a test: a contract whose source refuses at once.
+        const QString contract = m_home.path() + QStringLiteral("/contract.json");
+        QFile f(contract);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(QJsonDocument(QJsonObject{{QStringLiteral("fileName"), QStringLiteral("absent.bin")},
+                                  {QStringLiteral("bytes"), 4},
+                                  {QStringLiteral("sha256"), QStringLiteral("88d4266fd4e6338d13b845fcf289579d209c897823b9217da3e161936f031589")},
+                                  {QStringLiteral("url"), QStringLiteral("http://127.0.0.1:9/absent.bin")}})
+                    .toJson());
+        f.close();
+        qputenv("DICTORA_MODEL_CONTRACT", contract.toUtf8());
+    }
+
     void secondStartFindsTheFirst()
     {
         QProcess first;
@@ -41,6 +58,23 @@ private Q_SLOTS:
         QCOMPARE(first.exitStatus(), QProcess::NormalExit);
         // A clean exit removes the socket, so the next start is a first start again.
         QVERIFY(!QFile::exists(dictora::DataPaths::instanceSocket()));
+    }
+
+    void malformedContractStopsTheStart()
+    {
+        const QString contract = m_home.path() + QStringLiteral("/broken.json");
+        QFile f(contract);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("{\"fileName\": 3");
+        f.close();
+        QProcess app;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract);
+        app.setProcessEnvironment(env);
+        app.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("-platform"), QStringLiteral("offscreen")});
+        QVERIFY(app.waitForFinished(20000));
+        QCOMPARE(app.exitCode(), 1);
+        QVERIFY2(app.readAllStandardError().contains("broken.json"), "the message names the file");
     }
 
     void toggleWithoutInstanceFails()

@@ -255,27 +255,17 @@ void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint
     }
     m_state.setLastTranscript(text);
 
-    TranscriptRecord record;
-    record.id = m_sessionID;
-    record.recordingStartedAt = m_startedAt;
-    record.recordingEndedAt = m_endedAt;
-    record.savedAt = QDateTime::currentDateTimeUtc();
-    if (m_target)
-        record.targetApplication = m_target->application;
+    TranscriptRecord record = sessionRecord(outcome);
     record.transcript = text;
-    record.recordingDurationMilliseconds = millisecondsBetween(m_startedAt, m_endedAt);
     record.finalizationDurationMilliseconds = captureStopMs + engineMs;
     record.pasteDispatchDurationMilliseconds = pasteMs;
-    record.totalDurationMilliseconds = millisecondsBetween(m_startedAt, record.savedAt);
-    record.outcome = outcome;
     record.error = error;
     record.earsDurationMilliseconds = engineMs;
-    record.transcriptionEngine = QString::fromLatin1(kEngineIdentifier);
 
     log(QStringLiteral("journal append begin"));
-    appendInBackground(record, [this, record, text, practice](const QString &appendError) {
-        if (!appendError.isNull()) {
-            failDictation(appendError);
+    appendInBackground(record, [this, record, text, practice](std::optional<QString> appendError) {
+        if (appendError) {
+            failDictation(*appendError);
             return;
         }
         log(QStringLiteral("journal append complete"));
@@ -300,24 +290,14 @@ void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint
 void DictoraController::failDictation(const QString &error)
 {
     m_c.microphone.cancel();
-    TranscriptRecord record;
-    record.id = m_sessionID;
-    record.recordingStartedAt = m_startedAt;
-    record.recordingEndedAt = m_endedAt;
-    record.savedAt = QDateTime::currentDateTimeUtc();
-    if (m_target)
-        record.targetApplication = m_target->application;
-    record.recordingDurationMilliseconds = millisecondsBetween(m_startedAt, m_endedAt);
+    TranscriptRecord record = sessionRecord(TranscriptOutcome::failed);
     record.finalizationDurationMilliseconds = millisecondsBetween(m_endedAt, record.savedAt);
-    record.totalDurationMilliseconds = millisecondsBetween(m_startedAt, record.savedAt);
-    record.outcome = TranscriptOutcome::failed;
     record.error = error;
-    record.transcriptionEngine = QString::fromLatin1(kEngineIdentifier);
-    appendInBackground(record, [this, error](const QString &appendError) {
-        if (appendError.isNull())
+    appendInBackground(record, [this, error](std::optional<QString> appendError) {
+        if (!appendError)
             log(QStringLiteral("failed recording archived without transcript"));
         else
-            log(QStringLiteral("failed recording archive unavailable error=") + appendError);
+            log(QStringLiteral("failed recording archive unavailable error=") + *appendError);
         m_state.setPhase(DictoraPhase::error(error));
         m_state.setMeterLevels(AudioMeterLevels::zero());
         stopListeningDots();
@@ -327,16 +307,32 @@ void DictoraController::failDictation(const QString &error)
     });
 }
 
-void DictoraController::appendInBackground(TranscriptRecord record, std::function<void(QString)> done)
+TranscriptRecord DictoraController::sessionRecord(TranscriptOutcome outcome) const
+{
+    TranscriptRecord record;
+    record.id = m_sessionID;
+    record.recordingStartedAt = m_startedAt;
+    record.recordingEndedAt = m_endedAt;
+    record.savedAt = QDateTime::currentDateTimeUtc();
+    if (m_target)
+        record.targetApplication = m_target->application;
+    record.recordingDurationMilliseconds = millisecondsBetween(m_startedAt, m_endedAt);
+    record.totalDurationMilliseconds = millisecondsBetween(m_startedAt, record.savedAt);
+    record.outcome = outcome;
+    record.transcriptionEngine = QString::fromLatin1(kEngineIdentifier);
+    return record;
+}
+
+void DictoraController::appendInBackground(TranscriptRecord record, AppendDone done)
 {
     // The append waits for the disk (fsync); the main thread must not.
     runInBackground(this,
-        [journal = m_c.journal, record = std::move(record)]() -> QString {
+        [journal = m_c.journal, record = std::move(record)]() -> std::optional<QString> {
             try {
                 journal.append(record);
-                return QString();
+                return std::nullopt;
             } catch (const Error &e) {
-                return e.description().isNull() ? QStringLiteral("") : e.description();
+                return e.description();
             }
         },
         std::move(done));

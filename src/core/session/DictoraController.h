@@ -77,7 +77,10 @@ private:
     void stopAndPaste();
     void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs);
     void failDictation(const QString &error);
-    void appendInBackground(TranscriptRecord record, std::function<void(QString error)> done);
+    // The fields every record of this session shares.
+    TranscriptRecord sessionRecord(TranscriptOutcome outcome) const;
+    using AppendDone = std::function<void(std::optional<QString> error)>;
+    void appendInBackground(TranscriptRecord record, AppendDone done);
     void resetSession();
     void startListeningDots();
     void stopListeningDots();

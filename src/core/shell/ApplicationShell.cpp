@@ -3,10 +3,23 @@
 #include "core/DataPaths.h"
 #include "core/RuntimeLog.h"
 #include "core/SingleInstance.h"
+#include "core/session/DictoraController.h"
+#include "history/HistoryStore.h"
 #include "history/TranscriptJournal.h"
+#include "home/HomeWindow.h"
+#include "overlay/DictoraStatusItemController.h"
+#include "overlay/MicOverlayPanel.h"
+#include "platform/PlatformServices.h"
+#include "speech/AccuracyModelManager.h"
+#include "audio/AudioCaptureService.h"
+#include "text/paste/PasteService.h"
+#include "text/SnippetStore.h"
 
 #include <QApplication>
+#include <QProcess>
+#include <QSettings>
 #include <QSocketNotifier>
+#include <QStandardPaths>
 
 #include <csignal>
 #include <cstdio>
@@ -31,7 +44,8 @@ void quitOnTerminationSignals(QCoreApplication &app)
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
         return;
     auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
-    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] { QCoreApplication::quit(); });
+    // exit(), not quit(): the indicator refuses to close, which would veto a quit.
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] { QCoreApplication::exit(0); });
     struct sigaction action{};
     action.sa_handler = onTerminationSignal;
     sigemptyset(&action.sa_mask);
@@ -40,17 +54,31 @@ void quitOnTerminationSignals(QCoreApplication &app)
     sigaction(SIGINT, &action, nullptr);
 }
 
+void openSoundSettings(const RuntimeLog &log)
+{
+    const QList<QStringList> launchers{{QStringLiteral("gnome-control-center"), QStringLiteral("sound")},
+        {QStringLiteral("systemsettings"), QStringLiteral("kcm_pulseaudio")}, {QStringLiteral("pavucontrol")}};
+    for (const QStringList &launcher : launchers) {
+        if (QStandardPaths::findExecutable(launcher.first()).isEmpty())
+            continue;
+        QProcess::startDetached(launcher.first(), launcher.mid(1));
+        return;
+    }
+    log.write(QStringLiteral("no sound settings application found"));
+}
+
 } // namespace
 
-int runApplication(int argc, char **argv)
+int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory)
 {
     QApplication app(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Dictora"));
     QApplication::setApplicationName(QStringLiteral("Dictora"));
     QApplication::setQuitOnLastWindowClosed(false);
+    QGuiApplication::setDesktopFileName(QStringLiteral("dictora"));
 
     const QString socketPath = DataPaths::instanceSocket();
-    if (const auto reply = sendToRunningInstance(socketPath, QStringLiteral("show"))) {
+    if (sendToRunningInstance(socketPath, QStringLiteral("show"))) {
         std::fprintf(stdout, "Dictora is already running; showing its window.\n");
         return 0;
     }
@@ -60,17 +88,68 @@ int runApplication(int argc, char **argv)
         std::fprintf(stderr, "dictora: the data directory is unavailable: %s\n", qPrintable(failure));
         return 1;
     }
-    RuntimeLog log(DataPaths::logFile());
-    TranscriptJournal journal(DataPaths::journalFile());
+    AccuracyModelManager::Options modelOptions;
     try {
-        journal.prepare();
-    } catch (const JournalError &e) {
-        log.write(QStringLiteral("journal prepare failed error=") + e.description());
+        modelOptions.contract = AccuracyModelContract::current();
+    } catch (const Error &e) {
+        std::fprintf(stderr, "dictora: %s\n", qPrintable(e.description()));
+        return 1;
     }
 
-    SingleInstanceServer instance(socketPath, [&log](const QString &command) {
+    QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Dictora"), QStringLiteral("Dictora"));
+    DictoraState state;
+    ProductPreferences preferences(settings);
+    RuntimeLog log(DataPaths::logFile());
+    const TranscriptJournal journal(DataPaths::journalFile());
+    SnippetStore snippets(DataPaths::snippetsFile());
+
+    AccuracyModelManager model(modelOptions, &log);
+    const std::unique_ptr<SpeechPort> speech = speechFactory(model);
+    AudioCaptureService capture(&log);
+    CaptureMicrophonePort microphone(capture);
+    PasteService pasteService(log);
+    ServicePasterPort paster(pasteService);
+    const std::unique_ptr<ShortcutBackend> shortcut = Platform::createShortcutBackend();
+    const std::unique_ptr<PermissionProbe> permissions = Platform::createPermissionProbe();
+
+    HistoryStore history(journal);
+    HomeWindow window(state, preferences, history);
+    MicOverlayPanel overlay(state, preferences);
+    const auto showModelStatus = [&] {
+        const AccuracyModelPhase phase = model.phase();
+        if (phase.isReady())
+            window.setModelStatus(QString());
+        else if (phase.kind() == AccuracyModelPhase::Kind::downloading)
+            window.setModelStatus(QStringLiteral("%1 %2%").arg(phase.statusText()).arg(qRound(model.progress() * 100)));
+        else
+            window.setModelStatus(phase.statusText());
+    };
+    QObject::connect(&model, &AccuracyModelManager::phaseChanged, &window, showModelStatus);
+    QObject::connect(&model, &AccuracyModelManager::progressChanged, &window, showModelStatus);
+
+    ViewPorts views;
+    views.repositionOverlay = [&overlay](ScreenAnchor anchor) { overlay.reposition(anchor); };
+    views.showOverlay = [&overlay] { overlay.show(); };
+    views.showMainWindow = [&window] { window.present(); };
+    views.refreshHistoryIfVisible = [&window] { window.refreshIfVisible(); };
+    views.openSettings = [&log](const QString &) { openSoundSettings(log); };
+
+    DictoraController controller(state, preferences,
+        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal, log,
+            DataPaths::dataDirectory(), views});
+
+    DictoraStatusItemController tray({[&window] { window.present(); }, [] { QCoreApplication::exit(0); }});
+    if (!tray.install())
+        log.write(QStringLiteral("status item unavailable: the desktop has no system tray; start dictora again to show its window"));
+
+    SingleInstanceServer instance(socketPath, [&](const QString &command) {
         if (command == QLatin1String("show")) {
             log.write(QStringLiteral("second launch; showing main window"));
+            window.present();
+            return QStringLiteral("ok");
+        }
+        if (command == QLatin1String("toggle")) {
+            controller.toggleRecording();
             return QStringLiteral("ok");
         }
         return QStringLiteral("error: unknown command ") + command;
@@ -81,7 +160,8 @@ int runApplication(int argc, char **argv)
     }
     quitOnTerminationSignals(app);
 
-    log.write(QStringLiteral("app started dataDirectory=") + DataPaths::dataDirectory());
+    controller.start();
+    showModelStatus();
     const int rc = app.exec();
     log.write(QStringLiteral("app quit"));
     return rc;

@@ -1,3 +1,5 @@
+#include "cli/Main.h"
+
 #include "cli/CommandLine.h"
 #include "cli/Verbs.h"
 #include "core/shell/ApplicationShell.h"
@@ -25,10 +27,10 @@ void printHelp()
 
 } // namespace
 
-int main(int argc, char **argv)
+int dictora::cli::dictoraMain(int argc, char **argv, const SpeechPortFactory &speechFactory)
 {
     if (argc < 2)
-        return runApplication(argc, argv);
+        return runApplication(argc, argv, speechFactory);
     const char *first = argv[1];
     if (std::strcmp(first, "--help") == 0 || std::strcmp(first, "-h") == 0 || std::strcmp(first, "help") == 0) {
         printHelp();
@@ -47,7 +49,7 @@ int main(int argc, char **argv)
         return verb.run(QCoreApplication::arguments().mid(2));
     }
     if (first[0] == '-')
-        return runApplication(argc, argv); // Qt's own options (-platform …)
+        return runApplication(argc, argv, speechFactory); // Qt's own options (-platform …)
     cli::printErr(QStringLiteral("dictora: unknown verb '%1'\nTry 'dictora --help'.\n").arg(QString::fromLocal8Bit(first)));
     return cli::kExitUsage;
 }

@@ -1,0 +1,103 @@
+#include "audio/AudioCaptureService.h"
+
+#include "core/RuntimeLog.h"
+
+namespace dictora {
+
+AudioCaptureService::AudioCaptureService(RuntimeLog *log, QObject *parent)
+    : QObject(parent), m_log(log), m_engine(log), m_finalCapture(std::make_shared<FinalAudioCapture>())
+{
+}
+
+AudioCaptureService::~AudioCaptureService()
+{
+    cancel();
+}
+
+void AudioCaptureService::write(const QString &message) const
+{
+    if (m_log)
+        m_log->write(message);
+}
+
+void AudioCaptureService::start(AudioMeterCallback onMeterLevels)
+{
+    if (m_engine.isRunning())
+        return;
+    m_finalCapture->reset();
+
+    const PulseCaptureEngine::SourceInfo source = m_engine.defaultSource();
+    if (!source.serverAnswered) {
+        write(QStringLiteral("microphone unavailable reason=%1").arg(source.serverError));
+        throw AudioEngineError(QStringLiteral("The sound server could not be reached (%1).").arg(source.serverError));
+    }
+    if (!source.format.isUsable()) {
+        write(QStringLiteral("microphone unavailable reason=no default input source"));
+        throw DictoraAudioCaptureError(DictoraAudioCaptureError::invalidInputFormat);
+    }
+
+    const AudioFormat output = AudioFormat::dictationOutput();
+    std::unique_ptr<AudioConverter> converter = AudioConverter::create(source.format, output);
+    if (!converter)
+        throw DictoraAudioCaptureError(DictoraAudioCaptureError::audioConverterUnavailable);
+
+    m_tapPipe = std::make_shared<AudioCaptureTapPipe>(std::move(converter), m_finalCapture, std::move(onMeterLevels), this);
+    m_engine.installTap(source.format, [pipe = m_tapPipe](const AudioBuffer &buffer) { pipe->handle(buffer); });
+    m_tapInstalled = true;
+    try {
+        m_engine.start();
+    } catch (...) {
+        cancel();
+        throw;
+    }
+}
+
+CapturedAudioResult AudioCaptureService::stop()
+{
+    if (m_tapInstalled) {
+        m_engine.removeTap();
+        m_tapInstalled = false;
+    }
+    m_engine.stop();
+    // The capture thread has let go of the pipe: collect the resampler's tail.
+    if (m_tapPipe)
+        m_tapPipe->finish();
+    CapturedAudioResult result = m_finalCapture->result();
+    m_tapPipe.reset();
+    return result;
+}
+
+void AudioCaptureService::cancel()
+{
+    if (m_tapInstalled) {
+        m_engine.removeTap();
+        m_tapInstalled = false;
+    }
+    m_engine.stop();
+    m_tapPipe.reset();
+}
+
+bool AudioCaptureService::isRecording() const
+{
+    return m_engine.isRunning();
+}
+
+AudioCaptureService::MicrophoneStatus AudioCaptureService::microphoneStatus()
+{
+    const PulseCaptureEngine::SourceInfo source = m_engine.defaultSource();
+    if (!source.serverAnswered)
+        return {false, QStringLiteral("the sound server could not be reached (%1)").arg(source.serverError)};
+    if (source.sourceName.isEmpty())
+        return {false, QStringLiteral("the sound server has no default input source")};
+    return {true, {}};
+}
+
+bool AudioCaptureService::requestMicrophonePermission()
+{
+    const MicrophoneStatus status = microphoneStatus();
+    if (!status.authorized)
+        write(QStringLiteral("microphone permission denied reason=%1").arg(status.reason));
+    return status.authorized;
+}
+
+} // namespace dictora

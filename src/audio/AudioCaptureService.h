@@ -1,0 +1,62 @@
+#pragma once
+
+#include "audio/AudioCaptureTapPipe.h"
+#include "audio/CapturedAudioResult.h"
+#include "audio/DictoraAudioCaptureError.h"
+#include "audio/FinalAudioCapture.h"
+#include "audio/PulseCaptureEngine.h"
+
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+namespace dictora {
+
+class RuntimeLog;
+
+// Records the microphone for one dictation at a time and hands back 16 kHz
+// mono samples. Lives on the main thread; meter levels arrive there too.
+class AudioCaptureService : public QObject {
+    Q_OBJECT
+public:
+    struct MicrophoneStatus {
+        bool authorized = false;
+        QString reason; // why not, when not
+    };
+
+    // log may be null.
+    explicit AudioCaptureService(RuntimeLog *log = nullptr, QObject *parent = nullptr);
+    ~AudioCaptureService() override;
+
+    // Starts recording from the default input source. A second start while
+    // recording does nothing. Throws DictoraAudioCaptureError, or
+    // AudioEngineError when the sound server refuses; the service is then idle.
+    void start(AudioMeterCallback onMeterLevels);
+    // Everything captured, including the resampler's last frames. Never fails.
+    CapturedAudioResult stop();
+    // Stops without a result; the samples stay until the next start.
+    void cancel();
+    bool isRecording() const;
+
+    // Authorized when the sound server answers and has a default input
+    // source; a denial is written to the log with its reason. Blocks until
+    // the local server answers (a few milliseconds, at most the engine's
+    // timeout), so call it where a short wait is acceptable.
+    bool requestMicrophonePermission();
+    MicrophoneStatus microphoneStatus();
+
+    PulseCaptureEngine &engine() { return m_engine; }
+    const FinalAudioCapture &finalCapture() const { return *m_finalCapture; }
+
+private:
+    void write(const QString &message) const;
+
+    RuntimeLog *m_log;
+    PulseCaptureEngine m_engine;
+    std::shared_ptr<FinalAudioCapture> m_finalCapture;
+    std::shared_ptr<AudioCaptureTapPipe> m_tapPipe;
+    bool m_tapInstalled = false;
+};
+
+} // namespace dictora

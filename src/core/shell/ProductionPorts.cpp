@@ -1,0 +1,74 @@
+#include "core/shell/ProductionPorts.h"
+
+#include "audio/AudioCaptureService.h"
+#include "speech/AccuracyModelManager.h"
+#include "text/paste/PasteService.h"
+
+#include <QFutureWatcher>
+
+namespace dictora {
+
+ModelSpeechPort::ModelSpeechPort(AccuracyModelManager &manager, QObject *parent)
+    : SpeechPort(parent), m_manager(manager)
+{
+    connect(&m_manager, &AccuracyModelManager::phaseChanged, this,
+        [this](const AccuracyModelPhase &phase) { Q_EMIT readyChanged(phase.isReady()); });
+}
+
+bool ModelSpeechPort::isReady() const { return m_manager.phase().isReady(); }
+
+void ModelSpeechPort::startAutomatically() { m_manager.startAutomatically(); }
+
+void ModelSpeechPort::transcribe(std::vector<float> samples, Done done)
+{
+    auto *watcher = new QFutureWatcher<AccurateSpeechResult>(this);
+    connect(watcher, &QFutureWatcherBase::finished, this, [watcher, done = std::move(done)] {
+        watcher->deleteLater();
+        try {
+            const AccurateSpeechResult result = watcher->result();
+            done(Result{result.text, result.durationMilliseconds}, QString());
+        } catch (const Error &e) {
+            done(std::nullopt, e.description());
+        } catch (const std::exception &e) {
+            done(std::nullopt, QString::fromUtf8(e.what()));
+        }
+    });
+    watcher->setFuture(m_manager.transcribe(std::move(samples)));
+}
+
+void ScriptedSpeechPort::transcribe(std::vector<float>, Done done)
+{
+    const QString text = qEnvironmentVariable("DICTORA_SCRIPTED_TRANSCRIPT");
+    QMetaObject::invokeMethod(this, [text, done = std::move(done)] { done(Result{text, 0}, QString()); },
+        Qt::QueuedConnection);
+}
+
+void CaptureMicrophonePort::start(std::function<void(AudioMeterLevels)> onMeterLevels)
+{
+    m_capture.start(std::move(onMeterLevels));
+}
+
+MicrophonePort::Captured CaptureMicrophonePort::stop()
+{
+    CapturedAudioResult result = m_capture.stop();
+    return Captured{std::move(result.samples), result.rmsLevel};
+}
+
+void CaptureMicrophonePort::cancel() { m_capture.cancel(); }
+
+bool CaptureMicrophonePort::requestPermission() { return m_capture.requestMicrophonePermission(); }
+
+OnboardingPermissionStatus CaptureMicrophonePort::status()
+{
+    return m_capture.microphoneStatus().authorized ? OnboardingPermissionStatus::authorized
+                                                   : OnboardingPermissionStatus::denied;
+}
+
+std::optional<PasteTarget> ServicePasterPort::captureTarget() { return m_service.captureTarget(); }
+
+qint64 ServicePasterPort::paste(const QString &text, const PasteTarget &target)
+{
+    return m_service.paste(text, target);
+}
+
+} // namespace dictora

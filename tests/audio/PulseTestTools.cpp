@@ -1,0 +1,210 @@
+#include "PulseTestTools.h"
+
+#include <QFile>
+#include <QRegularExpression>
+
+#include <cmath>
+
+namespace dictora::test::pulse {
+
+bool serverConfigured()
+{
+    return !qEnvironmentVariableIsEmpty("PULSE_SERVER");
+}
+
+bool runTool(const QString &program, const QStringList &arguments, QString *output)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished(60000)) {
+        process.kill();
+        process.waitForFinished();
+        return false;
+    }
+    if (output)
+        *output = QString::fromUtf8(process.readAllStandardOutput());
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+        qWarning("%s %s failed: %s", qPrintable(program), qPrintable(arguments.join(u' ')),
+                 process.readAllStandardError().constData());
+        return false;
+    }
+    return true;
+}
+
+QString pactl(const QStringList &arguments, bool *ok)
+{
+    QString output;
+    const bool success = runTool(QStringLiteral("pactl"), arguments, &output);
+    if (ok)
+        *ok = success;
+    return output.trimmed();
+}
+
+int loadModule(const QString &module, const QStringList &arguments)
+{
+    bool ok = false;
+    const QString index = pactl(QStringList{QStringLiteral("load-module"), module} + arguments, &ok);
+    return ok ? index.toInt() : -1;
+}
+
+bool unloadModule(const QString &moduleOrIndex)
+{
+    bool ok = false;
+    pactl({QStringLiteral("unload-module"), moduleOrIndex}, &ok);
+    return ok;
+}
+
+VirtualMicrophone createMicrophone(const QString &name, int rate, int channels)
+{
+    VirtualMicrophone mic;
+    mic.sink = name + QStringLiteral("_sink");
+    mic.source = name;
+    mic.sinkModule = loadModule(QStringLiteral("module-null-sink"),
+                                {QStringLiteral("sink_name=%1").arg(mic.sink), QStringLiteral("rate=%1").arg(rate),
+                                 QStringLiteral("channels=%1").arg(channels), QStringLiteral("format=float32le")});
+    if (mic.sinkModule < 0)
+        return mic;
+    mic.sourceModule = loadModule(QStringLiteral("module-remap-source"),
+                                  {QStringLiteral("master=%1.monitor").arg(mic.sink), QStringLiteral("source_name=%1").arg(mic.source)});
+    if (mic.sourceModule >= 0)
+        pactl({QStringLiteral("set-default-source"), mic.source});
+    return mic;
+}
+
+void removeMicrophone(const VirtualMicrophone &microphone)
+{
+    if (microphone.sourceModule >= 0)
+        unloadModule(QString::number(microphone.sourceModule));
+    if (microphone.sinkModule >= 0)
+        unloadModule(QString::number(microphone.sinkModule));
+}
+
+bool restoreDefaultMicrophone()
+{
+    const QString sources = pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("sources")});
+    if (!sources.contains(QRegularExpression(QStringLiteral("\\bvmic\\b")))) {
+        if (!pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("sinks")}).contains(QLatin1String("vmic_sink"))
+            && loadModule(QStringLiteral("module-null-sink"), {QStringLiteral("sink_name=vmic_sink")}) < 0)
+            return false;
+        if (loadModule(QStringLiteral("module-remap-source"), {QStringLiteral("master=vmic_sink.monitor"), QStringLiteral("source_name=vmic")}) < 0)
+            return false;
+    }
+    bool ok = false;
+    pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic")}, &ok);
+    return ok;
+}
+
+PipeMicrophone createPipeMicrophone(const QString &name, const QString &fifo, int rate, int channels)
+{
+    PipeMicrophone mic;
+    mic.source = name;
+    mic.fifo = fifo;
+    mic.module = loadModule(QStringLiteral("module-pipe-source"),
+                            {QStringLiteral("file=%1").arg(fifo), QStringLiteral("source_name=%1").arg(name),
+                             QStringLiteral("format=float32le"), QStringLiteral("rate=%1").arg(rate),
+                             QStringLiteral("channels=%1").arg(channels)});
+    if (mic.module >= 0)
+        pactl({QStringLiteral("set-default-source"), name});
+    return mic;
+}
+
+bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats)
+{
+    // Read-write, so opening never waits for the other end.
+    QFile fifo(microphone.fifo);
+    if (!fifo.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
+        return false;
+    return fifo.write(interleavedFloats) == interleavedFloats.size();
+}
+
+std::unique_ptr<QProcess> play(const QString &file, const QString &sink)
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    // 200 ms: with paplay's default two seconds the null sink renders in
+    // late bursts, while 20 ms underruns on a busy machine and garbles the sound.
+    process->start(QStringLiteral("paplay"), {QStringLiteral("--latency-msec=200"), QStringLiteral("-d"), sink, file});
+    return process;
+}
+
+double correlationAt(const std::vector<float> &haystack, qsizetype lag, const std::vector<float> &needle)
+{
+    double ab = 0, aa = 0, bb = 0;
+    for (size_t i = 0; i < needle.size(); ++i) {
+        const qsizetype j = lag + qsizetype(i);
+        const double a = (j >= 0 && j < qsizetype(haystack.size())) ? haystack[size_t(j)] : 0.0;
+        const double b = needle[i];
+        ab += a * b;
+        aa += a * a;
+        bb += b * b;
+    }
+    return (aa > 0 && bb > 0) ? ab / std::sqrt(aa * bb) : 0;
+}
+
+qsizetype bestLag(const std::vector<float> &haystack, const std::vector<float> &needle, double *best)
+{
+    // The lag is found with a two-second excerpt from the needle's loudest
+    // part (full resolution: decimating would alias a sweep), then the whole
+    // needle is scored at that lag.
+    const qsizetype excerpt = std::min<qsizetype>(32000, qsizetype(needle.size()));
+    qsizetype offset = 0;
+    double loudest = -1;
+    for (qsizetype start = 0; start + excerpt <= qsizetype(needle.size()); start += 1600) {
+        double energy = 0;
+        for (qsizetype i = start; i < start + excerpt; ++i)
+            energy += double(needle[size_t(i)]) * needle[size_t(i)];
+        if (energy > loudest) {
+            loudest = energy;
+            offset = start;
+        }
+    }
+    const std::vector<float> probe(needle.begin() + offset, needle.begin() + offset + excerpt);
+    qsizetype found = -excerpt / 2;
+    double foundScore = -2;
+    // Negative lags too: a recording that lost the needle's head still matches there.
+    for (qsizetype lag = -excerpt / 2; lag + qsizetype(needle.size()) <= qsizetype(haystack.size()); ++lag) {
+        const double c = correlationAt(haystack, lag + offset, probe);
+        if (c > foundScore) {
+            foundScore = c;
+            found = lag;
+        }
+    }
+    if (best)
+        *best = correlationAt(haystack, found, needle);
+    return found;
+}
+
+double worstWindowCorrelation(const std::vector<float> &haystack, const std::vector<float> &needle, qsizetype lag,
+                              qsizetype *drift, qsizetype window, qsizetype slack)
+{
+    double total = 0;
+    for (float v : needle)
+        total += double(v) * v;
+    const double meanWindowEnergy = total * double(window) / double(std::max<size_t>(needle.size(), 1));
+    double worst = 1;
+    qsizetype at = lag;
+    for (qsizetype start = 0; start + window <= qsizetype(needle.size()); start += window) {
+        const std::vector<float> piece(needle.begin() + start, needle.begin() + start + window);
+        double energy = 0;
+        for (float v : piece)
+            energy += double(v) * v;
+        if (energy < 0.05 * meanWindowEnergy)
+            continue; // a pause: nothing to match
+        double best = -2;
+        qsizetype bestAt = at;
+        for (qsizetype candidate = at - slack; candidate <= at + slack; ++candidate) {
+            const double c = correlationAt(haystack, candidate + start, piece);
+            if (c > best) {
+                best = c;
+                bestAt = candidate;
+            }
+        }
+        at = bestAt;
+        worst = std::min(worst, best);
+    }
+    if (drift)
+        *drift = at - lag;
+    return worst;
+}
+
+} // namespace dictora::test::pulse

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <vector>
+
+// Helpers for tests that run under tests/support/pulse/with-pulse: drive the
+// private server with pactl, play into its virtual microphone, compare signals.
+namespace dictora::test::pulse {
+
+bool serverConfigured(); // PULSE_SERVER set by the wrapper
+QString pactl(const QStringList &arguments, bool *ok = nullptr);
+int loadModule(const QString &module, const QStringList &arguments); // index, -1 on failure
+bool unloadModule(const QString &moduleOrIndex);
+
+// A playback sink and its monitor remapped to an input source, made the default.
+struct VirtualMicrophone {
+    QString sink;
+    QString source;
+    int sinkModule = -1;
+    int sourceModule = -1;
+    bool ok() const { return sinkModule >= 0 && sourceModule >= 0; }
+};
+VirtualMicrophone createMicrophone(const QString &name, int rate, int channels);
+void removeMicrophone(const VirtualMicrophone &microphone);
+// Puts the wrapper's own "vmic" back (after a test removed everything).
+bool restoreDefaultMicrophone();
+
+// A module-pipe-source microphone fed through a FIFO: exactly the bytes
+// written arrive, nothing when nothing is written.
+struct PipeMicrophone {
+    QString source;
+    QString fifo;
+    int module = -1;
+    bool ok() const { return module >= 0; }
+};
+PipeMicrophone createPipeMicrophone(const QString &name, const QString &fifo, int rate, int channels);
+// Interleaved float32 frames into the FIFO (blocks until the server has read them).
+bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats);
+
+// Starts paplay into the sink; the caller waits for it.
+std::unique_ptr<QProcess> play(const QString &file, const QString &sink);
+bool runTool(const QString &program, const QStringList &arguments, QString *output = nullptr);
+
+// Index in haystack where needle fits best (normalised cross-correlation),
+// searched from a negative lag (the needle's head missing) up to where the
+// needle ends with the haystack; the whole needle's correlation at that lag
+// through *best.
+qsizetype bestLag(const std::vector<float> &haystack, const std::vector<float> &needle, double *best);
+// The needle compared one window at a time from `lag` on, each window free to
+// move up to `slack` samples from where the previous one matched (a loaded
+// server may stretch playback by a few milliseconds). The worst correlation
+// over windows that carry sound; *drift: where the last window matched
+// relative to `lag`.
+double worstWindowCorrelation(const std::vector<float> &haystack, const std::vector<float> &needle, qsizetype lag,
+                              qsizetype *drift = nullptr, qsizetype window = 16000, qsizetype slack = 800);
+double correlationAt(const std::vector<float> &haystack, qsizetype lag, const std::vector<float> &needle);
+
+} // namespace dictora::test::pulse
