@@ -12,17 +12,22 @@ namespace {
 
 struct ReadResult {
     QList<TranscriptRecord> records;
+    QList<QString> searchKeys; // made here, so the first search after a reload is instant
     std::optional<QString> error;
 };
 
 ReadResult readJournal(const TranscriptJournal &journal)
 {
     try {
-        return {journal.readAll(), std::nullopt};
+        ReadResult result{journal.readAll(), {}, std::nullopt};
+        result.searchKeys.reserve(result.records.size());
+        for (const TranscriptRecord &r : result.records)
+            result.searchKeys.append(HistoryFilter::searchKey(r.transcript));
+        return result;
     } catch (const Error &e) {
-        return {{}, e.description()};
+        return {{}, {}, e.description()};
     } catch (const std::exception &e) {
-        return {{}, QString::fromUtf8(e.what())};
+        return {{}, {}, QString::fromUtf8(e.what())};
     }
 }
 
@@ -79,14 +84,6 @@ void HistoryStore::clearNotice()
 
 QList<TranscriptRecord> HistoryStore::filteredRecords() const
 {
-    if (m_query.search.trimmed().isEmpty())
-        return HistoryFilter::apply(m_records, QList<QString>(m_records.size()), m_query);
-    if (m_searchKeys.size() != m_records.size()) {
-        m_searchKeys.clear();
-        m_searchKeys.reserve(m_records.size());
-        for (const TranscriptRecord &r : m_records)
-            m_searchKeys.append(HistoryFilter::searchKey(r.transcript));
-    }
     return HistoryFilter::apply(m_records, m_searchKeys, m_query);
 }
 
@@ -95,10 +92,10 @@ QList<int> HistoryStore::availableFilterYears() const
     return HistoryFilter::availableYears(m_records, m_query.year);
 }
 
-void HistoryStore::setRecords(QList<TranscriptRecord> records)
+void HistoryStore::setRecords(QList<TranscriptRecord> records, QList<QString> searchKeys)
 {
     m_records = std::move(records);
-    m_searchKeys.clear();
+    m_searchKeys = std::move(searchKeys);
     Q_EMIT recordsChanged();
 }
 
@@ -123,7 +120,7 @@ void HistoryStore::reload()
             if (result.error)
                 setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *result.error);
             else
-                setRecords(std::move(result.records));
+                setRecords(std::move(result.records), std::move(result.searchKeys));
             Q_EMIT reloaded();
         });
 }
@@ -133,7 +130,7 @@ void HistoryStore::readBackAfterArchive(std::function<void()> then)
     runInBackground(this, [journal = m_journal] { return readJournal(journal); },
         [this, then = std::move(then)](ReadResult result) {
             if (!result.error)
-                setRecords(std::move(result.records));
+                setRecords(std::move(result.records), std::move(result.searchKeys));
             then();
         });
 }

@@ -61,15 +61,15 @@ Q_SIGNALS:
     void archiveFinished(bool succeeded);
 
 private:
-    void setRecords(QList<TranscriptRecord> records);
+    void setRecords(QList<TranscriptRecord> records, QList<QString> searchKeys);
     void setNotice(const QString &title, const QString &message);
     void setArchiving(bool archiving);
     void readBackAfterArchive(std::function<void()> then);
 
     TranscriptJournal m_journal;
     QList<TranscriptRecord> m_records;
-    // Index-aligned with m_records; built on the first search after a reload.
-    mutable QList<QString> m_searchKeys;
+    // Index-aligned with m_records; made with them off the main thread.
+    QList<QString> m_searchKeys;
     HistoryQuery m_query;
     bool m_filterPanelPresented = false;
     bool m_archiving = false;

@@ -1,41 +1,87 @@
 #pragma once
 
+#include "home/AppearanceSheet.h"
+
+#include <QPointer>
 #include <QWidget>
 
+#include <optional>
+
 class QLabel;
-class QLineEdit;
-class QListWidget;
+class QProgressBar;
+class QPushButton;
+class QStackedWidget;
+class QFrame;
 
 namespace dictora {
 
+
 class DictoraState;
 class HistoryStore;
+class HistoryView;
 class ProductPreferences;
 
-// The main window: the current phase and shortcut, the model's preparation,
-// and the History list with search. It observes; it never drives a dictation.
+// The main window ("Dictora.MainWindow"): a header with the shortcut and the
+// phase, a banner while the speech model is prepared, the buttons for the
+// settings sheets, and the History. It observes; it never drives a dictation.
+// Closing only hides it; the History store and its search stay.
 class HomeWindow : public QWidget {
     Q_OBJECT
 public:
     HomeWindow(DictoraState &state, ProductPreferences &preferences, HistoryStore &history,
         QWidget *parent = nullptr);
 
+    static constexpr auto kIdentifier = "Dictora.MainWindow";
+    static QSize contentSize(bool onboarding);
+    static QSize minimumContentSize(bool onboarding);
+
     // Shows, raises and reloads the History.
     void present();
+    // Reloads the History only while the window is on screen.
     void refreshIfVisible();
-    void setModelStatus(const QString &text);
+
+    // The model banner: `text` with an optional 0…1 progress; "RETRY DOWNLOAD"
+    // appears when the preparation needs the user. Empty text hides it.
+    void setModelPreparation(const QString &text, std::optional<double> progress = std::nullopt,
+        bool needsAttention = false);
+    void setModelStatus(const QString &text) { setModelPreparation(text); }
+
+    // Onboarding takes the place of the home content and a taller window.
+    void setOnboardingView(QWidget *view);
+    void setOnboardingPresented(bool presented);
+    bool isOnboardingPresented() const { return m_onboarding; }
+
+    HistoryView *historyView() const { return m_historyView; }
+    AppearanceSheet *appearanceSheet() const { return m_appearance; }
+
+public Q_SLOTS:
+    void openAppearanceSheet();
+
+Q_SIGNALS:
+    void retryDownloadRequested();
+    void shortcutSheetRequested();
+    void snippetsSheetRequested();
 
 private:
     void updateHeader();
-    void rebuildList();
+    void applyWindowSize();
 
     DictoraState &m_state;
     ProductPreferences &m_preferences;
     HistoryStore &m_history;
-    QLabel *m_header;
-    QLabel *m_modelStatus;
-    QLineEdit *m_search;
-    QListWidget *m_list;
+    QStackedWidget *m_pages;
+    QLabel *m_shortcut;
+    QLabel *m_phase;
+    QFrame *m_banner;
+    QLabel *m_bannerText;
+    QProgressBar *m_bannerProgress;
+    QLabel *m_bannerPercent;
+    QPushButton *m_retry;
+    HistoryView *m_historyView;
+    QPointer<QWidget> m_onboardingView;
+    QPointer<AppearanceSheet> m_appearance;
+    bool m_onboarding = false;
+    bool m_placed = false;
 };
 
 } // namespace dictora

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "core/ProductPreferences.h"
+#include "shortcut/GlobalShortcut.h"
+
+#include <QDialog>
+
+#include <functional>
+#include <optional>
+
+class QLabel;
+class QPushButton;
+
+namespace dictora {
+
+class ShortcutCaptureField;
+
+// The sheet in which the user presses a new global shortcut and applies it.
+class ShortcutSettingsView : public QDialog {
+    Q_OBJECT
+public:
+    enum class Feedback { none, failure, permissionRequired, waitingForPermission };
+
+    using UpdateAction = std::function<ShortcutUpdateResult(const GlobalShortcut &)>;
+
+    ShortcutSettingsView(ProductPreferences &preferences, UpdateAction onUpdate,
+                         std::function<void()> onContinueAccessibility, QWidget *parent = nullptr);
+
+    std::optional<GlobalShortcut> candidate() const { return m_candidate; }
+    Feedback feedback() const { return m_feedback; }
+    QString feedbackText() const;
+    QString validationMessage() const;
+    QString currentText() const;
+    bool canUpdate() const;
+
+    void setCandidate(const std::optional<GlobalShortcut> &candidate);
+    // The "Update" button.
+    void applyCandidate();
+    // The "Continue" button of the permission notice.
+    void continueAccessibility();
+
+private:
+    void setFeedback(Feedback feedback, const QString &failure = {});
+    void refresh();
+
+    ProductPreferences &m_preferences;
+    UpdateAction m_onUpdate;
+    std::function<void()> m_onContinueAccessibility;
+    std::optional<GlobalShortcut> m_candidate;
+    Feedback m_feedback = Feedback::none;
+    QString m_failure;
+    bool m_keyRejected = false;
+
+    QLabel *m_current;
+    ShortcutCaptureField *m_field;
+    QLabel *m_validation;
+    QWidget *m_feedbackRow;
+    QLabel *m_feedbackIcon;
+    QLabel *m_feedbackText;
+    QPushButton *m_continue;
+    QPushButton *m_cancel;
+    QPushButton *m_update;
+};
+
+} // namespace dictora

@@ -1,0 +1,316 @@
+// The main window: header, model banner, sizes, reloads, sheet buttons, and
+// screenshots of every window and sheet for a person to look at.
+#include "HomeTestSupport.h"
+#include "core/DictoraState.h"
+#include "core/ProductPreferences.h"
+#include "home/AppearanceSheet.h"
+#include "home/HistoryListModel.h"
+#include "home/HistoryView.h"
+#include "home/HomeWindow.h"
+#include "home/Style.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QToolButton>
+
+using namespace dictora;
+using namespace dictora::test;
+
+class HomeWindowTest : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<QTemporaryDir> m_dir;
+    QString m_journalPath;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<DictoraState> m_state;
+    std::unique_ptr<ProductPreferences> m_preferences;
+    std::unique_ptr<HistoryStore> m_store;
+    std::unique_ptr<HomeWindow> m_window;
+
+    QList<TranscriptRecord> someRecords(int count)
+    {
+        static const QStringList texts{
+            QStringLiteral("Let's move the design review to Thursday afternoon and invite the whole platform team."),
+            QStringLiteral("Remember to buy oat milk, coffee beans and a birthday card for Lena."),
+            QString::fromUtf8("The café near the station opens at seven, so we can meet there before the train."),
+            QStringLiteral("Dear Mr Patel, thank you for the quick reply. The signed contract is attached."),
+            QStringLiteral("Bug: the export button stays disabled after the first save; steps to reproduce below.")};
+        static const QStringList apps{QStringLiteral("Firefox"), QStringLiteral("Terminal"), QStringLiteral("Text Editor"),
+            QStringLiteral("Thunderbird"), QStringLiteral("Slack")};
+        QList<TranscriptRecord> out;
+        const QDateTime now = QDateTime::currentDateTime();
+        for (int i = 0; i < count; ++i) {
+            TranscriptRecord r = homeRecord(now.addSecs(-3600LL * 7 * i), texts[i % texts.size()], apps[i % apps.size()]);
+            r.recordingDurationMilliseconds = 2500 + i * 4100;
+            if (i == 3)
+                r.outcome = TranscriptOutcome::recovered;
+            out << r;
+        }
+        return out;
+    }
+
+    void build(const QList<TranscriptRecord> &records)
+    {
+        writeJournal(m_journalPath, records);
+        m_store = std::make_unique<HistoryStore>(TranscriptJournal(m_journalPath));
+        m_window = std::make_unique<HomeWindow>(*m_state, *m_preferences, *m_store);
+    }
+
+    void present()
+    {
+        QSignalSpy reloaded(m_store.get(), &HistoryStore::reloaded);
+        m_window->present();
+        QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+        QVERIFY(reloaded.count() > 0 || reloaded.wait(10000));
+    }
+
+    void shoot(QWidget *widget, const QString &name)
+    {
+        QVERIFY(QDir().mkpath(QStringLiteral(DICTORA_SCREENSHOT_DIR)));
+        QCoreApplication::processEvents();
+        const QString path = QStringLiteral(DICTORA_SCREENSHOT_DIR "/%1.png").arg(name);
+        QVERIFY2(widget->grab().save(path), qPrintable(path));
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        Style::apply(*qApp, false);
+        m_home = std::make_unique<IsolatedHome>();
+        m_dir = std::make_unique<QTemporaryDir>();
+        m_journalPath = m_dir->filePath(QStringLiteral("transcripts.jsonl"));
+        m_settings = std::make_unique<QSettings>(m_dir->filePath(QStringLiteral("defaults.ini")), QSettings::IniFormat);
+        m_state = std::make_unique<DictoraState>();
+        m_preferences = std::make_unique<ProductPreferences>(*m_settings);
+    }
+
+    void cleanup()
+    {
+        m_window.reset();
+        m_store.reset();
+        QThreadPool::globalInstance()->waitForDone();
+        m_preferences.reset();
+        m_state.reset();
+        m_settings.reset();
+    }
+
+    void identityAndSizes_data()
+    {
+        QTest::addColumn<bool>("onboarding");
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<QSize>("minimum");
+        QTest::newRow("normal use") << false << QSize(960, 700) << QSize(760, 580);
+        QTest::newRow("onboarding") << true << QSize(960, 900) << QSize(760, 820);
+    }
+
+    void identityAndSizes()
+    {
+        QFETCH(bool, onboarding);
+        QFETCH(QSize, size);
+        QFETCH(QSize, minimum);
+        build({});
+        QCOMPARE(m_window->windowTitle(), QStringLiteral("Dictora"));
+        QCOMPARE(m_window->property("identifier").toString(), QStringLiteral("Dictora.MainWindow"));
+        QVERIFY(!m_window->testAttribute(Qt::WA_DeleteOnClose));
+        auto *placeholder = new QLabel(QStringLiteral("Welcome"));
+        m_window->setOnboardingView(placeholder);
+        m_window->setOnboardingPresented(onboarding);
+        present();
+        QCOMPARE(m_window->size(), size);
+        QCOMPARE(m_window->minimumSize(), minimum);
+        QCOMPARE(placeholder->isVisible(), onboarding);
+        QCOMPARE(m_window->historyView()->isVisible(), !onboarding);
+        // And back: the flag change re-applies both sizes (the size animates).
+        m_window->setOnboardingPresented(!onboarding);
+        QTRY_COMPARE(m_window->size(), HomeWindow::contentSize(!onboarding));
+        QCOMPARE(m_window->minimumSize(), HomeWindow::minimumContentSize(!onboarding));
+    }
+
+    void headerFollowsShortcutAndPhase_data()
+    {
+        QTest::addColumn<DictoraPhase>("phase");
+        QTest::addColumn<QByteArray>("shortcutJson");
+        QTest::newRow("idle, default shortcut") << DictoraPhase::idle() << QByteArray();
+        QTest::newRow("recording, ctrl+alt+k")
+            << DictoraPhase::recording() << QByteArray(R"({"keyCode":45,"modifiers":6,"keyLabel":"K"})");
+        QTest::newRow("error message") << DictoraPhase::error(QStringLiteral("The microphone is unavailable."))
+                                       << QByteArray(R"({"keyCode":67,"modifiers":8,"keyLabel":"F1"})");
+    }
+
+    void headerFollowsShortcutAndPhase()
+    {
+        QFETCH(DictoraPhase, phase);
+        QFETCH(QByteArray, shortcutJson);
+        build({});
+        const GlobalShortcut shortcut = GlobalShortcut::loadOrDefault(shortcutJson);
+        m_state->setPhase(phase);
+        m_preferences->setKeyboardShortcut(shortcut);
+        QCOMPARE(m_window->findChild<QLabel *>(QStringLiteral("phaseLabel"))->text(), phase.label());
+        const QString shown = m_window->findChild<QLabel *>(QStringLiteral("shortcutLabel"))->text();
+        QVERIFY2(shown.endsWith(shortcut.displayText()), qPrintable(shown));
+    }
+
+    void modelBanner_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<std::optional<double>>("progress");
+        QTest::addColumn<bool>("attention");
+        QTest::addColumn<bool>("bannerShown");
+        QTest::addColumn<QString>("percent");
+        QTest::newRow("ready hides it") << QString() << std::optional<double>() << false << false << QString();
+        QTest::newRow("checking") << "Checking the speech model…" << std::optional<double>() << false << true << QString();
+        QTest::newRow("downloading") << "Downloading the speech model" << std::optional<double>(0.427) << false << true
+                                     << "42%";
+        QTest::newRow("overshoot is clamped") << "Downloading" << std::optional<double>(1.7) << false << true << "100%";
+        QTest::newRow("needs attention") << "The download stopped." << std::optional<double>(0.5) << true << true << "50%";
+    }
+
+    void modelBanner()
+    {
+        QFETCH(QString, text);
+        QFETCH(std::optional<double>, progress);
+        QFETCH(bool, attention);
+        QFETCH(bool, bannerShown);
+        QFETCH(QString, percent);
+        build({});
+        present();
+        m_window->setModelPreparation(QStringLiteral("something earlier"), 0.1, true);
+        m_window->setModelPreparation(text, progress, attention);
+        QCOMPARE(m_window->findChild<QFrame *>(QStringLiteral("modelBanner"))->isVisible(), bannerShown);
+        if (!bannerShown)
+            return;
+        QCOMPARE(m_window->findChild<QLabel *>(QStringLiteral("bannerText"))->text(), text);
+        auto *percentLabel = m_window->findChild<QLabel *>(QStringLiteral("bannerPercent"));
+        QCOMPARE(percentLabel->isVisible(), progress.has_value());
+        QCOMPARE(m_window->findChild<QProgressBar *>(QStringLiteral("bannerProgress"))->isVisible(), progress.has_value());
+        if (progress)
+            QCOMPARE(percentLabel->text(), percent);
+        auto *retry = m_window->findChild<QPushButton *>(QStringLiteral("retryDownload"));
+        QCOMPARE(retry->isVisible(), attention);
+        QCOMPARE(retry->text(), QStringLiteral("RETRY DOWNLOAD"));
+        if (attention) {
+            QSignalSpy retried(m_window.get(), &HomeWindow::retryDownloadRequested);
+            retry->click();
+            QCOMPARE(retried.count(), 1);
+        }
+    }
+
+    void reloadsOnShowAndWhileVisible()
+    {
+        const QList<TranscriptRecord> records = someRecords(4);
+        build(records.mid(0, 2));
+        // Hidden: a saved dictation does not read the journal.
+        QSignalSpy reloaded(m_store.get(), &HistoryStore::reloaded);
+        m_window->refreshIfVisible();
+        QThreadPool::globalInstance()->waitForDone();
+        QCoreApplication::processEvents();
+        QCOMPARE(reloaded.count(), 0);
+
+        present();
+        QCOMPARE(m_window->historyView()->model()->rowCount(), 2);
+        TranscriptJournal(m_journalPath).append(records[2]);
+        m_window->refreshIfVisible();
+        QVERIFY(reloaded.wait(10000));
+        QCOMPARE(m_window->historyView()->model()->rowCount(), 3);
+
+        // Closing keeps the store and its search; showing again reloads.
+        QTest::keyClicks(m_window->historyView()->searchField(), QStringLiteral("oat"));
+        m_window->close();
+        QVERIFY(!m_window->isVisible());
+        TranscriptJournal(m_journalPath).append(records[3]);
+        present();
+        QCOMPARE(m_store->records().size(), 4);
+        QCOMPARE(m_window->historyView()->searchField()->text(), QStringLiteral("oat"));
+    }
+
+    void sheetButtons()
+    {
+        build({});
+        present();
+        QSignalSpy shortcut(m_window.get(), &HomeWindow::shortcutSheetRequested);
+        QSignalSpy snippets(m_window.get(), &HomeWindow::snippetsSheetRequested);
+        m_window->findChild<QPushButton *>(QStringLiteral("shortcutButton"))->click();
+        m_window->findChild<QPushButton *>(QStringLiteral("snippetsButton"))->click();
+        QCOMPARE(shortcut.count(), 1);
+        QCOMPARE(snippets.count(), 1);
+        m_window->findChild<QPushButton *>(QStringLiteral("appearanceButton"))->click();
+        QVERIFY(m_window->appearanceSheet());
+        QVERIFY(QTest::qWaitForWindowExposed(m_window->appearanceSheet()));
+        // Writes go to the same preferences the indicator observes.
+        m_window->appearanceSheet()->sizeButton(OverlaySize::large)->click();
+        QCOMPARE(m_preferences->microphoneSize(), OverlaySize::large);
+    }
+
+    void screenshots_data()
+    {
+        QTest::addColumn<bool>("dark");
+        QTest::newRow("light") << false;
+        QTest::newRow("dark") << true;
+    }
+
+    void screenshots()
+    {
+        QFETCH(bool, dark);
+        Style::apply(*qApp, dark);
+        const QString theme = dark ? QStringLiteral("dark") : QStringLiteral("light");
+        build(someRecords(40));
+        present();
+        m_window->setModelPreparation(QStringLiteral("Downloading the speech model (574 MB)"), 0.36, false);
+        shoot(m_window.get(), QStringLiteral("home-%1").arg(theme));
+
+        m_window->setModelPreparation(QStringLiteral("The download was interrupted. Check the connection and try again."),
+            0.36, true);
+        m_store->setFilterPanelPresented(true);
+        m_store->setFilterMonth(QDate::currentDate().month());
+        shoot(m_window.get(), QStringLiteral("home-filters-banner-%1").arg(theme));
+        m_store->resetTimeFilters();
+        m_store->setFilterPanelPresented(false);
+        m_window->setModelPreparation(QString());
+
+        m_window->historyView()->model()->copyTranscript(1);
+        shoot(m_window.get(), QStringLiteral("home-copied-%1").arg(theme));
+
+        m_store->setQuery(QStringLiteral("no such words"));
+        shoot(m_window.get(), QStringLiteral("history-no-matches-%1").arg(theme));
+        m_store->setQuery(QString());
+
+        m_window->historyView()->openRecord(0);
+        QVERIFY(QTest::qWaitForWindowExposed(m_window->historyView()->presentedSheet()));
+        shoot(m_window->historyView()->presentedSheet(), QStringLiteral("transcript-sheet-%1").arg(theme));
+        m_window->historyView()->presentedSheet()->close();
+
+        m_window->historyView()->requestArchive();
+        auto *confirm = visibleDialog<QMessageBox>(QStringLiteral("archiveConfirmation"));
+        QVERIFY(confirm);
+        shoot(confirm, QStringLiteral("archive-confirmation-%1").arg(theme));
+        confirm->reject();
+
+        m_window->openAppearanceSheet();
+        QVERIFY(QTest::qWaitForWindowExposed(m_window->appearanceSheet()));
+        shoot(m_window->appearanceSheet(), QStringLiteral("appearance-sheet-%1").arg(theme));
+        m_window->appearanceSheet()->close();
+
+        m_window.reset();
+        m_store.reset();
+        build({});
+        present();
+        shoot(m_window.get(), QStringLiteral("home-empty-%1").arg(theme));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    HomeWindowTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_home_window.moc"

@@ -1,0 +1,373 @@
+#include "history/HistoryStore.h"
+#include "onboarding/ui/BundledFonts.h"
+#include "onboarding/ui/OnboardingIllustrations.h"
+#include "onboarding/ui/OnboardingStageShell.h"
+#include "onboarding/ui/OnboardingView.h"
+
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QSlider>
+#include <QTemporaryDir>
+#include <QToolButton>
+#include <QtTest>
+
+using namespace dictora;
+using S = OnboardingPermissionStatus;
+
+namespace {
+
+// Everything the screens stand on, built from real parts in a temp dir.
+struct Fixture {
+    QTemporaryDir dir;
+    QSettings settings{dir.filePath(QStringLiteral("Dictora.conf")), QSettings::IniFormat};
+    ProductPreferences preferences{settings};
+    DictoraState state;
+    OnboardingModel model{true};
+    TranscriptJournal journal{dir.filePath(QStringLiteral("Dictora/transcripts.jsonl"))};
+    HistoryStore history{journal};
+    QStringList calls;
+
+    OnboardingActions actions()
+    {
+        OnboardingActions a;
+        a.requestMicrophone = [this] { calls << QStringLiteral("requestMicrophone"); };
+        a.openMicrophoneSettings = [this] { calls << QStringLiteral("openMicrophoneSettings"); };
+        a.openAccessibilitySettings = [this] { calls << QStringLiteral("openAccessibilitySettings"); };
+        a.retryDownload = [this] { calls << QStringLiteral("retryDownload"); };
+        a.openSnippets = [this] { calls << QStringLiteral("openSnippets"); };
+        // What the controller's finish does.
+        a.finish = [this] {
+            calls << QStringLiteral("finish");
+            if (model.stage() == OnboardingStage::ready && model.accuracyModelReady()) {
+                model.setPresented(false);
+                preferences.setHasCompletedOnboarding(true);
+            }
+        };
+        a.microphoneReason = [] { return QStringLiteral("The sound server has no default input."); };
+        a.accessibilityReason = [] { return QStringLiteral("Another program already owns the ` key."); };
+        return a;
+    }
+};
+
+QPushButton *button(OnboardingView &view, const QString &name)
+{
+    return view.currentScreen()->findChild<QPushButton *>(name);
+}
+
+QStringList visibleButtons(OnboardingStageShell *screen)
+{
+    QStringList texts;
+    for (QPushButton *b : screen->findChildren<QPushButton *>())
+        if (b->isVisibleTo(screen))
+            texts << b->text();
+    texts.sort();
+    return texts;
+}
+
+void saveShot(OnboardingView &view, const QString &name)
+{
+    QDir().mkpath(QStringLiteral(DICTORA_SCREENSHOT_DIR));
+    // Let the layouts catch up with the texts just set.
+    QCoreApplication::processEvents();
+    QVERIFY(view.grab().save(QStringLiteral(DICTORA_SCREENSHOT_DIR "/") + name + QStringLiteral(".png")));
+}
+
+} // namespace
+
+class OnboardingViewTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase() { registerBundledFonts(); }
+
+    void firstSearchWord_data()
+    {
+        QTest::addColumn<QString>("transcript");
+        QTest::addColumn<QString>("word");
+        QTest::newRow("punctuation after the word") << QStringLiteral("Hello, world.") << QStringLiteral("Hello");
+        QTest::newRow("leading blanks") << QStringLiteral("  \n testing one two") << QStringLiteral("testing");
+        QTest::newRow("apostrophe kept") << QStringLiteral("Don't lose this") << QStringLiteral("Don't");
+        QTest::newRow("leading quote skipped") << QStringLiteral("\"Quoted\" words") << QStringLiteral("Quoted");
+        QTest::newRow("accented") << QStringLiteral("Écoute bien") << QStringLiteral("Écoute");
+        QTest::newRow("no word at all") << QStringLiteral(" ... ") << QStringLiteral("...");
+    }
+    void firstSearchWord()
+    {
+        QFETCH(QString, transcript);
+        QFETCH(QString, word);
+        QCOMPARE(dictora::firstSearchWord(transcript), word);
+    }
+
+    void permissionScreen_data()
+    {
+        QTest::addColumn<int>("microphone");
+        QTest::addColumn<int>("accessibility");
+        QTest::addColumn<bool>("configured");
+        QTest::addColumn<bool>("modelReady");
+        QTest::addColumn<bool>("downloadFailed");
+        QTest::addColumn<QString>("eyebrow");
+        QTest::addColumn<QString>("headline");
+        QTest::addColumn<QString>("detail");
+        QTest::addColumn<QStringList>("buttons");
+
+        const QString micReason = QStringLiteral("The sound server has no default input.");
+        const QString accReason = QStringLiteral("Another program already owns the ` key.");
+        const QString setup = QStringLiteral("Keep going—there is nothing to choose or install. Dictora is doing this for you.");
+        QTest::newRow("microphone not asked yet")
+            << int(S::notDetermined) << int(S::notDetermined) << false << false << false << QStringLiteral("STEP 1 OF 2")
+            << QStringLiteral("TURN ON YOUR MICROPHONE.") << micReason << QStringList{QStringLiteral("ALLOW MICROPHONE")};
+        QTest::newRow("microphone denied")
+            << int(S::denied) << int(S::authorized) << false << false << false << QStringLiteral("STEP 1 OF 2")
+            << QStringLiteral("TURN ON YOUR MICROPHONE.") << micReason
+            << QStringList{QStringLiteral("OPEN MICROPHONE SETTINGS")};
+        QTest::newRow("accessibility denied")
+            << int(S::authorized) << int(S::denied) << false << false << false << QStringLiteral("STEP 2 OF 2")
+            << QStringLiteral("TURN ON DICTORA.") << accReason << QStringList{QStringLiteral("OPEN ACCESSIBILITY SETTINGS")};
+        QTest::newRow("model still preparing")
+            << int(S::authorized) << int(S::authorized) << true << false << false << QStringLiteral("AUTOMATIC SETUP")
+            << QStringLiteral("GETTING ACCURATE.") << setup << QStringList{};
+        QTest::newRow("download failed")
+            << int(S::authorized) << int(S::authorized) << true << false << true << QStringLiteral("AUTOMATIC SETUP")
+            << QStringLiteral("GETTING ACCURATE.") << setup << QStringList{QStringLiteral("RETRY DOWNLOAD")};
+    }
+    void permissionScreen()
+    {
+        QFETCH(int, microphone);
+        QFETCH(int, accessibility);
+        QFETCH(bool, configured);
+        QFETCH(bool, modelReady);
+        QFETCH(bool, downloadFailed);
+        QFETCH(QString, eyebrow);
+        QFETCH(QString, headline);
+        QFETCH(QString, detail);
+        QFETCH(QStringList, buttons);
+
+        Fixture f;
+        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        view.resize(640, 720);
+        view.show();
+        view.setModelPreparation({42, downloadFailed});
+        if (configured) {
+            f.model.setPermissions({S::authorized, S::authorized});
+            f.model.finishConfiguration();
+        }
+        f.model.setAccuracyModelReady(modelReady);
+        f.model.setPermissions({S(microphone), S(accessibility)});
+        f.model.showPracticeWhenReady();
+
+        QCOMPARE(view.shownStage(), OnboardingStage::permissions);
+        auto *screen = view.currentScreen();
+        QCOMPARE(screen->eyebrow(), eyebrow);
+        QCOMPARE(screen->headline(), headline);
+        QCOMPARE(screen->detail(), detail);
+        QCOMPARE(visibleButtons(screen), buttons);
+        auto *percent = screen->findChild<QLabel *>(QStringLiteral("percent"));
+        QCOMPARE(percent->isVisibleTo(screen), eyebrow == QLatin1String("AUTOMATIC SETUP"));
+        if (percent->isVisibleTo(screen))
+            QCOMPARE(percent->text(), QStringLiteral("42%"));
+        QCOMPARE(screen->findChild<QLabel *>(QStringLiteral("guidance"))->isVisibleTo(screen),
+                 headline == QLatin1String("TURN ON DICTORA."));
+
+        // Each offered button runs its action; none while a request is under way.
+        f.model.setRequestingPermissions(true);
+        for (QPushButton *b : screen->findChildren<QPushButton *>())
+            if (b->isVisibleTo(screen) && b->objectName() != QLatin1String("retryDownload"))
+                QVERIFY(!b->isEnabled());
+        f.model.setRequestingPermissions(false);
+        for (QPushButton *b : screen->findChildren<QPushButton *>())
+            if (b->isVisibleTo(screen))
+                QTest::mouseClick(b, Qt::LeftButton);
+        QCOMPARE(f.calls.size(), buttons.size());
+        saveShot(view, QStringLiteral("1-permissions-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+    }
+
+    void practiceFollowsThePhase_data()
+    {
+        QTest::addColumn<QList<DictoraPhase>>("phases");
+        QTest::addColumn<QString>("headline");
+        QTest::addColumn<QString>("detail");
+        QTest::addColumn<bool>("flashing");
+
+        QTest::newRow("before recording") << QList<DictoraPhase>{} << QStringLiteral("PRESS THIS KEY.")
+                                          << QStringLiteral("It is directly below Esc. One press starts your mic.") << true;
+        QTest::newRow("microphone starting")
+            << QList<DictoraPhase>{DictoraPhase::preparing()} << QStringLiteral("YOUR MIC IS OPENING.")
+            << QStringLiteral("Do nothing. You will see your voice move.") << false;
+        QTest::newRow("recording") << QList<DictoraPhase>{DictoraPhase::preparing(), DictoraPhase::recording()}
+                                   << QStringLiteral("FINISH SPEAKING. THEN PRESS THIS AGAIN.")
+                                   << QStringLiteral("Speak one short sentence. When finished, press the flashing key.")
+                                   << true;
+        QTest::newRow("transcribing")
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing()}
+            << QStringLiteral("SAVING YOUR WORDS.") << QStringLiteral("Do nothing. It is being written safely to this computer.")
+            << false;
+        QTest::newRow("empty result")
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing(), DictoraPhase::idle()}
+            << QStringLiteral("PRESS Ctrl+Alt+K TO TRY AGAIN.") << QString() << true;
+        QTest::newRow("failed result")
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::error(QStringLiteral("No microphone."))}
+            << QStringLiteral("PRESS Ctrl+Alt+K TO TRY AGAIN.") << QStringLiteral("No microphone.") << true;
+    }
+    void practiceFollowsThePhase()
+    {
+        QFETCH(QList<DictoraPhase>, phases);
+        QFETCH(QString, headline);
+        QFETCH(QString, detail);
+        QFETCH(bool, flashing);
+
+        Fixture f;
+        const GlobalShortcut ctrlAltK{40, {GlobalShortcutModifiers::control | GlobalShortcutModifiers::option},
+                                      QStringLiteral("K")};
+        f.preferences.setKeyboardShortcut(ctrlAltK);
+        f.model.setStage(OnboardingStage::practice);
+        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        view.show();
+        for (const DictoraPhase &phase : phases)
+            f.state.setPhase(phase);
+        QCOMPARE(view.currentScreen()->headline(), headline);
+        QCOMPARE(view.currentScreen()->detail(), detail);
+        auto *keyboard = view.currentScreen()->findChild<KeyboardIllustration *>(QStringLiteral("keyboard"));
+        QVERIFY(keyboard);
+        QCOMPARE(keyboard->isFlashing(), flashing);
+        saveShot(view, QStringLiteral("4-practice-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+    }
+
+    void leavingSearchMidwayRestoresHistorySearch()
+    {
+        Fixture f;
+        TranscriptRecord record;
+        record.id = QUuid::createUuid();
+        record.savedAt = record.recordingStartedAt = record.recordingEndedAt = QDateTime::currentDateTime();
+        record.transcript = QStringLiteral("Extraordinarily long first word");
+        record.outcome = TranscriptOutcome::practice;
+        f.journal.append(record);
+        f.model.completePractice(record.transcript, record.savedAt);
+        f.history.setQuery(QStringLiteral("weekend"));
+        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        view.show();
+        f.model.setStage(OnboardingStage::searchProof);
+        auto *field = view.currentScreen()->findChild<QLineEdit *>(QStringLiteral("searchField"));
+        QTRY_VERIFY(!field->text().isEmpty());
+        QVERIFY(!view.isSearchAnimationFinished());
+        f.model.setStage(OnboardingStage::ready);
+        QCOMPARE(f.history.query(), QStringLiteral("weekend"));
+    }
+
+    void walkFromFirstStartToFinish()
+    {
+        Fixture f;
+        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        view.resize(640, 760);
+        view.show();
+
+        // Permissions arrive as the controller polls them.
+        QCOMPARE(view.shownStage(), OnboardingStage::permissions);
+        saveShot(view, QStringLiteral("1-permissions"));
+        QTest::mouseClick(button(view, QStringLiteral("allowMicrophone")), Qt::LeftButton);
+        f.model.setPermissions({S::authorized, S::denied});
+        QCOMPARE(view.currentScreen()->headline(), QStringLiteral("TURN ON DICTORA."));
+        QTest::mouseClick(button(view, QStringLiteral("openAccessibilitySettings")), Qt::LeftButton);
+        f.model.setPermissions({S::authorized, S::authorized});
+        f.model.showPracticeWhenReady();
+
+        // Placement writes the overlay preferences at once.
+        QCOMPARE(view.shownStage(), OnboardingStage::microphonePosition);
+        QTest::mouseClick(view.currentScreen()->findChild<QToolButton *>(QStringLiteral("spot-topRight")), Qt::LeftButton);
+        QCOMPARE(f.preferences.microphoneLocation(), ScreenAnchor::topRight);
+        QTest::mouseClick(view.currentScreen()->findChild<QPushButton *>(QStringLiteral("size-large")), Qt::LeftButton);
+        QCOMPARE(f.preferences.microphoneSize(), OverlaySize::large);
+        view.currentScreen()->findChild<QSlider *>(QStringLiteral("opacity"))->setValue(50);
+        QCOMPARE(f.preferences.microphoneOpacity(), 0.5);
+        QCOMPARE(f.settings.value(QString::fromLatin1(ProductPreferences::kLocationKey)).toString(),
+                 rawValue(ScreenAnchor::topRight));
+        saveShot(view, QStringLiteral("2-microphonePosition"));
+        QTest::mouseClick(button(view, QStringLiteral("next")), Qt::LeftButton);
+
+        QCOMPARE(view.shownStage(), OnboardingStage::snippets);
+        f.preferences.setSnippetsEnabled(false);
+        QTest::mouseClick(button(view, QStringLiteral("useSnippets")), Qt::LeftButton);
+        QVERIFY(f.preferences.snippetsEnabled());
+        saveShot(view, QStringLiteral("3-snippets"));
+        QTest::mouseClick(button(view, QStringLiteral("next")), Qt::LeftButton);
+
+        // The model is not ready yet: the walk waits on the permission screen.
+        QCOMPARE(view.shownStage(), OnboardingStage::permissions);
+        view.setModelPreparation({67, false});
+        QCOMPARE(view.currentScreen()->headline(), QStringLiteral("GETTING ACCURATE."));
+        saveShot(view, QStringLiteral("1-permissions-getting-accurate"));
+        f.model.setAccuracyModelReady(true);
+        f.model.showPracticeWhenReady();
+
+        // Practice: one dictation that gives nothing, then one with words.
+        QCOMPARE(view.shownStage(), OnboardingStage::practice);
+        saveShot(view, QStringLiteral("4-practice"));
+        f.state.setPhase(DictoraPhase::recording());
+        saveShot(view, QStringLiteral("4-practice-recording"));
+        f.state.setPhase(DictoraPhase::finalizing());
+        f.state.setPhase(DictoraPhase::idle());
+        f.model.completePractice(QStringLiteral(" \n "), QDateTime::currentDateTime());
+        QCOMPARE(view.currentScreen()->headline(), QStringLiteral("PRESS ` TO TRY AGAIN."));
+        f.state.setPhase(DictoraPhase::recording());
+        f.state.setPhase(DictoraPhase::finalizing());
+
+        // Earlier History holds other words, one of which shares the first word.
+        TranscriptRecord older;
+        older.id = QUuid::createUuid();
+        older.savedAt = older.recordingStartedAt = older.recordingEndedAt = QDateTime::currentDateTime().addDays(-2);
+        older.transcript = QStringLiteral("Groceries for the weekend");
+        older.outcome = TranscriptOutcome::pasted;
+        f.journal.append(older);
+        older.id = QUuid::createUuid();
+        older.transcript = QStringLiteral("Testing the old microphone");
+        f.journal.append(older);
+        TranscriptRecord practice = older;
+        practice.id = QUuid::createUuid();
+        practice.savedAt = practice.recordingStartedAt = practice.recordingEndedAt = QDateTime::currentDateTime();
+        practice.transcript = QStringLiteral("Testing my first dictation.");
+        practice.outcome = TranscriptOutcome::practice;
+        f.journal.append(practice);
+        f.state.setPhase(DictoraPhase::idle());
+        f.model.completePractice(QStringLiteral("  Testing my first dictation.\n"), practice.savedAt);
+
+        QCOMPARE(view.shownStage(), OnboardingStage::savedProof);
+        QCOMPARE(view.currentScreen()->findChild<QLabel *>(QStringLiteral("savedTranscript"))->text(),
+                 QStringLiteral("Testing my first dictation."));
+        QVERIFY(!view.currentScreen()->findChild<QLabel *>(QStringLiteral("savedTime"))->text().isEmpty());
+        saveShot(view, QStringLiteral("5-savedProof"));
+        QCOMPARE(button(view, QStringLiteral("next"))->text(), QStringLiteral("SHOW ME SEARCH"));
+        f.history.setQuery(QStringLiteral("weekend"));
+        QTest::mouseClick(button(view, QStringLiteral("next")), Qt::LeftButton);
+
+        // The animation types the first word and lands on the practice record.
+        QCOMPARE(view.shownStage(), OnboardingStage::searchProof);
+        QSignalSpy finished(&view, &OnboardingView::searchAnimationFinished);
+        QVERIFY(!button(view, QStringLiteral("next"))->isEnabled());
+        QVERIFY(finished.wait(20000));
+        QCOMPARE(view.currentScreen()->findChild<QLineEdit *>(QStringLiteral("searchField"))->text(),
+                 QStringLiteral("Testing"));
+        auto *results = view.currentScreen()->findChild<QListWidget *>(QStringLiteral("searchResults"));
+        QCOMPARE(results->count(), 2);
+        QVERIFY(results->currentItem());
+        QVERIFY(results->currentItem()->text().startsWith(QStringLiteral("Testing my first dictation.")));
+        QVERIFY(results->currentItem()->data(Qt::UserRole).toBool());
+        // History's own search is left as the user had it.
+        QCOMPARE(f.history.query(), QStringLiteral("weekend"));
+        saveShot(view, QStringLiteral("6-searchProof"));
+        QTest::mouseClick(button(view, QStringLiteral("next")), Qt::LeftButton);
+
+        QCOMPARE(view.shownStage(), OnboardingStage::ready);
+        QCOMPARE(view.currentScreen()->headline(), QStringLiteral("YOU'RE ALL DONE."));
+        QCOMPARE(view.currentScreen()->detail(), QStringLiteral("Press `"));
+        saveShot(view, QStringLiteral("7-ready"));
+        QTest::mouseClick(button(view, QStringLiteral("finish")), Qt::LeftButton);
+        QVERIFY(!f.model.isPresented());
+        QVERIFY(f.preferences.hasCompletedOnboarding());
+        QCOMPARE(f.calls, (QStringList{QStringLiteral("requestMicrophone"), QStringLiteral("openAccessibilitySettings"),
+                                       QStringLiteral("openSnippets"), QStringLiteral("finish")}));
+    }
+};
+
+QTEST_MAIN(OnboardingViewTest)
+#include "tst_onboarding_view.moc"

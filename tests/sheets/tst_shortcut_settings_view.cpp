@@ -1,0 +1,263 @@
+#include "home/sheets/ShortcutCaptureField.h"
+#include "home/sheets/ShortcutSettingsView.h"
+
+#include <QDir>
+#include <QLabel>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace dictora;
+
+namespace {
+
+// X keycodes of the keys used below (evdev + 8).
+constexpr quint32 kXK = 45;
+constexpr quint32 kXBacktick = 49;
+constexpr quint32 kXControl = 37;
+
+QKeyEvent keyPress(int qtKey, Qt::KeyboardModifiers modifiers, quint32 xKeycode, const QString &text)
+{
+    return QKeyEvent(QEvent::KeyPress, qtKey, modifiers, xKeycode, 0, 0, text);
+}
+
+void press(QWidget *field, int qtKey, Qt::KeyboardModifiers modifiers, quint32 xKeycode, const QString &text)
+{
+    QKeyEvent event = keyPress(qtKey, modifiers, xKeycode, text);
+    QApplication::sendEvent(field, &event);
+}
+
+GlobalShortcut ctrlAltK()
+{
+    return GlobalShortcut{40, {GlobalShortcutModifiers::control | GlobalShortcutModifiers::option}, QStringLiteral("K")};
+}
+
+} // namespace
+
+class ShortcutSettingsViewTest : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    int m_settingsCount = 0;
+
+    std::unique_ptr<QSettings> freshSettings()
+    {
+        // A new file per case: QSettings caches files by path within a process.
+        return std::make_unique<QSettings>(m_dir.filePath(QStringLiteral("prefs-%1.ini").arg(++m_settingsCount)),
+                                           QSettings::IniFormat);
+    }
+
+    static void saveShot(QWidget &w, const QString &name)
+    {
+        QDir().mkpath(QStringLiteral(DICTORA_SCREENSHOT_DIR));
+        QCoreApplication::processEvents();
+        w.grab().save(QStringLiteral(DICTORA_SCREENSHOT_DIR "/") + name + QStringLiteral(".png"));
+    }
+
+private Q_SLOTS:
+    void capturesKeyPress_data()
+    {
+        QTest::addColumn<int>("qtKey");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<quint32>("xKeycode");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("candidate");
+        QTest::addColumn<QString>("display");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<bool>("updateEnabled");
+
+        const QString twoModifiers = QStringLiteral("Use at least two modifier keys so normal typing stays untouched.");
+        QTest::newRow("Super-K needs a second modifier")
+            << int(Qt::Key_K) << int(Qt::MetaModifier) << kXK << QStringLiteral("k") << true << QStringLiteral("Super+K")
+            << twoModifiers << false;
+        QTest::newRow("plain K") << int(Qt::Key_K) << 0 << kXK << QStringLiteral("k") << true << QStringLiteral("K")
+                                 << twoModifiers << false;
+        QTest::newRow("Ctrl-Alt-K with a control character")
+            << int(Qt::Key_K) << int(Qt::ControlModifier | Qt::AltModifier) << kXK << QStringLiteral("\x0b") << true
+            << QStringLiteral("Ctrl+Alt+K") << QString() << true;
+        QTest::newRow("the backtick alone") << int(Qt::Key_QuoteLeft) << 0 << kXBacktick << QStringLiteral("`") << true
+                                            << QStringLiteral("`") << QString() << true;
+        QTest::newRow("a lone modifier waits") << int(Qt::Key_Control) << int(Qt::ControlModifier) << kXControl
+                                               << QString() << false << QString() << QString() << false;
+        QTest::newRow("a key outside the table")
+            << int(Qt::Key_unknown) << int(Qt::ControlModifier | Qt::AltModifier) << quint32(250) << QString() << false
+            << QString() << QStringLiteral("This key cannot be used for a shortcut. Try another one.") << false;
+    }
+    void capturesKeyPress()
+    {
+        QFETCH(int, qtKey);
+        QFETCH(int, modifiers);
+        QFETCH(quint32, xKeycode);
+        QFETCH(QString, text);
+        QFETCH(bool, candidate);
+        QFETCH(QString, display);
+        QFETCH(QString, message);
+        QFETCH(bool, updateEnabled);
+
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        int calls = 0;
+        ShortcutSettingsView view(
+            preferences, [&](const GlobalShortcut &) { ++calls; return ShortcutUpdateResult::updated(); }, {});
+        view.show();
+        auto *field = view.findChild<ShortcutCaptureField *>();
+        QVERIFY(field);
+        press(field, qtKey, Qt::KeyboardModifiers(modifiers), xKeycode, text);
+
+        QCOMPARE(view.candidate().has_value(), candidate);
+        if (candidate)
+            QCOMPARE(view.candidate()->displayText(), display);
+        QCOMPARE(view.validationMessage(), message);
+        auto *validation = view.findChild<QLabel *>(QStringLiteral("validation"));
+        QCOMPARE(validation->isVisible(), !message.isEmpty());
+        QCOMPARE(validation->text(), message);
+        auto *update = view.findChild<QPushButton *>(QStringLiteral("update"));
+        QCOMPARE(update->isEnabled(), updateEnabled);
+        QTest::mouseClick(update, Qt::LeftButton);
+        QCOMPARE(calls, updateEnabled ? 1 : 0);
+        if (QByteArray(QTest::currentDataTag()).startsWith("Super"))
+            saveShot(view, QStringLiteral("shortcut-invalid"));
+    }
+
+    void everyKeyPressReplacesTheCandidate()
+    {
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        ShortcutSettingsView view(preferences, [](const GlobalShortcut &) { return ShortcutUpdateResult::updated(); }, {});
+        view.show();
+        auto *field = view.findChild<ShortcutCaptureField *>();
+        press(field, Qt::Key_K, Qt::MetaModifier, kXK, QStringLiteral("k"));
+        QVERIFY(!view.validationMessage().isEmpty());
+        // Escape and Tab are candidates too, not ways out of the field.
+        press(field, Qt::Key_Escape, Qt::NoModifier, 9, QString());
+        QVERIFY(view.isVisible());
+        QVERIFY(view.candidate().has_value());
+        press(field, Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK, QStringLiteral("\x0b"));
+        QCOMPARE(*view.candidate(), ctrlAltK());
+        QVERIFY(view.validationMessage().isEmpty());
+    }
+
+    void updateResults_data()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<bool>("closes");
+        QTest::addColumn<int>("feedback");
+        QTest::addColumn<QString>("shown");
+        QTest::addColumn<bool>("continueVisible");
+
+        using K = ShortcutUpdateResult::Kind;
+        using F = ShortcutSettingsView::Feedback;
+        QTest::newRow("updated") << int(K::updated) << QString() << true << int(F::none) << QString() << false;
+        QTest::newRow("needs accessibility")
+            << int(K::needsAccessibility) << QString() << false << int(F::permissionRequired)
+            << QStringLiteral("Dictora needs the desktop's permission to use this shortcut in every app.") << true;
+        QTest::newRow("failed with a message")
+            << int(K::failed) << QStringLiteral("Another program already uses Ctrl+Alt+K.") << false << int(F::failure)
+            << QStringLiteral("Another program already uses Ctrl+Alt+K.") << false;
+        QTest::newRow("failed without a message") << int(K::failed) << QString() << false << int(F::failure)
+                                                  << QStringLiteral("Choose a different keyboard shortcut.") << false;
+    }
+    void updateResults()
+    {
+        QFETCH(int, kind);
+        QFETCH(QString, message);
+        QFETCH(bool, closes);
+        QFETCH(int, feedback);
+        QFETCH(QString, shown);
+        QFETCH(bool, continueVisible);
+
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        QList<GlobalShortcut> asked;
+        ShortcutSettingsView view(
+            preferences,
+            [&](const GlobalShortcut &candidate) {
+                asked.append(candidate);
+                return ShortcutUpdateResult{ShortcutUpdateResult::Kind(kind), message};
+            },
+            {});
+        QSignalSpy accepted(&view, &QDialog::accepted);
+        view.show();
+        press(view.findChild<ShortcutCaptureField *>(), Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK,
+              QStringLiteral("\x0b"));
+        QTest::mouseClick(view.findChild<QPushButton *>(QStringLiteral("update")), Qt::LeftButton);
+
+        QCOMPARE(asked, QList<GlobalShortcut>{ctrlAltK()});
+        QCOMPARE(accepted.size(), closes ? 1 : 0);
+        QCOMPARE(view.isVisible(), !closes);
+        QCOMPARE(int(view.feedback()), feedback);
+        QCOMPARE(view.feedbackText(), shown);
+        if (!closes) {
+            QCOMPARE(view.findChild<QLabel *>(QStringLiteral("feedbackText"))->text(), shown);
+            QCOMPARE(view.findChild<QPushButton *>(QStringLiteral("continue"))->isVisible(), continueVisible);
+            saveShot(view, QStringLiteral("shortcut-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+        }
+    }
+
+    void continueWaitsForPermissionThenCloses()
+    {
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        int continued = 0;
+        ShortcutSettingsView view(
+            preferences, [](const GlobalShortcut &) { return ShortcutUpdateResult::needsAccessibility(); },
+            [&] { ++continued; });
+        QSignalSpy accepted(&view, &QDialog::accepted);
+        view.show();
+        press(view.findChild<ShortcutCaptureField *>(), Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK,
+              QStringLiteral("\x0b"));
+        view.applyCandidate();
+        QTest::mouseClick(view.findChild<QPushButton *>(QStringLiteral("continue")), Qt::LeftButton);
+        QCOMPARE(continued, 1);
+        QCOMPARE(view.feedback(), ShortcutSettingsView::Feedback::waitingForPermission);
+        QCOMPARE(view.feedbackText(), QStringLiteral("Waiting for the desktop's permission…"));
+        QVERIFY(!view.findChild<QPushButton *>(QStringLiteral("continue"))->isVisible());
+        saveShot(view, QStringLiteral("shortcut-waiting"));
+
+        // Some other shortcut stored meanwhile does not close the sheet.
+        preferences.setKeyboardShortcut(
+            GlobalShortcut{9, {GlobalShortcutModifiers::control | GlobalShortcutModifiers::shift}, QStringLiteral("V")});
+        QCOMPARE(accepted.size(), 0);
+        // The controller installing the waiting candidate does.
+        preferences.setKeyboardShortcut(ctrlAltK());
+        QCOMPARE(accepted.size(), 1);
+        QCOMPARE(view.feedback(), ShortcutSettingsView::Feedback::none);
+    }
+
+    void cancelChangesNothingAndUpdateShowsNextTime()
+    {
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        const auto update = [&](const GlobalShortcut &candidate) {
+            preferences.setKeyboardShortcut(candidate);
+            return ShortcutUpdateResult::updated();
+        };
+        {
+            ShortcutSettingsView view(preferences, update, {});
+            QSignalSpy rejected(&view, &QDialog::rejected);
+            view.show();
+            QCOMPARE(view.currentText(), QStringLiteral("`"));
+            saveShot(view, QStringLiteral("shortcut-initial"));
+            press(view.findChild<ShortcutCaptureField *>(), Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK,
+                  QStringLiteral("\x0b"));
+            QTest::mouseClick(view.findChild<QPushButton *>(QStringLiteral("cancel")), Qt::LeftButton);
+            QCOMPARE(rejected.size(), 1);
+            QCOMPARE(preferences.keyboardShortcut(), GlobalShortcut::defaultShortcut());
+        }
+        {
+            ShortcutSettingsView view(preferences, update, {});
+            view.show();
+            press(view.findChild<ShortcutCaptureField *>(), Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK,
+                  QStringLiteral("\x0b"));
+            view.applyCandidate();
+            QVERIFY(!view.isVisible());
+        }
+        ShortcutSettingsView next(preferences, update, {});
+        QCOMPARE(next.currentText(), QStringLiteral("Ctrl+Alt+K"));
+        QVERIFY(!next.candidate());
+    }
+};
+
+QTEST_MAIN(ShortcutSettingsViewTest)
+#include "tst_shortcut_settings_view.moc"
