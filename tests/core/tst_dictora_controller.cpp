@@ -334,9 +334,9 @@ private Q_SLOTS:
         QTest::addColumn<bool>("grabWorks");
         QTest::addColumn<int>("kind");
         QTest::addColumn<QString>("message");
-        QTest::newRow("valid and grabbed") << 6 << true << int(ShortcutUpdateOutcome::Kind::updated) << "";
-        QTest::newRow("one modifier") << 1 << true << int(ShortcutUpdateOutcome::Kind::failed) << "Use at least two modifier keys so normal typing stays untouched.";
-        QTest::newRow("grab refused rolls back") << 6 << false << int(ShortcutUpdateOutcome::Kind::failed) << "That shortcut could not be activated. Your previous shortcut still works.";
+        QTest::newRow("valid and grabbed") << 6 << true << int(ShortcutUpdateResult::Kind::updated) << "";
+        QTest::newRow("one modifier") << 1 << true << int(ShortcutUpdateResult::Kind::failed) << "Use at least two modifier keys so normal typing stays untouched.";
+        QTest::newRow("grab refused rolls back") << 6 << false << int(ShortcutUpdateResult::Kind::failed) << "That shortcut could not be activated. Your previous shortcut still works.";
     }
     void updateShortcut()
     {
@@ -348,10 +348,10 @@ private Q_SLOTS:
         rig.controller->start();
         const GlobalShortcut candidate{40, {std::uint8_t(modifiers)}, QStringLiteral("K")};
         rig.shortcut.accepts = grabWorks;
-        const ShortcutUpdateOutcome result = rig.controller->updateKeyboardShortcut(candidate);
+        const ShortcutUpdateResult result = rig.controller->updateKeyboardShortcut(candidate);
         QCOMPARE(int(result.kind), kind);
         QCOMPARE(result.message, message);
-        const bool updated = kind == int(ShortcutUpdateOutcome::Kind::updated);
+        const bool updated = kind == int(ShortcutUpdateResult::Kind::updated);
         QCOMPARE(rig.preferences.keyboardShortcut(), updated ? candidate : GlobalShortcut::defaultShortcut());
         if (!grabWorks)
             QCOMPARE(rig.shortcut.installed.last(), GlobalShortcut::defaultShortcut());

@@ -387,14 +387,14 @@ void DictoraController::installCurrentShortcutSilently()
         m_permissionRetryTimer.start();
 }
 
-ShortcutUpdateOutcome DictoraController::updateKeyboardShortcut(const GlobalShortcut &candidate)
+ShortcutUpdateResult DictoraController::updateKeyboardShortcut(const GlobalShortcut &candidate)
 {
     const GlobalShortcutValidation validation = GlobalShortcutValidator::validate(candidate);
     if (!validation.valid) {
         const QString message = validation.message.isEmpty()
             ? QStringLiteral("Choose a different keyboard shortcut.")
             : validation.message;
-        return {ShortcutUpdateOutcome::Kind::failed, message};
+        return ShortcutUpdateResult::failed(message);
     }
     // On X11 "trusted" means the shortcut can be grabbed at all; a refused grab is a
     // plain failure below, with the previous shortcut restored.
@@ -402,7 +402,7 @@ ShortcutUpdateOutcome DictoraController::updateKeyboardShortcut(const GlobalShor
         m_pendingShortcutUpdate = candidate;
         m_state.setPhase(DictoraPhase::needsAccessibility());
         installCurrentShortcutSilently();
-        return {ShortcutUpdateOutcome::Kind::needsAccessibility, {}};
+        return ShortcutUpdateResult::needsAccessibility();
     }
     const GlobalShortcut previous = m_preferences.keyboardShortcut();
     if (m_c.shortcut.install(candidate) && m_c.shortcut.verifyInstalled(candidate)) {
@@ -411,12 +411,12 @@ ShortcutUpdateOutcome DictoraController::updateKeyboardShortcut(const GlobalShor
         if (m_state.phase().is(DictoraPhase::Kind::needsAccessibility))
             m_state.setPhase(DictoraPhase::idle());
         log(QStringLiteral("global shortcut updated shortcut=") + shortcutText(candidate));
-        return {ShortcutUpdateOutcome::Kind::updated, {}};
+        return ShortcutUpdateResult::updated();
     }
     m_c.shortcut.install(previous);
     log(QStringLiteral("global shortcut update rolled back candidate=") + shortcutText(candidate));
-    return {ShortcutUpdateOutcome::Kind::failed,
-        QStringLiteral("That shortcut could not be activated. Your previous shortcut still works.")};
+    return ShortcutUpdateResult::failed(
+        QStringLiteral("That shortcut could not be activated. Your previous shortcut still works."));
 }
 
 void DictoraController::refreshOnboardingPermissionStatus()

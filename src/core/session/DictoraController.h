@@ -17,13 +17,6 @@
 
 namespace dictora {
 
-struct ShortcutUpdateOutcome {
-    enum class Kind { failed, updated, needsAccessibility };
-    Kind kind = Kind::updated;
-    QString message; // for failed
-    friend bool operator==(const ShortcutUpdateOutcome &, const ShortcutUpdateOutcome &) = default;
-};
-
 // Runs a dictation from shortcut press to saved record. Main thread only;
 // the only writer of DictoraState.
 class DictoraController : public QObject {
@@ -60,7 +53,7 @@ public:
 
     void start();
     void toggleRecording();
-    ShortcutUpdateOutcome updateKeyboardShortcut(const GlobalShortcut &candidate);
+    ShortcutUpdateResult updateKeyboardShortcut(const GlobalShortcut &candidate);
     void finishOnboarding();
     void requestOnboardingMicrophonePermission();
     void continueAccessibility();

@@ -7,6 +7,11 @@
 #include "history/HistoryStore.h"
 #include "history/TranscriptJournal.h"
 #include "home/HomeWindow.h"
+#include "home/Style.h"
+#include "home/sheets/ShortcutSettingsView.h"
+#include "home/sheets/SnippetsSettingsView.h"
+#include "onboarding/ui/BundledFonts.h"
+#include "onboarding/ui/OnboardingView.h"
 #include "overlay/DictoraStatusItemController.h"
 #include "overlay/MicOverlayPanel.h"
 #include "platform/PlatformServices.h"
@@ -76,6 +81,8 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     QApplication::setApplicationName(QStringLiteral("Dictora"));
     QApplication::setQuitOnLastWindowClosed(false);
     QGuiApplication::setDesktopFileName(QStringLiteral("dictora"));
+    registerBundledFonts();
+    Style::apply(app);
 
     const QString socketPath = DataPaths::instanceSocket();
     if (sendToRunningInstance(socketPath, QStringLiteral("show"))) {
@@ -117,15 +124,14 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     MicOverlayPanel overlay(state, preferences);
     const auto showModelStatus = [&] {
         const AccuracyModelPhase phase = model.phase();
-        if (phase.isReady())
-            window.setModelStatus(QString());
-        else if (phase.kind() == AccuracyModelPhase::Kind::downloading)
-            window.setModelStatus(QStringLiteral("%1 %2%").arg(phase.statusText()).arg(qRound(model.progress() * 100)));
-        else
-            window.setModelStatus(phase.statusText());
+        const bool downloading = phase.kind() == AccuracyModelPhase::Kind::downloading;
+        const bool needsAttention = phase.kind() == AccuracyModelPhase::Kind::needsAttention;
+        window.setModelPreparation(phase.isReady() ? QString() : phase.statusText(),
+            downloading ? std::optional<double>(model.progress()) : std::nullopt, needsAttention);
     };
     QObject::connect(&model, &AccuracyModelManager::phaseChanged, &window, showModelStatus);
     QObject::connect(&model, &AccuracyModelManager::progressChanged, &window, showModelStatus);
+    QObject::connect(&window, &HomeWindow::retryDownloadRequested, &model, &AccuracyModelManager::retryManually);
 
     ViewPorts views;
     views.repositionOverlay = [&overlay](ScreenAnchor anchor) { overlay.reposition(anchor); };
@@ -137,6 +143,48 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     DictoraController controller(state, preferences,
         DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal, log,
             DataPaths::dataDirectory(), views});
+
+    // Settings sheets and the first-run walk, all driven through the controller.
+    QObject::connect(&window, &HomeWindow::shortcutSheetRequested, &window, [&] {
+        auto *sheet = new ShortcutSettingsView(preferences,
+            [&controller](const GlobalShortcut &candidate) { return controller.updateKeyboardShortcut(candidate); },
+            [&controller] { controller.continueAccessibility(); }, &window);
+        sheet->setAttribute(Qt::WA_DeleteOnClose);
+        sheet->open();
+    });
+    const auto openSnippets = [&] {
+        auto *sheet = new SnippetsSettingsView(snippets, preferences, &window);
+        sheet->setAttribute(Qt::WA_DeleteOnClose);
+        sheet->open();
+    };
+    QObject::connect(&window, &HomeWindow::snippetsSheetRequested, &window, openSnippets);
+
+    OnboardingActions onboardingActions;
+    onboardingActions.requestMicrophone = [&controller] { controller.requestOnboardingMicrophonePermission(); };
+    onboardingActions.openMicrophoneSettings = [&log] { openSoundSettings(log); };
+    onboardingActions.openAccessibilitySettings = [&controller] { controller.continueAccessibility(); };
+    onboardingActions.retryDownload = [&model] { model.retryManually(); };
+    onboardingActions.openSnippets = openSnippets;
+    onboardingActions.finish = [&controller] { controller.finishOnboarding(); };
+    onboardingActions.microphoneReason = [&capture] { return capture.microphoneStatus().reason; };
+    onboardingActions.accessibilityReason = [&] { return permissions->accessibility(shortcut.get()).reason; };
+    auto *onboardingView = new OnboardingView(controller.onboarding(), state, preferences, &history, onboardingActions);
+    window.setOnboardingView(onboardingView);
+    const auto followOnboarding = [&window, &controller] {
+        window.setOnboardingPresented(controller.onboarding().isPresented());
+    };
+    QObject::connect(&controller.onboarding(), &OnboardingModel::changed, &window, followOnboarding);
+    followOnboarding();
+    const auto showModelToOnboarding = [&model, onboardingView] {
+        const AccuracyModelPhase phase = model.phase();
+        ModelPreparation preparation;
+        if (phase.kind() == AccuracyModelPhase::Kind::downloading)
+            preparation.percent = qRound(model.progress() * 100);
+        preparation.failed = phase.kind() == AccuracyModelPhase::Kind::needsAttention;
+        onboardingView->setModelPreparation(preparation);
+    };
+    QObject::connect(&model, &AccuracyModelManager::phaseChanged, onboardingView, showModelToOnboarding);
+    QObject::connect(&model, &AccuracyModelManager::progressChanged, onboardingView, showModelToOnboarding);
 
     DictoraStatusItemController tray({[&window] { window.present(); }, [] { QCoreApplication::exit(0); }});
     if (!tray.install())
