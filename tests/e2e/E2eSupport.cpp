@@ -1,0 +1,634 @@
+#include "E2eSupport.h"
+
+#include "support/TestSupport.h"
+
+#include <csignal>
+#include <cstdio>
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QPixmap>
+#include <QRegularExpression>
+#include <QScreen>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QTest>
+#include <QUuid>
+#include <QtEndian>
+
+namespace dictora::test::e2e {
+
+namespace {
+
+QString runTool(const QString &program, const QStringList &arguments, int *exitCode = nullptr)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished(10000)) {
+        process.kill();
+        process.waitForFinished();
+        if (exitCode)
+            *exitCode = -1;
+        return {};
+    }
+    if (exitCode)
+        *exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return QString::fromLocal8Bit(process.readAllStandardOutput());
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+} // namespace
+
+QString dictoraBinary() { return QStringLiteral(DICTORA_E2E_DICTORA); }
+QString scriptedBinary() { return QStringLiteral(DICTORA_E2E_SCRIPTED); }
+
+QString testData()
+{
+    QString dir = qEnvironmentVariable("DICTORA_SHARED_TESTDATA");
+    if (dir.isEmpty())
+        dir = QStringLiteral(DICTORA_E2E_TESTDATA);
+    return QFileInfo(dir).isDir() ? QDir(dir).absolutePath() : QString();
+}
+
+ModelContract emptyWeightModel()
+{
+    return ModelContract{QStringLiteral("for-tests-ggml-tiny.en.bin"), 586836,
+        QStringLiteral("dd6b7796204a1cdf7164666423034e6e1a7a3e9f5c22327b4b7974c4584bd82d"),
+        // Nothing listens on the discard port: a download attempt fails at once.
+        QStringLiteral("http://127.0.0.1:9/for-tests-ggml-tiny.en.bin")};
+}
+
+QString testModelPath(const QString &fileName)
+{
+    return QDir(testData()).filePath(QStringLiteral("models/") + fileName);
+}
+
+QString speechClip(const QString &dir, double seconds, QString *why)
+{
+    // The shared recording is 16-bit PCM; keep its header and cut the data chunk.
+    const QString source = QDir(testData()).filePath(QStringLiteral("speech/jfk.wav"));
+    QFile in(source);
+    if (!in.open(QIODevice::ReadOnly)) {
+        *why = QStringLiteral("cannot read ") + source;
+        return {};
+    }
+    const QByteArray wav = in.readAll();
+    if (wav.size() < 44 || !wav.startsWith("RIFF") || wav.mid(8, 4) != "WAVE") {
+        *why = source + QStringLiteral(" is not a WAV file");
+        return {};
+    }
+    qsizetype pos = 12;
+    quint32 byteRate = 0;
+    while (pos + 8 <= wav.size()) {
+        const QByteArray id = wav.mid(pos, 4);
+        const quint32 size = qFromLittleEndian<quint32>(wav.constData() + pos + 4);
+        if (id == "fmt " && size >= 16)
+            byteRate = qFromLittleEndian<quint32>(wav.constData() + pos + 16);
+        if (id == "data" && byteRate > 0) {
+            quint32 keep = quint32(seconds * byteRate);
+            keep -= keep % 4;
+            keep = std::min<quint32>(keep, size);
+            QByteArray out = wav.left(pos + 8) + wav.mid(pos + 8, keep);
+            qToLittleEndian<quint32>(keep, out.data() + pos + 4);
+            qToLittleEndian<quint32>(quint32(out.size() - 8), out.data() + 4);
+            const QString path = QDir(dir).filePath(QStringLiteral("speech-%1s.wav").arg(seconds));
+            if (!writeFile(path, out)) {
+                *why = QStringLiteral("cannot write ") + path;
+                return {};
+            }
+            return path;
+        }
+        pos += 8 + size + (size & 1);
+    }
+    *why = source + QStringLiteral(" has no PCM data chunk");
+    return {};
+}
+
+bool playIntoMicrophone(const QString &wavFile, QString *why)
+{
+    const QString sink = qEnvironmentVariable("WITH_PULSE_SINK", QStringLiteral("vmic_sink"));
+    QProcess player;
+    player.setProcessChannelMode(QProcess::MergedChannels);
+    player.start(QStringLiteral("paplay"), {QStringLiteral("-d"), sink, wavFile});
+    // Keep the event loop turning: the test process owns X resources too.
+    QDeadlineTimer deadline(60000);
+    while (player.state() != QProcess::NotRunning && !deadline.hasExpired())
+        QTest::qWait(20);
+    if (player.state() != QProcess::NotRunning) {
+        player.kill();
+        player.waitForFinished();
+        *why = QStringLiteral("paplay did not finish");
+        return false;
+    }
+    if (player.exitStatus() != QProcess::NormalExit || player.exitCode() != 0) {
+        *why = QStringLiteral("paplay failed: ") + QString::fromLocal8Bit(player.readAll());
+        return false;
+    }
+    return true;
+}
+
+quint64 activeWindow()
+{
+    const QString out = runTool(QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("_NET_ACTIVE_WINDOW")});
+    static const QRegularExpression id(QStringLiteral("# (0x[0-9a-fA-F]+)"));
+    const auto match = id.match(out);
+    return match.hasMatch() ? match.captured(1).toULongLong(nullptr, 16) : 0;
+}
+
+qint64 windowPid(quint64 window)
+{
+    if (window == 0)
+        return 0;
+    const QString out = runTool(QStringLiteral("xprop"),
+        {QStringLiteral("-id"), QStringLiteral("0x%1").arg(window, 0, 16), QStringLiteral("_NET_WM_PID")});
+    static const QRegularExpression pid(QStringLiteral("= (\\d+)"));
+    const auto match = pid.match(out);
+    return match.hasMatch() ? match.captured(1).toLongLong() : 0;
+}
+
+QStringList logMessages(const QString &logText)
+{
+    QStringList messages;
+    for (const QString &line : logText.split(u'\n', Qt::SkipEmptyParts)) {
+        const qsizetype end = line.startsWith(u'[') ? line.indexOf(QStringLiteral("] ")) : -1;
+        messages.append(end < 0 ? line : line.mid(end + 2));
+    }
+    return messages;
+}
+
+bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why)
+{
+    qsizetype from = 0;
+    for (const QString &prefix : prefixes) {
+        qsizetype found = -1;
+        for (qsizetype i = from; i < messages.size(); ++i) {
+            if (messages.at(i).startsWith(prefix)) {
+                found = i;
+                break;
+            }
+        }
+        if (found < 0) {
+            *why = QStringLiteral("no line \"%1...\" after line %2 of the log:\n%3")
+                       .arg(prefix)
+                       .arg(from)
+                       .arg(messages.join(u'\n'));
+            return false;
+        }
+        from = found + 1;
+    }
+    return true;
+}
+
+QString readTextFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll());
+}
+
+QString artifactFolder(const QString &testName)
+{
+    QStringList parts = testName.split(u'/');
+    for (QString &part : parts)
+        part.replace(QRegularExpression(QStringLiteral("[^A-Za-z0-9_.-]+")), QStringLiteral("_"));
+    return QDir(QStringLiteral(DICTORA_E2E_ARTIFACTS)).filePath(parts.join(u'/'));
+}
+
+void pressShortcut(x11::FakeKeyboard &keyboard) { keyboard.chord({}, keyboard.keycode("grave")); }
+
+// --- DictoraRun -------------------------------------------------------------
+
+DictoraRun::DictoraRun()
+    : m_env(QProcessEnvironment::systemEnvironment())
+{
+    const QDir root(m_root.path());
+    for (const char *sub : {"data/Dictora/Models", "config/Dictora", "runtime", "home"})
+        root.mkpath(QLatin1String(sub));
+    QFile::setPermissions(root.filePath(QStringLiteral("runtime")),
+        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    m_env.insert(QStringLiteral("XDG_DATA_HOME"), root.filePath(QStringLiteral("data")));
+    m_env.insert(QStringLiteral("XDG_CONFIG_HOME"), root.filePath(QStringLiteral("config")));
+    m_env.insert(QStringLiteral("XDG_RUNTIME_DIR"), root.filePath(QStringLiteral("runtime")));
+    // No development copy of a model in a real home may stand in for ours.
+    m_env.insert(QStringLiteral("HOME"), root.filePath(QStringLiteral("home")));
+    m_env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    m_env.remove(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"));
+}
+
+DictoraRun::~DictoraRun()
+{
+    if (!isRunning())
+        return;
+    m_process->terminate();
+    if (!m_process->waitForFinished(5000)) {
+        m_process->kill();
+        m_process->waitForFinished(5000);
+    }
+}
+
+QString DictoraRun::dataDirectory() const { return QDir(m_root.path()).filePath(QStringLiteral("data/Dictora")); }
+QString DictoraRun::logPath() const { return QDir(dataDirectory()).filePath(QStringLiteral("runtime.log")); }
+QString DictoraRun::journalPath() const { return QDir(dataDirectory()).filePath(QStringLiteral("transcripts.jsonl")); }
+
+void DictoraRun::writeSettings(const QVariantMap &values)
+{
+    QSettings settings(QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini")), QSettings::IniFormat);
+    settings.setValue(QStringLiteral("onboarding.completed"), true);
+    for (auto it = values.begin(); it != values.end(); ++it)
+        settings.setValue(it.key(), it.value());
+    settings.sync();
+}
+
+bool DictoraRun::useModel(const ModelContract &contract, bool installModel, QString *why)
+{
+    if (installModel) {
+        const QString source = testModelPath(contract.fileName);
+        const QString target = QDir(dataDirectory()).filePath(QStringLiteral("Models/") + contract.fileName);
+        if (!QFile::copy(source, target)) {
+            *why = QStringLiteral("cannot copy %1 to %2").arg(source, target);
+            return false;
+        }
+    }
+    const QJsonObject json{{QStringLiteral("fileName"), contract.fileName}, {QStringLiteral("bytes"), contract.bytes},
+        {QStringLiteral("sha256"), contract.sha256}, {QStringLiteral("url"), contract.url}};
+    const QString path = QDir(m_root.path()).filePath(QStringLiteral("model-contract.json"));
+    if (!writeFile(path, QJsonDocument(json).toJson())) {
+        *why = QStringLiteral("cannot write ") + path;
+        return false;
+    }
+    m_env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), path);
+    return true;
+}
+
+void DictoraRun::writeSnippets(const QList<QPair<QString, QString>> &triggerAndExpansion)
+{
+    QJsonArray entries;
+    for (const auto &[trigger, expansion] : triggerAndExpansion) {
+        entries.append(QJsonObject{{QStringLiteral("id"), QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper()},
+            {QStringLiteral("trigger"), trigger}, {QStringLiteral("expansion"), expansion}});
+    }
+    writeFile(QDir(dataDirectory()).filePath(QStringLiteral("snippets.json")), QJsonDocument(entries).toJson());
+}
+
+bool DictoraRun::start(const QString &binary, QString *why)
+{
+    m_process = std::make_unique<QProcess>();
+    m_process->setProcessEnvironment(m_env);
+    m_process->setProcessChannelMode(QProcess::MergedChannels);
+    QObject::connect(m_process.get(), &QProcess::readyRead, [this] { m_output += m_process->readAll(); });
+    m_process->start(binary, {});
+    if (!m_process->waitForStarted(10000)) {
+        *why = QStringLiteral("cannot start %1: %2").arg(binary, m_process->errorString());
+        return false;
+    }
+    return waitForLines(QStringLiteral("app started dataDirectory="), 1, 30000, why)
+        && waitForLines(QStringLiteral("global shortcut event tap installed"), 1, 30000, why);
+}
+
+bool DictoraRun::waitUntilModelReady(QString *why)
+{
+    return waitForLines(QStringLiteral("mandatory accuracy model loaded and ready"), 1, 60000, why);
+}
+
+qint64 DictoraRun::pid() const { return m_process ? m_process->processId() : 0; }
+
+bool DictoraRun::isRunning() const { return m_process && m_process->state() != QProcess::NotRunning; }
+
+bool DictoraRun::stop(QString *why)
+{
+    if (!isRunning())
+        return true;
+    m_process->terminate();
+    if (!m_process->waitForFinished(10000)) {
+        m_process->kill();
+        m_process->waitForFinished(5000);
+        if (why)
+            *why = QStringLiteral("dictora ignored SIGTERM and was killed");
+        return false;
+    }
+    m_output += m_process->readAll();
+    if (m_process->exitStatus() != QProcess::NormalExit || m_process->exitCode() != 0) {
+        if (why)
+            *why = QStringLiteral("dictora ended with status %1 (%2):\n%3")
+                       .arg(m_process->exitCode())
+                       .arg(m_process->exitStatus() == QProcess::NormalExit ? "exit" : "crash")
+                       .arg(QString::fromLocal8Bit(m_output));
+        return false;
+    }
+    return true;
+}
+
+int DictoraRun::runVerb(const QString &binary, const QStringList &arguments, QString *output)
+{
+    QProcess process;
+    process.setProcessEnvironment(m_env);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(binary, arguments);
+    QDeadlineTimer deadline(30000);
+    while (process.state() != QProcess::NotRunning && !deadline.hasExpired())
+        QTest::qWait(10);
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished();
+    }
+    if (output)
+        *output = QString::fromLocal8Bit(process.readAll());
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+QString DictoraRun::logText() const { return readTextFile(logPath()); }
+
+int DictoraRun::countLines(const QString &prefix) const
+{
+    const QStringList all = messages();
+    return int(std::count_if(all.begin(), all.end(), [&](const QString &m) { return m.startsWith(prefix); }));
+}
+
+bool DictoraRun::waitForLines(const QString &prefix, int count, int timeoutMs, QString *why)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    while (countLines(prefix) < count) {
+        if (!isRunning()) {
+            *why = QStringLiteral("dictora ended before logging \"%1\":\n%2\nlog:\n%3")
+                       .arg(prefix, programOutput(), logText());
+            return false;
+        }
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("no \"%1\" line #%2 within %3 ms; log:\n%4")
+                       .arg(prefix)
+                       .arg(count)
+                       .arg(timeoutMs)
+                       .arg(logText());
+            return false;
+        }
+        QTest::qWait(20);
+    }
+    return true;
+}
+
+QList<QJsonObject> DictoraRun::records(QString *why) const
+{
+    QList<QJsonObject> result;
+    QFile file(journalPath());
+    if (!file.open(QIODevice::ReadOnly))
+        return result;
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        if (line.trimmed().isEmpty())
+            continue;
+        QJsonParseError error;
+        const QJsonDocument doc = QJsonDocument::fromJson(line, &error);
+        if (!doc.isObject()) {
+            if (why)
+                *why = QStringLiteral("journal line is not a JSON object: ") + QString::fromUtf8(line);
+            continue;
+        }
+        result.append(doc.object());
+    }
+    return result;
+}
+
+bool DictoraRun::waitForRecords(int count, int timeoutMs, QString *why)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    while (records().size() < count) {
+        if (deadline.hasExpired() || !isRunning()) {
+            *why = QStringLiteral("the journal has %1 of %2 records; log:\n%3")
+                       .arg(records().size())
+                       .arg(count)
+                       .arg(logText());
+            return false;
+        }
+        QTest::qWait(20);
+    }
+    return true;
+}
+
+QString DictoraRun::programOutput()
+{
+    if (m_process)
+        m_output += m_process->readAll();
+    return QString::fromLocal8Bit(m_output);
+}
+
+void DictoraRun::keepArtifacts(const QString &folder)
+{
+    QDir().mkpath(folder);
+    const QDir out(folder);
+    for (const QString &name : {QStringLiteral("runtime.log"), QStringLiteral("transcripts.jsonl"),
+             QStringLiteral("snippets.json")}) {
+        const QString source = QDir(dataDirectory()).filePath(name);
+        QFile::remove(out.filePath(name));
+        if (QFile::exists(source))
+            QFile::copy(source, out.filePath(name));
+    }
+    QFile::remove(out.filePath(QStringLiteral("Dictora.ini")));
+    QFile::copy(QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini")),
+        out.filePath(QStringLiteral("Dictora.ini")));
+    writeFile(out.filePath(QStringLiteral("dictora-output.txt")), programOutput().toUtf8());
+    if (qobject_cast<QGuiApplication *>(QCoreApplication::instance()) && QGuiApplication::primaryScreen())
+        QGuiApplication::primaryScreen()->grabWindow(0).save(out.filePath(QStringLiteral("screen.png")));
+    qWarning("artifacts kept in %s", qPrintable(folder));
+}
+
+// --- TextEditor ---------------------------------------------------------------
+
+TextEditor::TextEditor(x11::FakeKeyboard &keyboard, const QString &file)
+    : m_keyboard(keyboard), m_file(file)
+{
+}
+
+TextEditor::~TextEditor() = default;
+
+qint64 TextEditor::pid() const { return m_program ? m_program->pid() : 0; }
+
+bool TextEditor::start(QString *why)
+{
+    if (!writeFile(m_file, {})) {
+        *why = QStringLiteral("cannot create ") + m_file;
+        return false;
+    }
+    m_program = std::make_unique<x11::ChildProgram>(QStringLiteral("l3afpad"), QStringList{m_file});
+    if (!m_program->waitStarted()) {
+        *why = QStringLiteral("l3afpad did not start");
+        return false;
+    }
+    QDeadlineTimer deadline(30000);
+    while (windowPid(activeWindow()) != m_program->pid()) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("l3afpad never became the active window: ") + m_program->errorOutput();
+            return false;
+        }
+        QTest::qWait(50);
+    }
+    m_window = activeWindow();
+    // A freshly mapped editor can be active before its text view takes keys;
+    // a typed character marks the document modified ("*" in the title) once
+    // it does, and is erased again.
+    while (!m_keyboard.windowTitle(m_window).startsWith(u'*')) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("l3afpad never took a key");
+            return false;
+        }
+        m_keyboard.chord({}, m_keyboard.keycode("x"));
+        QTest::qWait(100);
+    }
+    m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("a"));
+    m_keyboard.chord({}, m_keyboard.keycode("BackSpace"));
+    return true;
+}
+
+bool TextEditor::focus(QString *why)
+{
+    int code = 0;
+    runTool(QStringLiteral("xdotool"), {QStringLiteral("windowactivate"), QString::number(m_window)}, &code);
+    QDeadlineTimer deadline(10000);
+    while (activeWindow() != m_window) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("the editor could not be focused");
+            return false;
+        }
+        QTest::qWait(50);
+    }
+    return true;
+}
+
+bool TextEditor::readBack(const QString &expected, QString *actual)
+{
+    // The save may come before the paste is inserted: save until it shows.
+    QDeadlineTimer deadline(20000);
+    while (!deadline.hasExpired()) {
+        m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("s"));
+        QTest::qWait(250);
+        *actual = readTextFile(m_file);
+        if (*actual == expected)
+            return true;
+    }
+    return false;
+}
+
+// --- Terminal -----------------------------------------------------------------
+
+Terminal::Terminal(x11::FakeKeyboard &keyboard, const QString &file)
+    : m_keyboard(keyboard), m_file(file)
+{
+}
+
+Terminal::~Terminal() = default;
+
+qint64 Terminal::pid() const { return m_program ? m_program->pid() : 0; }
+
+bool Terminal::start(QString *why)
+{
+    // Non-canonical mode hands every character to cat at once.
+    m_program = std::make_unique<x11::ChildProgram>(QStringLiteral("xterm"),
+        QStringList{QStringLiteral("-e"), QStringLiteral("sh"), QStringLiteral("-c"),
+            QStringLiteral("stty -icanon -echo; exec cat > '%1'").arg(m_file)});
+    if (!m_program->waitStarted()) {
+        *why = QStringLiteral("xterm did not start");
+        return false;
+    }
+    // Ctrl+B reaches cat as byte 2 once the terminal has the focus.
+    QDeadlineTimer deadline(30000);
+    while (readTextFile(m_file).isEmpty()) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("xterm never took a key: ") + m_program->errorOutput();
+            return false;
+        }
+        m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("b"));
+        QTest::qWait(100);
+    }
+    return true;
+}
+
+QString Terminal::received() const { return readTextFile(m_file).remove(QChar(2)); }
+
+// --- the shared fixture ----------------------------------------------------------
+
+int checkEnvironment()
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY"))
+        return skipAll("needs an X display: run under tests/support/x11/with-x");
+    if (qEnvironmentVariableIsEmpty("PULSE_SERVER"))
+        return skipAll("needs a sound server: run under tests/support/pulse/with-pulse");
+    if (testData().isEmpty())
+        return skipAll("../shared/testdata is not beside the repository");
+    for (const char *tool : {"l3afpad", "xterm", "xdotool", "paplay"}) {
+        if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty()) {
+            const QByteArray reason = QByteArray(tool) + " is not installed";
+            return skipAll(reason.constData());
+        }
+    }
+    for (const QString &binary : {dictoraBinary(), scriptedBinary()}) {
+        if (!QFileInfo(binary).isExecutable()) {
+            std::fprintf(stderr, "FAIL: %s has not been built\n", qPrintable(binary));
+            return 1;
+        }
+    }
+    // The editor and terminal save what they receive as UTF-8 only in a UTF-8 locale.
+    qputenv("LC_ALL", "C.UTF-8");
+    return 0;
+}
+
+bool E2eCase::beginCase(const ModelContract &model, bool installModel, QString *why)
+{
+    scratch = std::make_unique<QTemporaryDir>();
+    run = std::make_unique<DictoraRun>();
+    if (!scratch->isValid() || !run->isValid()) {
+        *why = QStringLiteral("cannot create temporary folders");
+        return false;
+    }
+    if (!keyboard.isOpen()) {
+        *why = QStringLiteral("no XTEST keyboard on the display");
+        return false;
+    }
+    run->writeSettings();
+    return run->useModel(model, installModel, why);
+}
+
+void E2eCase::endCase()
+{
+    if (run && QTest::currentTestFailed()) {
+        QString name = QCoreApplication::applicationName() + u'/' + QLatin1String(QTest::currentTestFunction());
+        if (QTest::currentDataTag())
+            name += u'/' + QLatin1String(QTest::currentDataTag());
+        run->keepArtifacts(artifactFolder(name));
+    }
+    run.reset();
+    scratch.reset();
+}
+
+bool E2eCase::startDictation(int ordinal, QString *why)
+{
+    pressShortcut(keyboard);
+    return run->waitForLines(QStringLiteral("recording started session="), ordinal, 30000, why);
+}
+
+void E2eCase::tapBeforeProgramReacts()
+{
+    const pid_t pid = pid_t(run->pid());
+    ::kill(pid, SIGSTOP);
+    pressShortcut(keyboard);
+    ::kill(pid, SIGCONT);
+}
+
+bool E2eCase::finishDictation(int ordinal, double speechSeconds, QString *why)
+{
+    const QString clip = speechClip(scratch->path(), speechSeconds, why);
+    if (clip.isEmpty() || !playIntoMicrophone(clip, why))
+        return false;
+    tapBeforeProgramReacts();
+    return run->waitForLines(QStringLiteral("recording completed outcome="), ordinal, 120000, why);
+}
+
+} // namespace dictora::test::e2e

@@ -1,0 +1,189 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QPair>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QVariantMap>
+
+#include "X11TestSupport.h"
+
+#include <memory>
+
+// Drives the real Dictora executables from outside, the way a user's desktop
+// does: its own data and config folders, a real X display and sound server
+// (from the with-x and with-pulse wrappers), real editors as paste targets.
+namespace dictora::test::e2e {
+
+QString dictoraBinary();
+QString scriptedBinary();
+// ../shared/testdata, or empty when it is not beside the repository.
+QString testData();
+
+struct ModelContract {
+    QString fileName;
+    qint64 bytes = 0;
+    QString sha256;
+    QString url;
+};
+// The empty-weight tiny.en test model: loads and recognises nothing.
+ModelContract emptyWeightModel();
+QString testModelPath(const QString &fileName);
+
+// A speech clip of the given length cut from the shared recording into dir.
+QString speechClip(const QString &dir, double seconds, QString *why);
+// Plays a WAV file into the virtual microphone and returns once it has drained.
+bool playIntoMicrophone(const QString &wavFile, QString *why);
+
+// The window that has the focus (_NET_ACTIVE_WINDOW), 0 when none.
+quint64 activeWindow();
+// _NET_WM_PID of a window, 0 when it has none.
+qint64 windowPid(quint64 window);
+
+// Messages of a runtime log, the "[time] " prefix removed.
+QStringList logMessages(const QString &logText);
+// Checks that a line starting with each prefix appears, in this order.
+bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why);
+
+// One installation of Dictora in a throw-away home, and the running process.
+class DictoraRun {
+public:
+    DictoraRun();
+    ~DictoraRun();
+    DictoraRun(const DictoraRun &) = delete;
+    DictoraRun &operator=(const DictoraRun &) = delete;
+
+    bool isValid() const { return m_root.isValid(); }
+    QString root() const { return m_root.path(); }
+    QString dataDirectory() const;
+    QString logPath() const;
+    QString journalPath() const;
+
+    // Dictora.ini (QSettings INI); onboarding is marked completed unless values say otherwise.
+    void writeSettings(const QVariantMap &values = {});
+    // Writes the contract file; with installModel the model file is put in
+    // place beforehand, so nothing is downloaded.
+    bool useModel(const ModelContract &contract, bool installModel, QString *why);
+    void writeSnippets(const QList<QPair<QString, QString>> &triggerAndExpansion);
+    void setEnvironment(const QString &name, const QString &value) { m_env.insert(name, value); }
+    QProcessEnvironment environment() const { return m_env; }
+
+    // Starts the program and waits until the log says it started and holds
+    // the shortcut.
+    bool start(const QString &binary, QString *why);
+    bool waitUntilModelReady(QString *why);
+    qint64 pid() const;
+    bool isRunning() const;
+    // Ends the program with SIGTERM as a desktop session would; false if it
+    // had to be killed or did not exit cleanly.
+    bool stop(QString *why = nullptr);
+
+    // Runs the same installation's command line (e.g. "toggle") to its end.
+    int runVerb(const QString &binary, const QStringList &arguments, QString *output = nullptr);
+
+    QString logText() const;
+    QStringList messages() const { return logMessages(logText()); }
+    int countLines(const QString &prefix) const;
+    // Waits until at least `count` lines start with prefix; fails early when
+    // the program has ended.
+    bool waitForLines(const QString &prefix, int count, int timeoutMs, QString *why);
+    QList<QJsonObject> records(QString *why = nullptr) const;
+    bool waitForRecords(int count, int timeoutMs, QString *why);
+    QString programOutput();
+
+    // The log, journal, program output and a screenshot, for a failed test.
+    void keepArtifacts(const QString &folder);
+
+private:
+    QTemporaryDir m_root;
+    QProcessEnvironment m_env;
+    std::unique_ptr<QProcess> m_process;
+    QByteArray m_output;
+};
+
+// l3afpad on a file: it takes keys once focused, and reads back by saving.
+class TextEditor {
+public:
+    TextEditor(x11::FakeKeyboard &keyboard, const QString &file);
+    ~TextEditor();
+    bool start(QString *why);
+    qint64 pid() const;
+    quint64 window() const { return m_window; }
+    // Saves (Ctrl+S) until the file holds expected; actual gets what it held.
+    bool readBack(const QString &expected, QString *actual);
+    bool focus(QString *why);
+
+private:
+    x11::FakeKeyboard &m_keyboard;
+    QString m_file;
+    std::unique_ptr<x11::ChildProgram> m_program;
+    quint64 m_window = 0;
+};
+
+// xterm running cat into a file: every key it gets ends up there.
+class Terminal {
+public:
+    Terminal(x11::FakeKeyboard &keyboard, const QString &file);
+    ~Terminal();
+    bool start(QString *why);
+    qint64 pid() const;
+    // What cat received, without the probe keys sent while waiting for it.
+    QString received() const;
+
+private:
+    x11::FakeKeyboard &m_keyboard;
+    QString m_file;
+    std::unique_ptr<x11::ChildProgram> m_program;
+};
+
+// Taps the default shortcut, the key left of 1.
+void pressShortcut(x11::FakeKeyboard &keyboard);
+QString readTextFile(const QString &path);
+// Folder for a failed test's artifacts: <build>/tests/e2e/artifacts/<test>.
+QString artifactFolder(const QString &testName);
+
+// 0 when the run can go on; else it printed why and this is the exit code
+// (77, skipped, without a display, a sound server, the test data or the
+// editor and terminal).
+int checkEnvironment();
+
+// What every run owns: the keyboard, a scratch folder and the installation,
+// whose files are kept when the test function fails.
+class E2eCase : public QObject {
+    Q_OBJECT
+protected:
+    x11::FakeKeyboard keyboard;
+    std::unique_ptr<QTemporaryDir> scratch;
+    std::unique_ptr<DictoraRun> run;
+
+    // A fresh scratch folder and installation (settings written, model
+    // installed) for one test function or row.
+    bool beginCase(const ModelContract &model, bool installModel, QString *why);
+    // Keeps the artifacts when the function failed, then stops the program.
+    void endCase();
+    // Presses the shortcut and waits for the recording to start.
+    bool startDictation(int ordinal, QString *why);
+    // Plays speech, presses again and waits for the recording's end. The
+    // second tap is over before the program sees it, as it is when a real
+    // recogniser takes longer than a key press (see tapBeforeProgramReacts).
+    bool finishDictation(int ordinal, double speechSeconds, QString *why);
+    // Pauses the program for a tap of the shortcut, so the key is up again
+    // before the program handles the press.
+    void tapBeforeProgramReacts();
+};
+
+} // namespace dictora::test::e2e
+
+#define DICTORA_E2E_TEST_MAIN(TestClass)                                   \
+    int main(int argc, char **argv)                                        \
+    {                                                                      \
+        if (const int skip = dictora::test::e2e::checkEnvironment())       \
+            return skip;                                                   \
+        QGuiApplication app(argc, argv);                                   \
+        TestClass tc;                                                      \
+        return QTest::qExec(&tc, argc, argv);                              \
+    }

@@ -1,0 +1,118 @@
+#include "E2eSupport.h"
+
+#include <QGuiApplication>
+#include <QJsonObject>
+#include <QtTest>
+
+using namespace dictora::test::e2e;
+
+// The whole paste path with only the recogniser's words scripted: the text is
+// formatted, snippet-expanded and lands in the editor that had the focus when
+// the dictation began, whatever has the focus when it ends.
+class TestE2ePaste : public E2eCase {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void cleanup() { endCase(); }
+
+    void textLandsInTheEditor_data()
+    {
+        QTest::addColumn<QString>("recognised");
+        QTest::addColumn<bool>("formatting");
+        QTest::addColumn<bool>("moveFocus");
+        QTest::addColumn<bool>("holdKey");
+        QTest::addColumn<QString>("expected");
+
+        const QString raw = QStringLiteral("  um, please send the invoice to my address  ");
+        QTest::newRow("formatted and expanded")
+            << raw << true << false << false << QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
+        QTest::newRow("focus moved to a terminal")
+            << raw << true << true << false << QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
+        QTest::newRow("formatting off, trimmed and expanded")
+            << raw << false << false << false << QStringLiteral("um, please send the invoice to 12 Harbour Road, Leith");
+        QTest::newRow("non-ASCII")
+            << QString::fromUtf8("uh the café in Zürich is near my address") << true << false << false
+            << QString::fromUtf8("The café in Zürich is near 12 Harbour Road, Leith");
+        // The text is ready while the user still holds the key down.
+        QTest::newRow("shortcut still held when the text is ready")
+            << raw << true << false << true << QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
+    }
+
+    void textLandsInTheEditor()
+    {
+        QFETCH(QString, recognised);
+        QFETCH(bool, formatting);
+        QFETCH(bool, moveFocus);
+        QFETCH(bool, holdKey);
+        QFETCH(QString, expected);
+
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        run->writeSettings({{QStringLiteral("transcription.formatting.enabled"), formatting}});
+        run->writeSnippets({{QStringLiteral("my address"), QStringLiteral("12 Harbour Road, Leith")},
+            {QStringLiteral("never said"), QStringLiteral("must not appear")}});
+        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), recognised);
+        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
+        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+
+        TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
+        QVERIFY2(editor.start(&why), qPrintable(why));
+        QVERIFY2(startDictation(1, &why), qPrintable(why));
+
+        std::unique_ptr<Terminal> terminal;
+        if (moveFocus) {
+            terminal = std::make_unique<Terminal>(keyboard, scratch->filePath(QStringLiteral("terminal.txt")));
+            QVERIFY2(terminal->start(&why), qPrintable(why));
+            QCOMPARE(windowPid(activeWindow()), terminal->pid());
+        }
+
+        if (holdKey) {
+            const QString clip = speechClip(scratch->path(), 1.5, &why);
+            QVERIFY2(!clip.isEmpty() && playIntoMicrophone(clip, &why), qPrintable(why));
+            const int key = keyboard.keycode("grave");
+            keyboard.press(key);
+            const bool accepted = run->waitForLines(QStringLiteral("stop key accepted"), 1, 30000, &why);
+            QTest::qWait(300);
+            keyboard.release(key);
+            QVERIFY2(accepted, qPrintable(why));
+            QVERIFY2(run->waitForLines(QStringLiteral("recording completed outcome="), 1, 60000, &why), qPrintable(why));
+        } else {
+            QVERIFY2(finishDictation(1, 1.5, &why), qPrintable(why));
+        }
+        QString received;
+        QVERIFY2(editor.readBack(expected, &received),
+            qPrintable(QStringLiteral("the editor holds \"%1\"; log:\n%2").arg(received, run->logText())));
+        if (terminal)
+            QCOMPARE(terminal->received(), QString());
+
+        QVERIFY2(run->waitForRecords(1, 10000, &why), qPrintable(why));
+        const QList<QJsonObject> records = run->records();
+        QCOMPARE(records.size(), 1);
+        const QJsonObject record = records.first();
+        QCOMPARE(record.value("outcome").toString(), QStringLiteral("pasted"));
+        QCOMPARE(record.value("transcript").toString(), expected);
+        QCOMPARE(record.value("targetApplication")["name"].toString(), QStringLiteral("L3afpad"));
+        QCOMPARE(record.value("targetApplication")["processIdentifier"].toInteger(), editor.pid());
+        QVERIFY(!record.contains("error"));
+        QCOMPARE(record.value("earsDurationMilliseconds").toInteger(-1), 0);
+        QVERIFY(record.value("pasteDispatchDurationMilliseconds").toInteger(-1) >= 0);
+
+        const QStringList messages = run->messages();
+        QVERIFY2(linesInOrder(messages,
+                     {QStringLiteral("recording started session=%1 target=L3afpad").arg(record.value("id").toString()),
+                         QStringLiteral("stop key accepted; finalizing speech"),
+                         QStringLiteral("accurate local finalization returned rawChars=%1 formattedChars=%2")
+                             .arg(recognised.size())
+                             .arg(expected.size()),
+                         QStringLiteral("paste begin target=L3afpad chars=%1").arg(expected.size()),
+                         QStringLiteral("command-v posted to pid=%1").arg(editor.pid()),
+                         QStringLiteral("journal append complete"), QStringLiteral("overlay returned to idle"),
+                         QStringLiteral("recording completed outcome=pasted chars=%1").arg(expected.size())},
+                     &why),
+            qPrintable(why));
+        QCOMPARE(messages.contains(QStringLiteral("paste target reactivated ok=true")), moveFocus);
+    }
+};
+
+DICTORA_E2E_TEST_MAIN(TestE2ePaste)
+#include "tst_e2e_paste.moc"

@@ -1,0 +1,58 @@
+#include "E2eSupport.h"
+
+#include <QGuiApplication>
+#include <QJsonObject>
+#include <QtTest>
+
+using namespace dictora::test::e2e;
+
+// "dictora toggle" from a shell drives the running program's dictation
+// exactly as the shortcut does.
+class TestE2eToggle : public E2eCase {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void cleanup() { endCase(); }
+
+    void toggleWithoutARunningProgram()
+    {
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        QString output;
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output), 1);
+        QVERIFY2(output.contains(QStringLiteral("Dictora is not running")), qPrintable(output));
+    }
+
+    void toggleDrivesADictation()
+    {
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("toggled from a shell"));
+        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
+        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+
+        TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
+        QVERIFY2(editor.start(&why), qPrintable(why));
+
+        QString output;
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output), 0);
+        QVERIFY2(run->waitForLines(QStringLiteral("recording started session="), 1, 30000, &why), qPrintable(why));
+
+        const QString clip = speechClip(scratch->path(), 1.5, &why);
+        QVERIFY2(!clip.isEmpty() && playIntoMicrophone(clip, &why), qPrintable(why));
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output), 0);
+        QVERIFY2(run->waitForLines(QStringLiteral("recording completed outcome="), 1, 60000, &why), qPrintable(why));
+
+        QString received;
+        QVERIFY2(editor.readBack(QStringLiteral("Toggled from a shell"), &received),
+            qPrintable(QStringLiteral("the editor holds \"%1\"; log:\n%2").arg(received, run->logText())));
+        const QList<QJsonObject> records = run->records();
+        QCOMPARE(records.size(), 1);
+        QCOMPARE(records.first().value("outcome").toString(), QStringLiteral("pasted"));
+        QCOMPARE(records.first().value("transcript").toString(), QStringLiteral("Toggled from a shell"));
+        QCOMPARE(records.first().value("targetApplication")["processIdentifier"].toInteger(), editor.pid());
+    }
+};
+
+DICTORA_E2E_TEST_MAIN(TestE2eToggle)
+#include "tst_e2e_toggle.moc"
