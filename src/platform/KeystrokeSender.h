@@ -18,10 +18,11 @@ class KeystrokeSender {
 public:
     virtual ~KeystrokeSender();
 
-    // Waits, at most `timeout`, until no modifier key is physically held, so
-    // the user's own Ctrl/Alt/Shift cannot turn the paste into another command.
+    // Waits, at most `timeout`, until no key is physically held: the user's own
+    // Ctrl/Alt/Shift would turn the paste into another command, and while the
+    // shortcut key is down its grab sends every key, the paste too, to us.
     // False when some key was still down at the deadline.
-    virtual bool waitForModifiersReleased(std::chrono::milliseconds timeout) = 0;
+    virtual bool waitForKeysReleased(std::chrono::milliseconds timeout) = 0;
     // Types the keystroke into whatever window has the keyboard focus.
     virtual bool send(PasteKeystroke keystroke) = 0;
     // Why the sender cannot type, in words for the user; empty when it can.

@@ -55,7 +55,7 @@ private Q_SLOTS:
         QVERIFY(!tracker->frontmostOtherApplication().has_value());
         QVERIFY(!tracker->activate(WindowHandle{42}, std::chrono::milliseconds(10)));
         auto keys = Platform::createKeystrokeSender();
-        QVERIFY(keys->waitForModifiersReleased(std::chrono::milliseconds(10)));
+        QVERIFY(keys->waitForKeysReleased(std::chrono::milliseconds(10)));
         QVERIFY(!keys->send(PasteKeystroke::controlV));
         QVERIFY(keys->failureReason().contains(reasonMentions));
     }

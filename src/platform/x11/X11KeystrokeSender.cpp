@@ -5,6 +5,9 @@
 #include <QDeadlineTimer>
 #include <QThread>
 
+#include <algorithm>
+#include <iterator>
+
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
@@ -34,7 +37,7 @@ QString X11KeystrokeSender::failureReason() const
     return {};
 }
 
-bool X11KeystrokeSender::anyModifierHeld() const
+bool X11KeystrokeSender::anyKeyHeld() const
 {
     if (!m_connection->isOpen())
         return false;
@@ -42,29 +45,13 @@ bool X11KeystrokeSender::anyModifierHeld() const
     XErrorTrap trap(display);
     char keys[32] = {};
     XQueryKeymap(display, keys);
-    XModifierKeymap *map = XGetModifierMapping(display);
-    if (!map)
-        return false;
-    bool held = false;
-    for (int modifier = 0; modifier < 8 && !held; ++modifier) {
-        if (modifier == LockMapIndex)
-            continue; // Caps Lock's state is a lock, not a held key
-        for (int i = 0; i < map->max_keypermod; ++i) {
-            const KeyCode code = map->modifiermap[modifier * map->max_keypermod + i];
-            if (code != 0 && (keys[code / 8] & (1 << (code % 8)))) {
-                held = true;
-                break;
-            }
-        }
-    }
-    XFreeModifiermap(map);
-    return held;
+    return std::any_of(std::begin(keys), std::end(keys), [](char bits) { return bits != 0; });
 }
 
-bool X11KeystrokeSender::waitForModifiersReleased(std::chrono::milliseconds timeout)
+bool X11KeystrokeSender::waitForKeysReleased(std::chrono::milliseconds timeout)
 {
     const QDeadlineTimer deadline(timeout);
-    while (anyModifierHeld()) {
+    while (anyKeyHeld()) {
         if (deadline.hasExpired())
             return false;
         QThread::msleep(5);

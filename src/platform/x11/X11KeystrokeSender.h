@@ -15,13 +15,13 @@ public:
     X11KeystrokeSender();
     ~X11KeystrokeSender() override;
 
-    bool waitForModifiersReleased(std::chrono::milliseconds timeout) override;
+    bool waitForKeysReleased(std::chrono::milliseconds timeout) override;
     bool send(PasteKeystroke keystroke) override;
     QString failureReason() const override;
 
     // Whether any key that acts as Shift, Ctrl, Alt, Super (or another
     // modifier, but not the lock keys) is down right now.
-    bool anyModifierHeld() const;
+    bool anyKeyHeld() const;
 
 private:
     std::unique_ptr<XConnection> m_connection;

@@ -67,8 +67,8 @@ std::int64_t PasteService::paste(const QString &text, const PasteTarget &target)
         m_log.write(QStringLiteral("paste target reactivated ok=")
                     + (active ? QStringLiteral("true") : QStringLiteral("false")));
     }
-    if (!m_keystrokes.waitForModifiersReleased(modifierReleaseTimeout))
-        m_log.write(QStringLiteral("paste modifiers still held; sending anyway"));
+    if (!m_keystrokes.waitForKeysReleased(keyReleaseTimeout))
+        m_log.write(QStringLiteral("paste keys still held; sending anyway"));
 
     m_lastPaste = elapsed;
     m_awaitingRead = m_readWatcher->isWatching();

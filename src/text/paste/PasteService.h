@@ -41,7 +41,7 @@ public:
     // Bounds of the waits inside paste(); long enough for a window manager
     // and a user letting go of keys, short enough never to hang the program.
     static constexpr std::chrono::milliseconds activationTimeout{1000};
-    static constexpr std::chrono::milliseconds modifierReleaseTimeout{2000};
+    static constexpr std::chrono::milliseconds keyReleaseTimeout{2000};
 
 Q_SIGNALS:
     // The target read the text we offered, this long after paste() began.
