@@ -67,7 +67,7 @@ int runFormat(const QStringList &arguments)
         return kExitFailure;
     }
 
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Dictora"), QStringLiteral("Dictora"));
+    QSettings settings(DataPaths::settingsFile(), QSettings::IniFormat);
     const ProductPreferences prefs(settings);
 
     QString text = BasicFormatter::formatTranscript(raw, prefs.formattingEnabled() && !formatOff);

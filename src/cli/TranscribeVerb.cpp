@@ -165,7 +165,7 @@ int runTranscribe(const QStringList &arguments)
 
     QString text = result.text;
     if (!raw) {
-        QSettings store(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Dictora"), QStringLiteral("Dictora"));
+        QSettings store(DataPaths::settingsFile(), QSettings::IniFormat);
         const ProductPreferences preferences(store);
         text = BasicFormatter::formatTranscript(text, preferences.formattingEnabled());
         if (preferences.snippetsEnabled())

@@ -35,6 +35,12 @@ QString logFile() { return QDir(dataDirectory()).filePath(QStringLiteral("runtim
 QString snippetsFile() { return QDir(dataDirectory()).filePath(QStringLiteral("snippets.json")); }
 QString modelsDirectory() { return QDir(dataDirectory()).filePath(QStringLiteral("Models")); }
 
+QString settingsFile()
+{
+    const QString base = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
+    return QDir(base).filePath(QStringLiteral("Dictora/Dictora.ini"));
+}
+
 QString instanceSocket()
 {
     QString runtime = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);

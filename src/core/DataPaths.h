@@ -16,6 +16,8 @@ QString journalFile();   // transcripts.jsonl
 QString logFile();       // runtime.log
 QString snippetsFile();  // snippets.json
 QString modelsDirectory(); // Models/
+// $XDG_CONFIG_HOME/Dictora/Dictora.ini: the preferences, shared by the app and the verbs.
+QString settingsFile();
 // The local socket through which a second start finds the running instance.
 QString instanceSocket();
 } // namespace DataPaths

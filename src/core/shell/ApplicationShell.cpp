@@ -103,7 +103,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         return 1;
     }
 
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Dictora"), QStringLiteral("Dictora"));
+    QSettings settings(DataPaths::settingsFile(), QSettings::IniFormat);
     DictoraState state;
     ProductPreferences preferences(settings);
     RuntimeLog log(DataPaths::logFile());
