@@ -6,6 +6,9 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
+#include <thread>
+
 namespace dictora {
 
 namespace {
@@ -20,9 +23,24 @@ ReadResult readJournal(const TranscriptJournal &journal)
 {
     try {
         ReadResult result{journal.readAll(), {}, std::nullopt};
-        result.searchKeys.reserve(result.records.size());
-        for (const TranscriptRecord &r : result.records)
-            result.searchKeys.append(HistoryFilter::searchKey(r.transcript));
+        // Normalising every transcript is as costly as decoding it: use every core.
+        const qsizetype count = result.records.size();
+        result.searchKeys.resize(count);
+        const qsizetype workers = count < 4096 ? 1 : qsizetype(std::max(1u, std::thread::hardware_concurrency()));
+        std::vector<std::thread> threads;
+        for (qsizetype w = 0; w < workers; ++w) {
+            const qsizetype from = count * w / workers, to = count * (w + 1) / workers;
+            const auto work = [&result, from, to] {
+                for (qsizetype i = from; i < to; ++i)
+                    result.searchKeys[i] = HistoryFilter::searchKey(result.records.at(i).transcript);
+            };
+            if (w + 1 == workers)
+                work();
+            else
+                threads.emplace_back(work);
+        }
+        for (auto &t : threads)
+            t.join();
         return result;
     } catch (const Error &e) {
         return {{}, {}, e.description()};
