@@ -1,5 +1,6 @@
 // History filtering over a large journal: one query per filter kind.
 #include "history/HistoryStore.h"
+#include "support/SampleJournal.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -16,25 +17,9 @@ int main(int argc, char **argv)
     constexpr int count = 100000;
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("transcripts.jsonl"));
-    {
-        const QStringList words{QStringLiteral("meeting"), QString::fromUtf8("café"), QStringLiteral("budget"),
-            QStringLiteral("review"), QStringLiteral("deadline"), QString::fromUtf8("résumé"), QStringLiteral("team")};
-        QByteArray bytes;
-        const qint64 start = QDateTime(QDate(2023, 1, 1), QTime(0, 0), Qt::UTC).toMSecsSinceEpoch();
-        for (int i = 0; i < count; ++i) {
-            TranscriptRecord r;
-            r.id = QUuid::createUuid();
-            r.savedAt = QDateTime::fromMSecsSinceEpoch(start + qint64(i) * 997'000, Qt::UTC); // ~3 years
-            r.recordingStartedAt = r.savedAt.addSecs(-8);
-            r.recordingEndedAt = r.savedAt.addSecs(-1);
-            r.transcript = QStringLiteral("Notes about the %1 and the %2 before we send the figures, item %3.")
-                               .arg(words[i % words.size()], words[(i / 7) % words.size()])
-                               .arg(i);
-            bytes += r.toJsonLine() + '\n';
-        }
-        QFile f(path);
-        f.open(QIODevice::WriteOnly);
-        f.write(bytes);
+    if (!bench::writeSampleJournal(path, count)) {
+        std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
+        return 1;
     }
     HistoryStore store{TranscriptJournal(path)};
     QSignalSpy reloaded(&store, &HistoryStore::reloaded);

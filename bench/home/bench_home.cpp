@@ -4,6 +4,7 @@
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "history/HistoryStore.h"
+#include "support/SampleJournal.h"
 #include "home/HistoryListModel.h"
 #include "home/HistoryView.h"
 #include "home/HomeWindow.h"
@@ -61,32 +62,9 @@ int main(int argc, char **argv)
 
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("transcripts.jsonl"));
-    {
-        const QStringList words{QStringLiteral("meeting"), QString::fromUtf8("café"), QStringLiteral("budget"),
-            QStringLiteral("review"), QStringLiteral("deadline"), QString::fromUtf8("résumé"), QStringLiteral("team")};
-        QByteArray bytes;
-        const qint64 start = QDateTime(QDate(2023, 1, 1), QTime(0, 0), Qt::UTC).toMSecsSinceEpoch();
-        for (int i = 0; i < count; ++i) {
-            TranscriptRecord r;
-            r.id = QUuid::createUuid();
-            r.savedAt = QDateTime::fromMSecsSinceEpoch(start + qint64(i) * 997'000, Qt::UTC);
-            r.recordingStartedAt = r.savedAt.addSecs(-8);
-            r.recordingEndedAt = r.savedAt.addSecs(-1);
-            r.recordingDurationMilliseconds = 7000;
-            r.outcome = TranscriptOutcome::pasted;
-            r.targetApplication = TargetApplication{QStringLiteral("Text Editor"), QStringLiteral("gedit"), 1234};
-            r.earsDurationMilliseconds = 640;
-            r.transcriptionEngine = QStringLiteral("exact-local-large-v3-turbo-q5_0");
-            r.transcript = QStringLiteral("Notes about the %1 and the %2 before we send the figures, item %3.")
-                               .arg(words[i % words.size()], words[(i / 7) % words.size()])
-                               .arg(i);
-            bytes += r.toJsonLine() + '\n';
-        }
-        QFile f(path);
-        if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size()) {
-            std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
-            return 1;
-        }
+    if (!bench::writeSampleJournal(path, count)) {
+        std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
+        return 1;
     }
 
     QTemporaryDir settingsDir;

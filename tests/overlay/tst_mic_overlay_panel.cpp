@@ -46,16 +46,6 @@ protected:
     }
 };
 
-AudioMeterLevels levels(float a, float b, float c, float d)
-{
-    AudioMeterLevels l;
-    l.first = a;
-    l.second = b;
-    l.third = c;
-    l.fourth = d;
-    return l;
-}
-
 } // namespace
 
 class MicOverlayPanelTest : public QObject {
@@ -287,7 +277,7 @@ private Q_SLOTS:
         const QImage quiet = view->grab().toImage();
 
         const int before = counter.paints;
-        m_state->setMeterLevels(levels(1, 1, 1, 1));
+        m_state->setMeterLevels(AudioMeterLevels{1, 1, 1, 1});
         QTRY_VERIFY(counter.paints > before);
         const QImage loud = view->grab().toImage();
 
@@ -356,7 +346,7 @@ private Q_SLOTS:
         QVERIFY(idle.save(QDir(screenshotDir()).filePath(stem + QStringLiteral("-idle.png"))));
 
         m_state->setPhase(DictoraPhase::recording());
-        m_state->setMeterLevels(levels(0.45f, 0.8f, 0.3f, 0.95f));
+        m_state->setMeterLevels(AudioMeterLevels{0.45f, 0.8f, 0.3f, 0.95f});
         const QImage recording = m_panel->hostingView()->grab().toImage();
         QVERIFY(recording.save(QDir(screenshotDir()).filePath(stem + QStringLiteral("-recording.png"))));
 

@@ -17,16 +17,6 @@ bool fuzzyEqual(double a, double b)
     return std::abs(a - b) < 1e-6;
 }
 
-AudioMeterLevels levels(float a, float b, float c, float d)
-{
-    AudioMeterLevels l;
-    l.first = a;
-    l.second = b;
-    l.third = c;
-    l.fourth = d;
-    return l;
-}
-
 } // namespace
 
 class OverlayGeometryTest : public QObject {
@@ -157,8 +147,8 @@ private Q_SLOTS:
         QTest::addColumn<AudioMeterLevels>("levels");
         QTest::addColumn<QList<double>>("expected");
         const AudioMeterLevels zero;
-        const AudioMeterLevels full = levels(1, 1, 1, 1);
-        const AudioMeterLevels mixed = levels(0.5f, 0.25f, 0.04f, 0.75f);
+        const AudioMeterLevels full = AudioMeterLevels{1, 1, 1, 1};
+        const AudioMeterLevels mixed = AudioMeterLevels{0.5f, 0.25f, 0.04f, 0.75f};
         const QList<double> idle{5, 5, 5, 5};
         QTest::newRow("idle") << DictoraPhase::idle() << full << idle;
         QTest::newRow("preparing") << DictoraPhase::preparing() << full << idle;
@@ -171,7 +161,7 @@ private Q_SLOTS:
         QTest::newRow("recording mixed")
             << DictoraPhase::recording() << mixed << QList<double>{9.0, 9.0, 5.96, 19.25};
         QTest::newRow("recording out of range")
-            << DictoraPhase::recording() << levels(2.0f, -1.0f, std::nanf(""), 1.0f)
+            << DictoraPhase::recording() << AudioMeterLevels{2.0f, -1.0f, std::nanf(""), 1.0f}
             << QList<double>{13, 6.28, 5.96, 24};
     }
     void barHeights()
@@ -191,14 +181,14 @@ private Q_SLOTS:
         QTest::addColumn<DictoraPhase>("phase");
         QTest::addColumn<AudioMeterLevels>("levels");
         QTest::addColumn<double>("expected");
-        QTest::newRow("idle") << DictoraPhase::idle() << levels(1, 1, 1, 1) << 0.2;
-        QTest::newRow("finalizing") << DictoraPhase::finalizing() << levels(0.5f, 0, 0, 0) << 0.2;
+        QTest::newRow("idle") << DictoraPhase::idle() << AudioMeterLevels{1, 1, 1, 1} << 0.2;
+        QTest::newRow("finalizing") << DictoraPhase::finalizing() << AudioMeterLevels{0.5f, 0, 0, 0} << 0.2;
         QTest::newRow("recording silent") << DictoraPhase::recording() << AudioMeterLevels() << 0.18;
         QTest::newRow("recording loudest is fourth")
-            << DictoraPhase::recording() << levels(0.1f, 0.2f, 0.3f, 0.5f) << 0.28;
+            << DictoraPhase::recording() << AudioMeterLevels{0.1f, 0.2f, 0.3f, 0.5f} << 0.28;
         QTest::newRow("recording loudest is first")
-            << DictoraPhase::recording() << levels(1.0f, 0.2f, 0.3f, 0.5f) << 0.38;
-        QTest::newRow("recording overdriven") << DictoraPhase::recording() << levels(0, 4.0f, 0, 0) << 0.38;
+            << DictoraPhase::recording() << AudioMeterLevels{1.0f, 0.2f, 0.3f, 0.5f} << 0.38;
+        QTest::newRow("recording overdriven") << DictoraPhase::recording() << AudioMeterLevels{0, 4.0f, 0, 0} << 0.38;
     }
     void circleOpacity()
     {

@@ -5,6 +5,8 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 
+#include <memory>
+
 namespace dictora::x11 {
 
 namespace {
@@ -90,49 +92,55 @@ unsigned long XConnection::atom(const char *name) const
     return m_display ? XInternAtom(m_display, name, False) : 0;
 }
 
+namespace {
+
+// One property read, its data freed however the caller leaves.
+struct PropertyReply {
+    bool ok = false;
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0;
+    std::unique_ptr<unsigned char, int (*)(void *)> data{nullptr, XFree};
+};
+
+PropertyReply readProperty(Display *display, unsigned long window, unsigned long property, long length,
+                           unsigned long type)
+{
+    PropertyReply reply;
+    XErrorTrap trap(display);
+    unsigned long remaining = 0;
+    unsigned char *data = nullptr;
+    const int status = XGetWindowProperty(display, window, property, 0, length, False, type, &reply.type,
+                                          &reply.format, &reply.count, &remaining, &data);
+    reply.data.reset(data);
+    reply.ok = status == Success && trap.errorCode() == 0 && data;
+    return reply;
+}
+
+} // namespace
+
 std::optional<std::vector<unsigned long>> XConnection::property32(unsigned long window,
                                                                   unsigned long property,
                                                                   unsigned long type) const
 {
     if (!m_display || window == 0)
         return std::nullopt;
-    XErrorTrap trap(m_display);
-    Atom actualType = 0;
-    int actualFormat = 0;
-    unsigned long count = 0;
-    unsigned long remaining = 0;
-    unsigned char *data = nullptr;
-    const int status = XGetWindowProperty(m_display, window, property, 0, 1024, False, type,
-                                          &actualType, &actualFormat, &count, &remaining, &data);
-    std::optional<std::vector<unsigned long>> result;
-    if (status == Success && trap.errorCode() == 0 && actualType == type && actualFormat == 32 && data) {
-        // Xlib hands format-32 data back as longs, whatever the platform's width.
-        const auto *items = reinterpret_cast<const unsigned long *>(data);
-        result = std::vector<unsigned long>(items, items + count);
-    }
-    if (data)
-        XFree(data);
-    return result;
+    const PropertyReply reply = readProperty(m_display, window, property, 1024, type);
+    if (!reply.ok || reply.type != type || reply.format != 32)
+        return std::nullopt;
+    // Xlib hands format-32 data back as longs, whatever the platform's width.
+    const auto *items = reinterpret_cast<const unsigned long *>(reply.data.get());
+    return std::vector<unsigned long>(items, items + reply.count);
 }
 
 std::optional<QByteArray> XConnection::property8(unsigned long window, unsigned long property) const
 {
     if (!m_display || window == 0)
         return std::nullopt;
-    XErrorTrap trap(m_display);
-    Atom actualType = 0;
-    int actualFormat = 0;
-    unsigned long count = 0;
-    unsigned long remaining = 0;
-    unsigned char *data = nullptr;
-    const int status = XGetWindowProperty(m_display, window, property, 0, 4096, False, AnyPropertyType,
-                                          &actualType, &actualFormat, &count, &remaining, &data);
-    std::optional<QByteArray> result;
-    if (status == Success && trap.errorCode() == 0 && actualFormat == 8 && data)
-        result = QByteArray(reinterpret_cast<const char *>(data), static_cast<qsizetype>(count));
-    if (data)
-        XFree(data);
-    return result;
+    const PropertyReply reply = readProperty(m_display, window, property, 4096, AnyPropertyType);
+    if (!reply.ok || reply.format != 8)
+        return std::nullopt;
+    return QByteArray(reinterpret_cast<const char *>(reply.data.get()), static_cast<qsizetype>(reply.count));
 }
 
 QString XConnection::unavailableReason() const
