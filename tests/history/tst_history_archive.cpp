@@ -1,5 +1,6 @@
 #include "HistoryTestRecords.h"
 #include "history/TranscriptHistoryArchive.h"
+#include "support/TestSupport.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -9,6 +10,7 @@
 #include <thread>
 
 using namespace dictora;
+using dictora::test::readFile;
 using dictora::test::recordSavedAt;
 using dictora::test::utc;
 
@@ -33,12 +35,6 @@ void appendFromAnotherThread(const QString &)
     // Blocks on the journal lock until the archive has cleared the journal.
     g_appender = std::thread([] { TranscriptJournal(g_journalPath).append(g_lateRecord); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "history/TranscriptJournal.h"
+#include "support/TestSupport.h"
 
 #include <QDir>
 #include <QTemporaryDir>
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 using namespace dictora;
+using dictora::test::readFile;
+using dictora::test::writeFile;
 
 namespace {
 
@@ -23,19 +26,6 @@ TranscriptRecord makeRecord(int n, const QString &text = QString())
     r.targetApplication = TargetApplication{QStringLiteral("xterm"), QStringLiteral("XTerm"), 100 + n};
     r.earsDurationMilliseconds = n;
     return r;
-}
-
-QByteArray fileBytes(const QString &path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-void writeBytes(const QString &path, const QByteArray &bytes)
-{
-    QFile f(path);
-    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(bytes);
 }
 
 } // namespace
@@ -78,7 +68,7 @@ private Q_SLOTS:
         const auto records = journal.readAll();
         QCOMPARE(records.size(), 1);
         QCOMPARE(records.first(), r);
-        QVERIFY(fileBytes(journalPath()).endsWith('\n'));
+        QVERIFY(readFile(journalPath()).endsWith('\n'));
     }
 
     void damagedLinesAreSkippedAndKept_data()
@@ -97,13 +87,13 @@ private Q_SLOTS:
         QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
         const TranscriptRecord a = makeRecord(1), b = makeRecord(2);
         const QByteArray bytes = a.toJsonLine() + between + b.toJsonLine() + tail;
-        writeBytes(journalPath(), bytes);
+        QVERIFY(writeFile(journalPath(), bytes));
         TranscriptJournal journal(journalPath());
         const auto records = journal.readAll();
         QCOMPARE(records.size(), 2);
         QCOMPARE(records.at(0), a);
         QCOMPARE(records.at(1), b);
-        QCOMPARE(fileBytes(journalPath()), bytes); // nothing repaired
+        QCOMPARE(readFile(journalPath()), bytes); // nothing repaired
     }
 
     void crlfLineAndCrashCutLineAreSkipped()
@@ -111,7 +101,7 @@ private Q_SLOTS:
         QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
         const TranscriptRecord a = makeRecord(1), b = makeRecord(2), c = makeRecord(3);
         const QByteArray cut = c.toJsonLine().left(c.toJsonLine().size() / 2);
-        writeBytes(journalPath(), a.toJsonLine() + "\r\n" + b.toJsonLine() + "\n" + cut);
+        QVERIFY(writeFile(journalPath(), a.toJsonLine() + "\r\n" + b.toJsonLine() + "\n" + cut));
         TranscriptJournal journal(journalPath());
         QCOMPARE(journal.readAll(), QList<TranscriptRecord>{b});
         // The next append fuses with the cut line; that one record is lost, later ones are not.
@@ -136,7 +126,7 @@ private Q_SLOTS:
         }
         for (auto &w : workers)
             w.join();
-        const QByteArray bytes = fileBytes(journalPath());
+        const QByteArray bytes = readFile(journalPath());
         QCOMPARE(bytes.count('\n'), threads * perThread);
         QCOMPARE(journal.readAll().size(), threads * perThread);
     }
@@ -167,7 +157,7 @@ private Q_SLOTS:
     {
         // A plain file where the folder should be fails for root too.
         const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
-        writeBytes(blocker, "x");
+        QVERIFY(writeFile(blocker, "x"));
         TranscriptJournal journal(blocker + QStringLiteral("/transcripts.jsonl"));
         try {
             journal.append(makeRecord(1));
@@ -176,7 +166,7 @@ private Q_SLOTS:
             QVERIFY2(e.description().contains(QStringLiteral("blocker")), qPrintable(e.description()));
         }
         QVERIFY_THROWS_EXCEPTION(JournalError, journal.prepare());
-        QCOMPARE(fileBytes(blocker), QByteArray("x"));
+        QCOMPARE(readFile(blocker), QByteArray("x"));
     }
 
     void fullDiskIsAnError()

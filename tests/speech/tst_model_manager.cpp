@@ -22,19 +22,6 @@ using Kind = AccuracyModelPhase::Kind;
 
 const char *const kIntegrityText = "The model did not pass its exact SHA-256 check.";
 
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
-
 QByteArray corrupted(QByteArray bytes)
 {
     bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x5a);
@@ -97,7 +84,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        m_model = readAll(test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.bin"));
+        m_model = test::readFile(test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.bin"));
         QCOMPARE(m_model.size(), 575451);
         m_contract.fileName = QStringLiteral("ggml-stand-in.bin");
         m_contract.bytes = 575451;
@@ -148,7 +135,7 @@ private Q_SLOTS:
         QFETCH(bool, valid);
         QFETCH(bool, hashed);
         const QString path = m_dir->filePath(QStringLiteral("candidate.bin"));
-        QVERIFY(writeFile(path, content));
+        QVERIFY(test::writeFile(path, content));
         bool didHash = true;
         QCOMPARE(ModelVerifier::isValidModel(path, m_contract, nullptr, &didHash), valid);
         QCOMPARE(didHash, hashed);
@@ -235,9 +222,9 @@ private Q_SLOTS:
         m_server.script(path, answers);
         const auto options = optionsFor(path);
         if (installed != "-")
-            QVERIFY(writeFile(options.installedPath, installed));
+            QVERIFY(test::writeFile(options.installedPath, installed));
         if (development != "-")
-            QVERIFY(writeFile(options.developmentCopyPath, development));
+            QVERIFY(test::writeFile(options.developmentCopyPath, development));
 
         RuntimeLog log(m_dir->filePath(QStringLiteral("runtime.log")));
         AccuracyModelManager manager(options, &log);
@@ -253,7 +240,7 @@ private Q_SLOTS:
         QVERIFY(!manager.isPreparing());
         QVERIFY(!QFileInfo::exists(manager.partialPath()));
         if (recorder.phases.last().isReady()) {
-            QCOMPARE(readAll(options.installedPath), m_model);
+            QCOMPARE(test::readFile(options.installedPath), m_model);
             QCOMPARE(manager.progress(), requests > 0 || development != "-" ? 1.0 : 0.0);
             if (requests > 0)
                 QCOMPARE(manager.downloadedBytes(), qint64(m_model.size()));
@@ -272,7 +259,7 @@ private Q_SLOTS:
         const QString path = QStringLiteral("/progress");
         HttpAnswer big;
         const QString bodyFile = m_dir->filePath(QStringLiteral("body.bin"));
-        QVERIFY(writeFile(bodyFile, QByteArray(8 * 1024 * 1024, 'z')));
+        QVERIFY(test::writeFile(bodyFile, QByteArray(8 * 1024 * 1024, 'z')));
         big.bodyFile = bodyFile;
         m_server.script(path, {big});
         auto options = optionsFor(path);
@@ -337,7 +324,7 @@ private Q_SLOTS:
     void transcribesOnceReady()
     {
         const auto options = optionsFor(QStringLiteral("/unused"));
-        QVERIFY(writeFile(options.installedPath, m_model));
+        QVERIFY(test::writeFile(options.installedPath, m_model));
         AccuracyModelManager manager(options, nullptr);
         manager.startAutomatically();
         QTRY_VERIFY_WITH_TIMEOUT(manager.phase().isReady(), 30000);
@@ -380,7 +367,7 @@ private Q_SLOTS:
         QFETCH(QByteArray, json);
         QFETCH(QString, problem);
         const QString path = m_dir->filePath(QStringLiteral("contract.json"));
-        QVERIFY(writeFile(path, json));
+        QVERIFY(test::writeFile(path, json));
         qputenv(AccuracyModelContract::kEnvironmentVariable, path.toUtf8());
         const auto cleanup = qScopeGuard([] { qunsetenv(AccuracyModelContract::kEnvironmentVariable); });
         try {

@@ -14,6 +14,11 @@ QString sharedTestData();
 // Prints the reason and returns kSkipExitCode.
 int skipAll(const char *reason);
 
+// A whole file, or empty when it cannot be read.
+QByteArray readFile(const QString &path);
+// Replaces a file (creating its folder); false when it cannot be written.
+bool writeFile(const QString &path, const QByteArray &bytes);
+
 // Points XDG_DATA_HOME, XDG_CONFIG_HOME and XDG_RUNTIME_DIR into a fresh
 // temporary folder for as long as it lives, so tests never touch the user's files.
 class IsolatedHome {

@@ -8,12 +8,17 @@
 #include <QJsonObject>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include "support/TestSupport.h"
+
 #include <QtTest>
 
 using namespace dictora;
 
 using TriggerList = QList<QPair<QString, QString>>;
 Q_DECLARE_METATYPE(TriggerList)
+
+using dictora::test::readFile;
+using dictora::test::writeFile;
 
 namespace {
 
@@ -23,18 +28,6 @@ SnippetEntries entriesOf(const TriggerList &pairs)
     for (const auto &pair : pairs)
         entries.append(SnippetEntry::create(pair.first, pair.second));
     return entries;
-}
-
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeAll(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 const QByteArray kValidId = "3F2504E0-4F89-11D3-9A0C-0305E82C3301";
@@ -155,7 +148,7 @@ void SnippetsTest::storeFileFormat()
                              QStringLiteral("Best \"regards\"\nJo")};
     store.setEntries({entry});
 
-    const QByteArray bytes = readAll(path);
+    const QByteArray bytes = readFile(path);
     const QJsonDocument doc = QJsonDocument::fromJson(bytes);
     QVERIFY(doc.isArray());
     const QJsonObject object = doc.array().first().toObject();
@@ -187,7 +180,7 @@ void SnippetsTest::storeAcceptsExtraKeysAndLowerCaseIds()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    QVERIFY(writeAll(path, "[{\"id\":\"" + kValidId.toLower()
+    QVERIFY(writeFile(path, "[{\"id\":\"" + kValidId.toLower()
                                + "\",\"trigger\":\"a\",\"expansion\":\"b\",\"color\":\"red\"}]"));
     SnippetStore store(path);
     QCOMPARE(store.entries().size(), 1);
@@ -216,20 +209,20 @@ void SnippetsTest::unreadableFile()
     QFETCH(QByteArray, content);
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    QVERIFY(writeAll(path, content));
+    QVERIFY(writeFile(path, content));
 
     SnippetStore store(path);
     QVERIFY(store.entries().isEmpty());
     QVERIFY(!store.loadProblem().isEmpty());
     QVERIFY(store.loadProblem().contains(path));
-    QCOMPARE(readAll(path), content); // untouched by reading
+    QCOMPARE(readFile(path), content); // untouched by reading
 
     // The first change writes the new list but keeps the old bytes beside it.
     store.add();
     QCOMPARE(SnippetStore::load(path).entries, store.entries());
     const QStringList kept = QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files);
     QCOMPARE(kept.size(), 1);
-    QCOMPARE(readAll(dir.filePath(kept.first())), content);
+    QCOMPARE(readFile(dir.filePath(kept.first())), content);
 
     // Only once: later changes do not pile up copies.
     store.add();
@@ -268,7 +261,7 @@ void SnippetsTest::saveCreatesDirectory()
 void SnippetsTest::saveFailureKeepsEntries()
 {
     QTemporaryDir dir;
-    QVERIFY(writeAll(dir.filePath(QStringLiteral("blocker")), "a file where a folder should be"));
+    QVERIFY(writeFile(dir.filePath(QStringLiteral("blocker")), "a file where a folder should be"));
     SnippetStore store(dir.filePath(QStringLiteral("blocker/snippets.json")));
     const SnippetEntry added = store.add();
     QCOMPARE(store.entries(), SnippetEntries{added});
