@@ -9,7 +9,7 @@ DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
 # window manager, a PulseAudio server, key and speech generators, and real
 # applications to paste into.
 DICTORA_PACKAGES=(
-  build-essential cmake ninja-build pkg-config git nodejs npm
+  build-essential cmake ninja-build pkg-config git nodejs npm ccache
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxext-dev libxi-dev libxkbcommon-dev
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
@@ -45,7 +45,12 @@ dictora_install_dependencies() {
 
 dictora_build() {
   local generator=()
+  local launcher=()
   [ -f "$DICTORA_BUILD/CMakeCache.txt" ] || generator=(-G Ninja)
-  cmake -S "$DICTORA_ROOT" -B "$DICTORA_BUILD" "${generator[@]}" ${DICTORA_CMAKE_ARGS:-}
+  # A rebuild in a fresh clone (CI, a second worktree) reuses earlier objects.
+  if command -v ccache >/dev/null 2>&1; then
+    launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
+  cmake -S "$DICTORA_ROOT" -B "$DICTORA_BUILD" "${generator[@]}" "${launcher[@]}" ${DICTORA_CMAKE_ARGS:-}
   cmake --build "$DICTORA_BUILD" --parallel "$(nproc)"
 }
