@@ -117,6 +117,7 @@ int main(int argc, char **argv)
     run.writeSettings();
     run.writeSnippets({{QStringLiteral("quarterly"), QStringLiteral("Q3")}});
     run.setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), text);
+    run.setEnvironment(QStringLiteral("DICTORA_MEASURE_GUI_STALLS"), QStringLiteral("1"));
     const QString clip = speechClip(scratch.path(), 1.0, &why);
     TextEditor editor(keyboard, scratch.filePath(QStringLiteral("editor.txt")));
     if (clip.isEmpty() || !run.useModel(model, true, &why) || !run.start(scriptedBinary(), &why)
@@ -175,6 +176,17 @@ int main(int argc, char **argv)
         total.push_back(field("totalDurationMilliseconds"));
     }
     const qint64 afterRss = residentKiB(run.pid());
+    // The program's own heartbeat: one line per dictation, press to saved record.
+    std::vector<double> stalls;
+    const QString stallPrefix = QStringLiteral("gui thread longest stall ms=");
+    if (!run.waitForLines(stallPrefix, kDictations, 10000, &why)) {
+        std::printf("bench_dictation: %s\n", qPrintable(why));
+        return 1;
+    }
+    for (const QString &message : run.messages()) {
+        if (message.startsWith(stallPrefix))
+            stalls.push_back(message.mid(stallPrefix.size()).toDouble());
+    }
 
     std::printf("dictation (dictora-scripted, recognition time 0, %d runs, %.1f s of speech each)\n", kDictations, 1.0);
     report("start: shortcut press -> \"recording started\" logged", startLatency);
@@ -184,6 +196,7 @@ int main(int argc, char **argv)
     report("record: pasteDispatchDurationMilliseconds", pasteDispatch);
     report("record: finalizationDurationMilliseconds", finalization);
     report("record: totalDurationMilliseconds", total);
+    report("gui thread: longest stall per dictation (target < 16)", stalls);
     std::printf("%-58s %.2f %% of one core over %.1f s\n", "idle: CPU (model loaded, no dictation)", idleCpu, idleSeconds);
     std::printf("%-58s %.1f MiB\n", "idle: resident memory (VmRSS)", double(idleRss) / 1024.0);
     std::printf("%-58s %.1f MiB\n", "resident memory after the dictations", double(afterRss) / 1024.0);

@@ -20,7 +20,7 @@ void AudioCaptureService::write(const QString &message) const
         m_log->write(message);
 }
 
-void AudioCaptureService::start(AudioMeterCallback onMeterLevels)
+void AudioCaptureService::start(AudioMeterCallback onMeterLevels, QObject *meterContext)
 {
     if (m_engine.isRunning())
         return;
@@ -41,7 +41,8 @@ void AudioCaptureService::start(AudioMeterCallback onMeterLevels)
     if (!converter)
         throw DictoraAudioCaptureError(DictoraAudioCaptureError::audioConverterUnavailable);
 
-    m_tapPipe = std::make_shared<AudioCaptureTapPipe>(std::move(converter), m_finalCapture, std::move(onMeterLevels), this);
+    m_tapPipe = std::make_shared<AudioCaptureTapPipe>(std::move(converter), m_finalCapture, std::move(onMeterLevels),
+        meterContext ? meterContext : this);
     m_engine.installTap(source.format, [pipe = m_tapPipe](const AudioBuffer &buffer) { pipe->handle(buffer); });
     m_tapInstalled = true;
     try {

@@ -16,7 +16,9 @@ namespace dictora {
 class RuntimeLog;
 
 // Records the microphone for one dictation at a time and hands back 16 kHz
-// mono samples. Lives on the main thread; meter levels arrive there too.
+// mono samples. Its calls wait on the sound server: the application keeps it
+// on a thread of its own (AudioCaptureThread); tools and tests may call it
+// directly.
 class AudioCaptureService : public QObject {
     Q_OBJECT
 public:
@@ -32,7 +34,8 @@ public:
     // Starts recording from the default input source. A second start while
     // recording does nothing. Throws DictoraAudioCaptureError, or
     // AudioEngineError when the sound server refuses; the service is then idle.
-    void start(AudioMeterCallback onMeterLevels);
+    // Meter levels are delivered on meterContext's thread (default: this one's).
+    void start(AudioMeterCallback onMeterLevels, QObject *meterContext = nullptr);
     // Everything captured, including the resampler's last frames. Never fails.
     CapturedAudioResult stop();
     // Stops without a result; the samples stay until the next start.

@@ -1,6 +1,7 @@
 #include "audio/PulseCaptureEngine.h"
 
 #include "audio/DictoraAudioCaptureError.h"
+#include "core/Async.h"
 #include "core/RuntimeLog.h"
 
 #include <pulse/pulseaudio.h>
@@ -103,6 +104,14 @@ struct PulseCaptureEngine::Private {
             log->write(message);
     }
 
+    // From a libpulse callback, which holds the loop lock: the file write
+    // happens elsewhere, so the capture thread never waits on the disk.
+    void writeLater(const QString &message) const
+    {
+        if (RuntimeLog *target = log)
+            runElsewhere([target, message] { target->write(message); });
+    }
+
     bool ensureLoop()
     {
         if (!loop)
@@ -150,27 +159,44 @@ struct PulseCaptureEngine::Private {
         return finished && pa_operation_get_state(operation.get()) == PA_OPERATION_DONE;
     }
 
-    // Connects (or reconnects after the server went away). Lock held.
+    // Connects (or reconnects after the server went away). Lock held. A
+    // context still connecting (a server starting at login) is waited for,
+    // never replaced: someone may be waiting on it already.
     bool ensureContext(QString *error)
     {
-        if (context && pa_context_get_state(context.get()) == PA_CONTEXT_READY)
-            return true;
-        context.reset();
-        pa_context *raw = pa_context_new(pa_threaded_mainloop_get_api(loop.get()), "Dictora");
-        if (!raw) {
-            *error = QStringLiteral("out of memory");
+        if (context) {
+            const pa_context_state_t state = pa_context_get_state(context.get());
+            if (state == PA_CONTEXT_READY)
+                return true;
+            if (!PA_CONTEXT_IS_GOOD(state))
+                context.reset();
+        }
+        if (!context) {
+            pa_context *raw = pa_context_new(pa_threaded_mainloop_get_api(loop.get()), "Dictora");
+            if (!raw) {
+                *error = QStringLiteral("out of memory");
+                return false;
+            }
+            context.reset(raw);
+            pa_context_set_state_callback(raw, &Private::contextState, this);
+            if (pa_context_connect(raw, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+                *error = errorText(raw);
+                context.reset();
+                return false;
+            }
+        }
+        pa_context *raw = context.get();
+        const bool settled = waitUntil([raw] {
+            const pa_context_state_t state = pa_context_get_state(raw);
+            return !PA_CONTEXT_IS_GOOD(state) || state == PA_CONTEXT_READY;
+        });
+        if (!settled) {
+            // Still connecting: keep it for the next call rather than start over.
+            *error = QStringLiteral("timed out");
             return false;
         }
-        context.reset(raw);
-        pa_context_set_state_callback(raw, &Private::contextState, this);
-        if (pa_context_connect(raw, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        if (pa_context_get_state(raw) != PA_CONTEXT_READY) {
             *error = errorText(raw);
-            context.reset();
-            return false;
-        }
-        const bool ready = waitUntil([raw] { return !PA_CONTEXT_IS_GOOD(pa_context_get_state(raw)) || pa_context_get_state(raw) == PA_CONTEXT_READY; });
-        if (!ready || pa_context_get_state(raw) != PA_CONTEXT_READY) {
-            *error = ready ? errorText(raw) : QStringLiteral("timed out");
             context.reset();
             return false;
         }
@@ -235,7 +261,7 @@ struct PulseCaptureEngine::Private {
         auto *d = static_cast<Private *>(userdata);
         const pa_context_state_t state = pa_context_get_state(c);
         if (d->running && (state == PA_CONTEXT_FAILED || state == PA_CONTEXT_TERMINATED))
-            d->write(QStringLiteral("sound server connection lost while recording reason=%1").arg(errorText(c)));
+            d->writeLater(QStringLiteral("sound server connection lost while recording reason=%1").arg(errorText(c)));
         pa_threaded_mainloop_signal(d->loop.get(), 0);
     }
 
@@ -246,7 +272,7 @@ struct PulseCaptureEngine::Private {
         if (state == PA_STREAM_READY)
             d->stats.threadCpuAtStartNs = threadCpuNs();
         if (d->running && state == PA_STREAM_FAILED)
-            d->write(QStringLiteral("microphone lost while recording reason=%1 frames=%2")
+            d->writeLater(QStringLiteral("microphone lost while recording reason=%1 frames=%2")
                          .arg(errorText(pa_stream_get_context(s)))
                          .arg(d->stats.frames));
         pa_threaded_mainloop_signal(d->loop.get(), 0);
@@ -275,7 +301,7 @@ struct PulseCaptureEngine::Private {
     static void streamMoved(pa_stream *s, void *userdata)
     {
         auto *d = static_cast<Private *>(userdata);
-        d->write(QStringLiteral("microphone changed while recording source=%1").arg(QString::fromUtf8(pa_stream_get_device_name(s))));
+        d->writeLater(QStringLiteral("microphone changed while recording source=%1").arg(QString::fromUtf8(pa_stream_get_device_name(s))));
     }
 };
 

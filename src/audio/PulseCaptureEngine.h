@@ -21,8 +21,9 @@ class RuntimeLog;
 // the server's default input source while running. Deinterleaved float
 // buffers of about 20 ms reach the tap on the capture thread.
 //
-// All methods are for one controlling thread; they block only on the local
-// sound server and never longer than the timeout.
+// All methods are for one controlling thread (AudioCaptureThread in the
+// application); they block only on the local sound server and never longer
+// than the timeout, so that thread must not be the GUI thread.
 class PulseCaptureEngine {
 public:
     using Tap = std::function<void(const AudioBuffer &)>;

@@ -14,7 +14,6 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
-#include <QFutureWatcher>
 #include <QSettings>
 
 namespace dictora::cli {

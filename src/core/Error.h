@@ -23,4 +23,8 @@ private:
     QByteArray m_utf8;
 };
 
+// The one place an exception becomes the text shown and logged: a
+// component error's own description, else what() of a standard exception.
+QString errorMessage(const std::exception_ptr &error);
+
 } // namespace dictora

@@ -2,12 +2,13 @@
 
 #include "history/TranscriptHistoryArchive.h"
 
-#include "core/Background.h"
+#include "core/Async.h"
 
 #include <QFileInfo>
+#include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
-#include <thread>
+#include <numeric>
 
 namespace dictora {
 
@@ -26,26 +27,18 @@ ReadResult readJournal(const TranscriptJournal &journal)
         // Normalising every transcript is as costly as decoding it: use every core.
         const qsizetype count = result.records.size();
         result.searchKeys.resize(count);
-        const qsizetype workers = count < 4096 ? 1 : qsizetype(std::max(1u, std::thread::hardware_concurrency()));
-        std::vector<std::thread> threads;
-        for (qsizetype w = 0; w < workers; ++w) {
-            const qsizetype from = count * w / workers, to = count * (w + 1) / workers;
-            const auto work = [&result, from, to] {
-                for (qsizetype i = from; i < to; ++i)
-                    result.searchKeys[i] = HistoryFilter::searchKey(result.records.at(i).transcript);
-            };
-            if (w + 1 == workers)
-                work();
-            else
-                threads.emplace_back(work);
-        }
-        for (auto &t : threads)
-            t.join();
+        std::vector<qsizetype> indexes(size_t(count));
+        std::iota(indexes.begin(), indexes.end(), qsizetype(0));
+        const auto makeKey = [&result](qsizetype i) {
+            result.searchKeys[i] = HistoryFilter::searchKey(result.records.at(i).transcript);
+        };
+        if (count < 4096)
+            std::for_each(indexes.begin(), indexes.end(), makeKey);
+        else
+            QtConcurrent::blockingMap(indexes, makeKey);
         return result;
-    } catch (const Error &e) {
-        return {{}, {}, e.description()};
-    } catch (const std::exception &e) {
-        return {{}, {}, QString::fromUtf8(e.what())};
+    } catch (...) {
+        return {{}, {}, errorMessage(std::current_exception())};
     }
 }
 
@@ -133,7 +126,7 @@ void HistoryStore::setArchiving(bool archiving)
 
 void HistoryStore::reload()
 {
-    runInBackground(this, [journal = m_journal] { return readJournal(journal); },
+    runElsewhere(this, [journal = m_journal] { return readJournal(journal); },
         [this](ReadResult result) {
             if (result.error)
                 setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *result.error);
@@ -145,7 +138,7 @@ void HistoryStore::reload()
 
 void HistoryStore::readBackAfterArchive(std::function<void()> then)
 {
-    runInBackground(this, [journal = m_journal] { return readJournal(journal); },
+    runElsewhere(this, [journal = m_journal] { return readJournal(journal); },
         [this, then = std::move(then)](ReadResult result) {
             if (!result.error)
                 setRecords(std::move(result.records), std::move(result.searchKeys));
@@ -162,14 +155,12 @@ void HistoryStore::archiveAndClear(const QString &destination)
         std::optional<TranscriptHistoryArchive> archive;
         QString error;
     };
-    runInBackground(this,
+    runElsewhere(this,
         [journal = m_journal, destination]() -> Outcome {
             try {
                 return {dictora::archiveAndClear(journal, destination, QDateTime::currentDateTimeUtc()), {}};
-            } catch (const Error &e) {
-                return {std::nullopt, e.description()};
-            } catch (const std::exception &e) {
-                return {std::nullopt, QString::fromUtf8(e.what())};
+            } catch (...) {
+                return {std::nullopt, errorMessage(std::current_exception())};
             }
         },
         [this, destination](Outcome outcome) {

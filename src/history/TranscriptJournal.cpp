@@ -5,10 +5,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
+#include <QThread>
+#include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
 #include <cerrno>
-#include <thread>
+#include <numeric>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -96,7 +98,7 @@ QList<TranscriptRecord> TranscriptJournal::decodeLines(const QByteArray &bytes)
     // Decoding dominates a History reload; large journals are split at line
     // boundaries and decoded on every core.
     constexpr qsizetype kParallelFrom = 1 << 20;
-    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    const unsigned cores = unsigned(std::max(1, QThread::idealThreadCount()));
     if (bytes.size() < kParallelFrom || cores == 1) {
         QList<TranscriptRecord> records;
         decodeRange(bytes, 0, bytes.size(), records);
@@ -112,12 +114,9 @@ QList<TranscriptRecord> TranscriptJournal::decodeLines(const QByteArray &bytes)
     }
     bounds.push_back(bytes.size());
     std::vector<QList<TranscriptRecord>> parts(bounds.size() - 1);
-    std::vector<std::thread> workers;
-    for (size_t i = 1; i < parts.size(); ++i)
-        workers.emplace_back([&, i] { decodeRange(bytes, bounds[i], bounds[i + 1], parts[i]); });
-    decodeRange(bytes, bounds[0], bounds[1], parts[0]);
-    for (auto &w : workers)
-        w.join();
+    std::vector<size_t> indexes(parts.size());
+    std::iota(indexes.begin(), indexes.end(), size_t(0));
+    QtConcurrent::blockingMap(indexes, [&](size_t i) { decodeRange(bytes, bounds[i], bounds[i + 1], parts[i]); });
     QList<TranscriptRecord> records;
     for (auto &part : parts)
         records.append(std::move(part));

@@ -3,7 +3,7 @@
 #include "core/DictoraState.h"
 #include "overlay/MicIndicatorView.h"
 #include "overlay/OverlayGeometry.h"
-#include "overlay/X11OverlayHints.h"
+#include "platform/OverlayWindowHints.h"
 
 #include <QCoreApplication>
 #include <QCursor>
@@ -17,8 +17,9 @@
 
 namespace dictora {
 
-MicOverlayPanel::MicOverlayPanel(DictoraState &state, ProductPreferences &preferences, QObject *parent)
-    : QObject(parent), m_state(state), m_preferences(preferences)
+MicOverlayPanel::MicOverlayPanel(DictoraState &state, ProductPreferences &preferences, OverlayWindowHints *hints,
+    QObject *parent)
+    : QObject(parent), m_state(state), m_preferences(preferences), m_hints(hints)
 {
     m_panel = std::make_unique<QWidget>(nullptr,
         Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus
@@ -103,11 +104,8 @@ void MicOverlayPanel::show()
     if (!m_desktopHintsApplied) {
         // Needs the native window, and must happen before the first map.
         m_desktopHintsApplied = true;
-        const quintptr window = quintptr(m_panel->winId());
-        if (overlay::applyX11OverlayHints(window)) {
-            m_frameClickThrough = std::make_unique<overlay::X11FrameClickThrough>(window);
-            qApp->installNativeEventFilter(m_frameClickThrough.get());
-        }
+        if (m_hints)
+            m_hints->apply(quintptr(m_panel->winId()));
     }
     m_panel->show();
     m_panel->raise();

@@ -10,11 +10,8 @@ class QWidget;
 
 namespace dictora {
 
-namespace overlay {
-class X11FrameClickThrough;
-}
-
 class DictoraState;
+class OverlayWindowHints;
 class MicIndicatorView;
 
 // The floating microphone indicator: a frameless, always-on-top window on
@@ -24,8 +21,10 @@ class MicOverlayPanel : public QObject {
     Q_OBJECT
 
 public:
-    // The state and the preferences must outlive the panel.
-    MicOverlayPanel(DictoraState &state, ProductPreferences &preferences, QObject *parent = nullptr);
+    // The state, the preferences and the hints must outlive the panel;
+    // without hints the panel relies on Qt's window flags alone.
+    MicOverlayPanel(DictoraState &state, ProductPreferences &preferences, OverlayWindowHints *hints = nullptr,
+        QObject *parent = nullptr);
     ~MicOverlayPanel() override;
 
     // Places the panel for anchor on the screen under the pointer (the
@@ -49,8 +48,8 @@ private:
     MicIndicatorView *m_view = nullptr;
     DictoraState &m_state;
     ProductPreferences &m_preferences;
+    OverlayWindowHints *m_hints = nullptr;
     bool m_desktopHintsApplied = false;
-    std::unique_ptr<overlay::X11FrameClickThrough> m_frameClickThrough;
 };
 
 } // namespace dictora

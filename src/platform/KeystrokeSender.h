@@ -2,7 +2,6 @@
 
 #include <QString>
 
-#include <chrono>
 
 namespace dictora {
 
@@ -18,11 +17,11 @@ class KeystrokeSender {
 public:
     virtual ~KeystrokeSender();
 
-    // Waits, at most `timeout`, until no key is physically held: the user's own
+    // Whether some key is physically held right now: the user's own
     // Ctrl/Alt/Shift would turn the paste into another command, and while the
     // shortcut key is down its grab sends every key, the paste too, to us.
-    // False when some key was still down at the deadline.
-    virtual bool waitForKeysReleased(std::chrono::milliseconds timeout) = 0;
+    // Quick; the paste service polls it until the keys are up.
+    virtual bool anyKeyHeld() = 0;
     // Types the keystroke into whatever window has the keyboard focus.
     virtual bool send(PasteKeystroke keystroke) = 0;
     // Why the sender cannot type, in words for the user; empty when it can.

@@ -15,13 +15,16 @@ struct PermissionCheck {
 };
 
 // What the desktop must offer before dictation can take the shortcut, know
-// the target window and type into it.
+// the target window and type into it. A check may be slow (it asks the
+// desktop), so it runs off the GUI thread: implementations are thread-safe
+// and share no connection with the GUI thread.
 class PermissionProbe {
 public:
     virtual ~PermissionProbe() = default;
 
     // `shortcut`, when given, contributes its last install result: a key
-    // another program already owns needs the user's attention too.
+    // another program already owns needs the user's attention too. Off the
+    // GUI thread pass nullptr and combine the backend's failureReason() there.
     virtual PermissionCheck accessibility(const ShortcutBackend *shortcut) = 0;
 };
 

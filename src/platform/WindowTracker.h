@@ -3,7 +3,6 @@
 #include <QString>
 #include <QtGlobal>
 
-#include <chrono>
 #include <optional>
 
 namespace dictora {
@@ -27,6 +26,8 @@ struct FrontmostWindow {
     friend bool operator==(const FrontmostWindow &, const FrontmostWindow &) = default;
 };
 
+// Called on the GUI thread: every member answers from what the desktop
+// already published and never waits on a reply the desktop may be slow to give.
 class WindowTracker {
 public:
     virtual ~WindowTracker();
@@ -34,9 +35,9 @@ public:
     // The window the user is working in, whoever owns it.
     virtual std::optional<FrontmostWindow> frontmostWindow() = 0;
     virtual bool isActive(WindowHandle window) = 0;
-    // Asks the window manager to raise and focus the window and waits, at
-    // most `timeout`, until it is the active one. True once it is.
-    virtual bool activate(WindowHandle window, std::chrono::milliseconds timeout) = 0;
+    // Asks the window manager to raise and focus the window and returns at
+    // once; whoever needs it active polls isActive().
+    virtual void requestActivation(WindowHandle window) = 0;
 
     // The frontmost window unless it belongs to this process: our own
     // windows are never a place to paste into.

@@ -53,42 +53,6 @@ GlobalShortcutModifiers GlobalShortcutModifiers::fromQt(Qt::KeyboardModifiers mo
     return {raw};
 }
 
-namespace {
-// X.h's masks, spelled out so this library stays free of Xlib.
-constexpr unsigned int kX11ShiftMask = 1u << 0;
-constexpr unsigned int kX11ControlMask = 1u << 2;
-constexpr unsigned int kX11Mod1Mask = 1u << 3; // Alt
-constexpr unsigned int kX11Mod4Mask = 1u << 6; // Super
-} // namespace
-
-GlobalShortcutModifiers GlobalShortcutModifiers::fromX11State(unsigned int state)
-{
-    std::uint8_t raw = 0;
-    if (state & kX11ControlMask)
-        raw |= control;
-    if (state & kX11Mod1Mask)
-        raw |= option;
-    if (state & kX11ShiftMask)
-        raw |= shift;
-    if (state & kX11Mod4Mask)
-        raw |= command;
-    return {raw};
-}
-
-unsigned int GlobalShortcutModifiers::toX11State() const
-{
-    unsigned int state = 0;
-    if (contains(control))
-        state |= kX11ControlMask;
-    if (contains(option))
-        state |= kX11Mod1Mask;
-    if (contains(shift))
-        state |= kX11ShiftMask;
-    if (contains(command))
-        state |= kX11Mod4Mask;
-    return state;
-}
-
 QString GlobalShortcut::displayText() const
 {
     return modifiers.displayPrefix() + keyLabel;

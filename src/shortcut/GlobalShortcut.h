@@ -28,11 +28,6 @@ struct GlobalShortcutModifiers {
     // Ctrl -> control, Alt -> option, Shift -> shift, Meta (Super) -> command;
     // every other flag (keypad, group switch) is ignored.
     static GlobalShortcutModifiers fromQt(Qt::KeyboardModifiers modifiers);
-    // Core X11 event state: ShiftMask, ControlMask, Mod1 (Alt), Mod4 (Super);
-    // lock keys and mouse buttons are ignored, so Caps Lock never matters.
-    static GlobalShortcutModifiers fromX11State(unsigned int state);
-    // The X11 state mask of the named members (unnamed bits have none).
-    unsigned int toX11State() const;
 
     friend bool operator==(GlobalShortcutModifiers, GlobalShortcutModifiers) = default;
 };

@@ -159,4 +159,12 @@ std::optional<std::int64_t> keyCodeFromEvdev(int evdevCode)
     return *it;
 }
 
+std::optional<std::int64_t> keyCodeFromXkbKeycode(quint32 xkbKeycode)
+{
+    constexpr quint32 kXkbOffset = 8;
+    if (xkbKeycode <= kXkbOffset)
+        return std::nullopt;
+    return keyCodeFromEvdev(int(xkbKeycode - kXkbOffset));
+}
+
 } // namespace dictora::KeyCodes

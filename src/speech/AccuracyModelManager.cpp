@@ -1,5 +1,6 @@
 #include "speech/AccuracyModelManager.h"
 
+#include "core/Async.h"
 #include "core/RuntimeLog.h"
 #include "speech/AccuracyModelError.h"
 #include "speech/ModelVerifier.h"
@@ -7,25 +8,11 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QFutureWatcher>
 #include <QPromise>
 
 namespace dictora {
 
 namespace {
-
-QString describe(std::exception_ptr error)
-{
-    try {
-        std::rethrow_exception(error);
-    } catch (const Error &e) {
-        return e.description();
-    } catch (const std::exception &e) {
-        return QString::fromUtf8(e.what());
-    } catch (...) {
-    }
-    return QStringLiteral("Unknown failure.");
-}
 
 bool isIntegrityMismatch(std::exception_ptr error)
 {
@@ -229,7 +216,7 @@ void AccuracyModelManager::downloadModel()
     };
     m_downloader = std::make_unique<StreamingModelDownloader>(
         partialPath(), m_options.contract.bytes, progress, m_options.downloadLimits);
-    whenFinished<void>(m_downloader->download(m_options.contract.url), [this, total, pending](QFuture<void> future) {
+    whenReady(m_downloader->download(m_options.contract.url), this, [this, total, pending](QFuture<void> future) {
         m_downloader.reset();
         try {
             future.waitForFinished();
@@ -269,7 +256,7 @@ void AccuracyModelManager::installPartial()
 void AccuracyModelManager::loadInstalled()
 {
     setPhase(AccuracyModelPhase::loading());
-    whenFinished<void>(m_engine->load(m_options.installedPath), [this](QFuture<void> future) {
+    whenReady(m_engine->load(m_options.installedPath), this, [this](QFuture<void> future) {
         try {
             future.waitForFinished();
         } catch (...) {
@@ -285,7 +272,7 @@ void AccuracyModelManager::loadInstalled()
 
 void AccuracyModelManager::attemptFailed(std::exception_ptr error)
 {
-    const QString description = describe(error);
+    const QString description = errorMessage(error);
     log(QStringLiteral("accuracy model preparation failed error=%1").arg(description));
     if (isIntegrityMismatch(error)) {
         if (++m_integrityFailures >= kIntegrityFailuresBeforeAttention) {
@@ -333,27 +320,11 @@ void AccuracyModelManager::log(const QString &message) const
 
 void AccuracyModelManager::inBackground(std::function<bool()> work, std::function<void(bool)> done)
 {
-    auto promise = std::make_shared<QPromise<bool>>();
-    QFuture<bool> future = promise->future();
-    promise->start();
-    m_pool.start([promise, work = std::move(work)] {
-        promise->addResult(work());
-        promise->finish();
-    });
-    whenFinished<bool>(future, [done = std::move(done), cancel = m_cancel](QFuture<bool> finished) {
+    // The manager's own pool, so that its destructor can wait for the file work.
+    runElsewhere(&m_pool, this, std::move(work), [done = std::move(done), cancel = m_cancel](bool result) {
         if (!cancel->load())
-            done(finished.resultCount() > 0 && finished.result());
+            done(result);
     });
-}
-
-template <typename T> void AccuracyModelManager::whenFinished(QFuture<T> future, std::function<void(QFuture<T>)> done)
-{
-    auto *watcher = new QFutureWatcher<T>(this);
-    connect(watcher, &QFutureWatcherBase::finished, this, [watcher, done = std::move(done)] {
-        watcher->deleteLater();
-        done(watcher->future());
-    });
-    watcher->setFuture(future);
 }
 
 } // namespace dictora

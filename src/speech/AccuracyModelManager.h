@@ -87,8 +87,6 @@ private:
 
     // Runs `work` on the pool and `done` on this thread with its result.
     void inBackground(std::function<bool()> work, std::function<void(bool)> done);
-    // Calls done() on this thread when the future finishes; done rethrows its error.
-    template <typename T> void whenFinished(QFuture<T> future, std::function<void(QFuture<T>)> done);
 
     Options m_options;
     RuntimeLog *m_log;

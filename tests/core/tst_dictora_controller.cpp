@@ -29,6 +29,12 @@ public:
     }
 };
 
+// Answers come back from the event loop, as from the real capture thread.
+void later(std::function<void()> f)
+{
+    QTimer::singleShot(0, std::move(f));
+}
+
 class FakeMicrophone : public MicrophonePort {
 public:
     bool permitted = true;
@@ -37,18 +43,26 @@ public:
     float rms = 0.1f;
     int cancels = 0;
     std::function<void(AudioMeterLevels)> meter;
-    void start(std::function<void(AudioMeterLevels)> onMeterLevels) override
+    void start(Listeners listeners, Started done) override
     {
-        if (!startError.isEmpty())
-            throw Error(startError);
-        meter = std::move(onMeterLevels);
+        if (startError.isEmpty())
+            meter = std::move(listeners.onMeterLevels);
+        later([this, done] { done(startError.isEmpty() ? std::nullopt : std::optional<QString>(startError)); });
     }
-    Captured stop() override { return {std::vector<float>(sampleCount, 0.1f), rms}; }
-    void cancel() override { ++cancels; }
-    bool requestPermission() override { return permitted; }
-    OnboardingPermissionStatus status() override
+    void stop(Stopped done) override
     {
-        return permitted ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied;
+        later([this, done] { done({std::vector<float>(sampleCount, 0.1f), rms}); });
+    }
+    void cancel() override { ++cancels; }
+    void requestPermission(Answered done) override
+    {
+        later([this, done] { done(permitted); });
+    }
+    void checkStatus(StatusDone done) override
+    {
+        later([this, done] {
+            done({permitted ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied, {}});
+        });
     }
 };
 
@@ -57,10 +71,10 @@ public:
     std::optional<PasteTarget> target = PasteTarget{TargetApplication{QStringLiteral("Mousepad"), QStringLiteral("Mousepad"), 4242}, {77}};
     QStringList pasted;
     std::optional<PasteTarget> captureTarget() override { return target; }
-    qint64 paste(const QString &text, const PasteTarget &) override
+    void paste(const QString &text, const PasteTarget &, Pasted done) override
     {
         pasted << text;
-        return 12;
+        later([done] { done(12); });
     }
 };
 

@@ -145,7 +145,7 @@ private Q_SLOTS:
         QFETCH(QStringList, buttons);
 
         Fixture f;
-        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        OnboardingView view(f.model, f.state, f.preferences, f.journal, f.actions());
         view.resize(640, 720);
         view.show();
         view.setModelPreparation({42, downloadFailed});
@@ -222,7 +222,7 @@ private Q_SLOTS:
                                       QStringLiteral("K")};
         f.preferences.setKeyboardShortcut(ctrlAltK);
         f.model.setStage(OnboardingStage::practice);
-        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        OnboardingView view(f.model, f.state, f.preferences, f.journal, f.actions());
         view.show();
         for (const DictoraPhase &phase : phases)
             f.state.setPhase(phase);
@@ -234,7 +234,7 @@ private Q_SLOTS:
         saveShot(view, QStringLiteral("4-practice-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
     }
 
-    void leavingSearchMidwayRestoresHistorySearch()
+    void leavingSearchMidwayLeavesHistorySearchAlone()
     {
         Fixture f;
         TranscriptRecord record;
@@ -245,7 +245,7 @@ private Q_SLOTS:
         f.journal.append(record);
         f.model.completePractice(record.transcript, record.savedAt);
         f.history.setQuery(QStringLiteral("weekend"));
-        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        OnboardingView view(f.model, f.state, f.preferences, f.journal, f.actions());
         view.show();
         f.model.setStage(OnboardingStage::searchProof);
         auto *field = view.currentScreen()->findChild<QLineEdit *>(QStringLiteral("searchField"));
@@ -258,7 +258,7 @@ private Q_SLOTS:
     void walkFromFirstStartToFinish()
     {
         Fixture f;
-        OnboardingView view(f.model, f.state, f.preferences, &f.history, f.actions());
+        OnboardingView view(f.model, f.state, f.preferences, f.journal, f.actions());
         view.resize(640, 760);
         view.show();
 

@@ -1,6 +1,7 @@
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "overlay/MicOverlayPanel.h"
+#include "platform/x11/X11OverlayWindowHints.h"
 #include "support/TestSupport.h"
 
 #include <QApplication>
@@ -165,6 +166,7 @@ class OverlayX11Test : public QObject {
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<ProductPreferences> m_preferences;
     std::unique_ptr<DictoraState> m_state;
+    std::unique_ptr<x11::X11OverlayWindowHints> m_hints;
     std::unique_ptr<MicOverlayPanel> m_panel;
     Window m_panelWindow = None;
 
@@ -185,7 +187,8 @@ private Q_SLOTS:
         m_state = std::make_unique<DictoraState>();
         // Over the xterm, so a click that passed through would land on it.
         QCursor::setPos(200, 200);
-        m_panel = std::make_unique<MicOverlayPanel>(*m_state, *m_preferences);
+        m_hints = std::make_unique<x11::X11OverlayWindowHints>();
+        m_panel = std::make_unique<MicOverlayPanel>(*m_state, *m_preferences, m_hints.get());
         m_panel->show();
         QVERIFY(QTest::qWaitForWindowExposed(m_panel->panel()));
         m_panelWindow = Window(m_panel->panel()->winId());

@@ -1,4 +1,7 @@
+#include "ActivateWindow.h"
 #include "X11TestSupport.h"
+#include "platform/x11/X11ClipboardReadWatcher.h"
+#include "platform/x11/X11KeystrokeSender.h"
 #include "platform/x11/X11WindowTracker.h"
 #include "support/TestSupport.h"
 #include "text/paste/PasteService.h"
@@ -170,7 +173,9 @@ private Q_SLOTS:
         const QString logPath = dir.filePath(QStringLiteral("runtime-%1.log").arg(++fileCounter));
         const QString targetFile = dir.filePath(QStringLiteral("received-%1.txt").arg(fileCounter));
         RuntimeLog log(logPath);
-        PasteService service(log);
+        x11::X11WindowTracker windows;
+        x11::X11KeystrokeSender keys;
+        PasteService service(log, windows, keys, std::make_unique<x11::X11ClipboardReadWatcher>());
         QSignalSpy delivered(&service, &PasteService::delivered);
 
         PasteTarget target;
@@ -188,12 +193,15 @@ private Q_SLOTS:
             elsewhere.show();
             QVERIFY(QTest::qWaitForWindowExposed(&elsewhere));
             x11::X11WindowTracker tracker;
-            QVERIFY(tracker.activate(WindowHandle{static_cast<quint64>(elsewhere.winId())}, std::chrono::seconds(10)));
+            QVERIFY(test::activateAndWait(tracker, WindowHandle{static_cast<quint64>(elsewhere.winId())}, 10000));
             QVERIFY(!tracker.isActive(target.window));
         }
 
-        const std::int64_t milliseconds = service.paste(text, target);
-        QVERIFY(milliseconds >= 0);
+        std::optional<qint64> milliseconds;
+        service.paste(text, target, [&](qint64 ms) { milliseconds = ms; });
+        QVERIFY(service.isPasting() || milliseconds);
+        QTRY_VERIFY_WITH_TIMEOUT(milliseconds.has_value(), 10000);
+        QVERIFY(*milliseconds >= 0);
         QCOMPARE(QGuiApplication::clipboard()->text(QClipboard::Clipboard), text);
         if (keystroke == QLatin1String("shift+insert"))
             QCOMPARE(QGuiApplication::clipboard()->text(QClipboard::Selection), text);
@@ -224,7 +232,9 @@ private Q_SLOTS:
     {
         const QString logPath = dir.filePath(QStringLiteral("gone.log"));
         RuntimeLog log(logPath);
-        PasteService service(log);
+        x11::X11WindowTracker windows;
+        x11::X11KeystrokeSender keys;
+        PasteService service(log, windows, keys, std::make_unique<x11::X11ClipboardReadWatcher>());
 
         PasteTarget target;
         {
@@ -235,9 +245,12 @@ private Q_SLOTS:
         ours.show();
         QVERIFY(QTest::qWaitForWindowExposed(&ours));
         x11::X11WindowTracker tracker;
-        QVERIFY(tracker.activate(WindowHandle{static_cast<quint64>(ours.winId())}, std::chrono::seconds(10)));
+        QVERIFY(test::activateAndWait(tracker, WindowHandle{static_cast<quint64>(ours.winId())}, 10000));
 
-        service.paste(QStringLiteral("nobody reads this"), target);
+        bool dispatched = false;
+        service.paste(QStringLiteral("nobody reads this"), target, [&](qint64) { dispatched = true; });
+        QVERIFY(!dispatched); // the re-activation is waited for on timers, not in the call
+        QTRY_VERIFY_WITH_TIMEOUT(dispatched, 5000);
         QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("nobody reads this"));
         const QStringList lines = logLines(logPath);
         QVERIFY2(hasLine(lines, QStringLiteral("paste target reactivated ok=false")), qPrintable(lines.join(u'\n')));

@@ -1,6 +1,6 @@
 #include "X11TestSupport.h"
 #include "platform/PermissionProbe.h"
-#include "platform/PlatformServices.h"
+#include "platform/services/PlatformServices.h"
 #include "platform/x11/X11ShortcutBackend.h"
 #include "support/TestSupport.h"
 
@@ -140,18 +140,26 @@ private Q_SLOTS:
         const GlobalShortcut chord = GlobalShortcut::defaultShortcut();
         QVERIFY(backend.install(chord));
         QSignalSpy spy(&backend, &ShortcutBackend::pressed);
+        QSignalSpy releases(&backend, &ShortcutBackend::released);
+        QList<bool> order; // true: a press
+        connect(&backend, &ShortcutBackend::pressed, this, [&] { order << true; });
+        connect(&backend, &ShortcutBackend::released, this, [&] { order << false; });
 
         // The server's own auto-repeat: hold the key until it has repeated.
         const int key = FakeKeyboard::keycodeFromEvdev(kGraveEvdev);
         keyboard.press(key);
         QTRY_VERIFY_WITH_TIMEOUT((backend.processPendingEvents(), backend.ignoredRepeats() >= repeats), 30000);
+        QCOMPARE(releases.count(), 0); // held, however long it repeats
         keyboard.release(key);
         settle(backend);
         QCOMPARE(spy.count(), 1);
+        QCOMPARE(releases.count(), 1);
 
+        // A quick tap read in one go keeps its order.
         keyboard.chord({}, key);
         settle(backend);
         QCOMPARE(spy.count(), 2);
+        QCOMPARE(order, (QList<bool>{true, false, true, false}));
     }
 
     void keyOwnedByAnotherProgramFailsWithReason()

@@ -33,8 +33,6 @@ private Q_SLOTS:
     void displayText();
     void fromQt_data();
     void fromQt();
-    void x11State_data();
-    void x11State();
     void equality();
     void load_data();
     void load();
@@ -164,27 +162,6 @@ void GlobalShortcutTest::fromQt()
     QFETCH(int, qtModifiers);
     QFETCH(int, raw);
     QCOMPARE(int(GlobalShortcutModifiers::fromQt(Qt::KeyboardModifiers(qtModifiers)).rawValue), raw);
-}
-
-void GlobalShortcutTest::x11State_data()
-{
-    QTest::addColumn<uint>("state");
-    QTest::addColumn<int>("raw");
-    // ShiftMask 1, LockMask 2, ControlMask 4, Mod1Mask 8, Mod2Mask (Num Lock) 16, Mod4Mask 64, Button1Mask 256.
-    QTest::newRow("none") << 0u << 0;
-    QTest::newRow("control alt") << (4u | 8u) << (kControl | kOption);
-    QTest::newRow("shift super") << (1u | 64u) << (kShift | kCommand);
-    QTest::newRow("caps and num lock ignored") << (4u | 8u | 2u | 16u) << (kControl | kOption);
-    QTest::newRow("mouse button ignored") << (4u | 256u) << kControl;
-}
-
-void GlobalShortcutTest::x11State()
-{
-    QFETCH(uint, state);
-    QFETCH(int, raw);
-    const GlobalShortcutModifiers modifiers = GlobalShortcutModifiers::fromX11State(state);
-    QCOMPARE(int(modifiers.rawValue), raw);
-    QCOMPARE(GlobalShortcutModifiers::fromX11State(modifiers.toX11State()), modifiers);
 }
 
 void GlobalShortcutTest::equality()

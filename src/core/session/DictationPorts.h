@@ -34,29 +34,49 @@ Q_SIGNALS:
     void readyChanged(bool ready);
 };
 
+// The microphone. Every call returns at once; answers come back on the
+// calling (main) thread through the given callbacks, which are dropped if
+// the port goes first.
 class MicrophonePort {
 public:
     struct Captured {
         std::vector<float> samples; // 16 kHz mono
         float rmsLevel = 0;
     };
+    struct Status {
+        OnboardingPermissionStatus status = OnboardingPermissionStatus::notDetermined;
+        QString reason; // why not, when not authorized
+    };
+    // What a recording reports while it runs, each on the main thread.
+    struct Listeners {
+        std::function<void(AudioMeterLevels)> onMeterLevels;
+    };
+    // Empty error: recording. Otherwise the user-facing description; the
+    // microphone is idle again.
+    using Started = std::function<void(std::optional<QString> error)>;
+    using Stopped = std::function<void(Captured captured)>;
+    using Answered = std::function<void(bool authorized)>;
+    using StatusDone = std::function<void(Status status)>;
+
     virtual ~MicrophonePort() = default;
-    // Throws dictora::Error with a user-facing description.
-    virtual void start(std::function<void(AudioMeterLevels)> onMeterLevels) = 0;
-    virtual Captured stop() = 0;
+    virtual void start(Listeners listeners, Started done) = 0;
+    virtual void stop(Stopped done) = 0;
     virtual void cancel() = 0;
-    // May block (it asks the sound server); the controller calls it off the main thread.
-    virtual bool requestPermission() = 0;
-    virtual OnboardingPermissionStatus status() = 0;
+    virtual void requestPermission(Answered done) = 0;
+    virtual void checkStatus(StatusDone done) = 0;
 };
 
 class PasterPort {
 public:
+    // Dispatch time in whole milliseconds, from the call to the keystroke.
+    using Pasted = std::function<void(qint64 dispatchMilliseconds)>;
     virtual ~PasterPort() = default;
-    // The focused application unless it is this process.
+    // The focused application unless it is this process. Quick.
     virtual std::optional<PasteTarget> captureTarget() = 0;
-    // Dispatch time in whole milliseconds.
-    virtual qint64 paste(const QString &text, const PasteTarget &target) = 0;
+    // Returns at once; `done` runs on the main thread once the keystroke is
+    // out (re-activating the target and waiting for released keys may take
+    // a moment), at most once, and never after the port is gone.
+    virtual void paste(const QString &text, const PasteTarget &target, Pasted done) = 0;
 };
 
 // The windows the controller drives but does not own.

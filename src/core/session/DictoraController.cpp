@@ -1,18 +1,19 @@
 #include "core/session/DictoraController.h"
 
-#include "core/Background.h"
+#include "core/Async.h"
 #include "shortcut/GlobalShortcut.h"
 #include "text/BasicFormatter.h"
 #include "text/SnippetExpander.h"
 
-#include <QCoreApplication>
+#include <QPointer>
 
-#include <cstdio>
-#include <cstdlib>
+#include <array>
 
 namespace dictora {
 
 namespace {
+
+using Kind = DictoraPhase::Kind;
 
 // Whole milliseconds between two instants, truncated, never negative.
 qint64 millisecondsBetween(const QDateTime &from, const QDateTime &to)
@@ -21,14 +22,52 @@ qint64 millisecondsBetween(const QDateTime &from, const QDateTime &to)
     return ms < 0 ? 0 : ms;
 }
 
-QString shortcutText(const GlobalShortcut &shortcut)
-{
-    return shortcut.modifiers.displayPrefix() + shortcut.keyLabel;
-}
-
 constexpr float kMeterActivityThreshold = 0.05f;
 constexpr size_t kMinimumSamples = 1600; // 0.1 s at 16 kHz
 constexpr float kMinimumRms = 0.0015f;
+
+constexpr unsigned bit(Kind kind) { return 1u << unsigned(kind); }
+constexpr unsigned kAnyPhase = ~0u;
+
+// Every phase change the controller makes. A row applies when the current
+// phase is in `from`; an event with no matching row changes nothing.
+struct Transition {
+    unsigned from;
+    DictationEvent event;
+    Kind to;
+};
+constexpr std::array kTransitions{
+    Transition{bit(Kind::idle) | bit(Kind::error), DictationEvent::press, Kind::preparing},
+    Transition{bit(Kind::recording), DictationEvent::press, Kind::finalizing},
+    Transition{kAnyPhase, DictationEvent::modelNotReady, Kind::error},
+    Transition{bit(Kind::preparing), DictationEvent::microphoneDenied, Kind::error},
+    Transition{bit(Kind::preparing), DictationEvent::captureFailed, Kind::error},
+    Transition{bit(Kind::preparing), DictationEvent::captureStarted, Kind::recording},
+    Transition{bit(Kind::finalizing), DictationEvent::recordSaved, Kind::idle},
+    Transition{bit(Kind::finalizing), DictationEvent::finalizationFailed, Kind::error},
+    Transition{kAnyPhase, DictationEvent::shortcutMissing, Kind::needsAccessibility},
+    Transition{bit(Kind::needsAccessibility), DictationEvent::shortcutInstalled, Kind::idle},
+    Transition{kAnyPhase, DictationEvent::journalUnavailable, Kind::error},
+};
+
+DictoraPhase phaseOf(Kind kind, const QString &message)
+{
+    switch (kind) {
+    case Kind::idle:
+        return DictoraPhase::idle();
+    case Kind::preparing:
+        return DictoraPhase::preparing();
+    case Kind::recording:
+        return DictoraPhase::recording();
+    case Kind::finalizing:
+        return DictoraPhase::finalizing();
+    case Kind::needsAccessibility:
+        return DictoraPhase::needsAccessibility();
+    case Kind::error:
+        break;
+    }
+    return DictoraPhase::error(message);
+}
 
 } // namespace
 
@@ -39,26 +78,19 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     , m_preferences(preferences)
     , m_c(std::move(collaborators))
     , m_onboarding(!preferences.hasCompletedOnboarding())
+    , m_readiness(m_c.shortcut, m_c.permissions, m_c.microphone, m_onboarding, m_preferences, m_c.log,
+          {m_c.shortcutRetryMs, m_c.permissionPollMs})
 {
-    m_permissionRetryTimer.setInterval(m_c.shortcutRetryMs);
-    connect(&m_permissionRetryTimer, &QTimer::timeout, this, &DictoraController::installCurrentShortcutSilently);
-
-    m_onboardingPermissionTimer.setInterval(m_c.permissionPollMs);
-    connect(&m_onboardingPermissionTimer, &QTimer::timeout, this, [this] {
-        if (!m_onboarding.isPresented())
-            return;
-        refreshOnboardingPermissionStatus();
-        if (m_onboarding.permissions().bothAuthorized()) {
-            installCurrentShortcutSilently();
-            m_onboardingPermissionTimer.stop();
-        }
-    });
+    connect(&m_readiness, &ReadinessMonitor::shortcutInstalled, this,
+        [this] { transition(DictationEvent::shortcutInstalled); });
+    connect(&m_readiness, &ReadinessMonitor::shortcutMissing, this,
+        [this] { transition(DictationEvent::shortcutMissing); });
 
     m_listeningDots.setInterval(m_c.listeningDotMs);
     m_listeningDots.setTimerType(Qt::PreciseTimer);
     connect(&m_listeningDots, &QTimer::timeout, this, [this] {
         const auto kind = m_state.phase().kind();
-        if (kind != DictoraPhase::Kind::preparing && kind != DictoraPhase::Kind::recording) {
+        if (kind != Kind::preparing && kind != Kind::recording) {
             m_listeningDots.stop();
             return;
         }
@@ -69,6 +101,18 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
 }
 
 DictoraController::~DictoraController() = default;
+
+bool DictoraController::transition(DictationEvent event, const QString &message)
+{
+    const unsigned current = bit(m_state.phase().kind());
+    for (const Transition &row : kTransitions) {
+        if (row.event == event && (row.from & current) != 0) {
+            m_state.setPhase(phaseOf(row.to, message));
+            return true;
+        }
+    }
+    return false;
+}
 
 void DictoraController::start()
 {
@@ -84,25 +128,25 @@ void DictoraController::start()
 
     try {
         m_c.journal.prepare();
-    } catch (const Error &e) {
-        m_state.setPhase(DictoraPhase::error(QStringLiteral("State journal unavailable")));
-        log(QStringLiteral("journal prepare failed error=") + e.description());
+    } catch (...) {
+        transition(DictationEvent::journalUnavailable, QStringLiteral("State journal unavailable"));
+        log(QStringLiteral("journal prepare failed error=") + errorMessage(std::current_exception()));
     }
 
     if (m_c.views.repositionOverlay)
         m_c.views.repositionOverlay(m_preferences.microphoneLocation());
     if (m_c.views.showOverlay)
         m_c.views.showOverlay();
-    installCurrentShortcutSilently();
+    m_readiness.installCurrentShortcutSilently();
     log(QStringLiteral("app started dataDirectory=") + m_c.dataDirectory);
     if (m_c.views.showMainWindow)
         m_c.views.showMainWindow();
 
     if (m_onboarding.isPresented()) {
         QTimer::singleShot(m_c.onboardingDelayMs, this, [this] {
-            startOnboardingPermissionPolling();
-            refreshOnboardingPermissionStatus();
-            requestNextOnboardingPermissionIfNeeded();
+            m_readiness.startPermissionPolling();
+            m_readiness.refreshPermissions();
+            m_readiness.requestNextPermissionIfNeeded();
         });
     }
 }
@@ -114,18 +158,18 @@ void DictoraController::toggleRecording()
     if (m_c.views.repositionOverlay)
         m_c.views.repositionOverlay(m_preferences.microphoneLocation());
     switch (m_state.phase().kind()) {
-    case DictoraPhase::Kind::idle:
-    case DictoraPhase::Kind::error:
+    case Kind::idle:
+    case Kind::error:
         beginRecording();
         break;
-    case DictoraPhase::Kind::recording:
+    case Kind::recording:
         stopAndPaste();
         break;
-    case DictoraPhase::Kind::preparing:
-    case DictoraPhase::Kind::finalizing:
+    case Kind::preparing:
+    case Kind::finalizing:
         break;
-    case DictoraPhase::Kind::needsAccessibility:
-        installCurrentShortcutSilently();
+    case Kind::needsAccessibility:
+        m_readiness.installCurrentShortcutSilently();
         break;
     }
 }
@@ -139,25 +183,27 @@ void DictoraController::beginRecording()
 {
     if (!m_c.speech.isReady()) {
         m_c.speech.startAutomatically();
-        m_state.setPhase(DictoraPhase::error(QStringLiteral("The accuracy model is finishing automatically")));
+        transition(DictationEvent::modelNotReady, QStringLiteral("The accuracy model is finishing automatically"));
         log(QStringLiteral("recording blocked because mandatory accuracy model is not ready"));
         return;
     }
     m_operationInFlight = true;
-    m_state.setPhase(DictoraPhase::preparing());
+    transition(DictationEvent::press);
     m_state.setMeterLevels(AudioMeterLevels::zero());
     startListeningDots();
     m_meterActivityLogged = false;
 
-    MicrophonePort *microphone = &m_c.microphone;
-    runInBackground(this, [microphone] { return microphone->requestPermission(); },
-        [this](bool permitted) { captureStarted(permitted); });
+    QPointer<DictoraController> self(this);
+    m_c.microphone.requestPermission([self](bool permitted) {
+        if (self)
+            self->permissionAnswered(permitted);
+    });
 }
 
-void DictoraController::captureStarted(bool permitted)
+void DictoraController::permissionAnswered(bool permitted)
 {
     if (!permitted) {
-        m_state.setPhase(DictoraPhase::error(QStringLiteral("Allow Microphone")));
+        transition(DictationEvent::microphoneDenied, QStringLiteral("Allow Microphone"));
         m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("microphone permission denied"));
         m_operationInFlight = false;
@@ -167,29 +213,43 @@ void DictoraController::captureStarted(bool permitted)
     const QUuid sessionID = QUuid::createUuid();
     const QDateTime startedAt = QDateTime::currentDateTimeUtc();
     QPointer<DictoraController> self(this);
-    try {
-        m_c.microphone.start([self](AudioMeterLevels levels) {
-            if (!self || !self->m_state.phase().is(DictoraPhase::Kind::recording))
-                return;
-            self->m_state.setMeterLevels(levels);
-            if (!self->m_meterActivityLogged && levels.maximum() > kMeterActivityThreshold) {
-                self->m_meterActivityLogged = true;
-                self->log(QStringLiteral("pcm meter active"));
-            }
-        });
-    } catch (const std::exception &e) {
-        const QString description = dynamic_cast<const Error *>(&e) ? static_cast<const Error &>(e).description()
-                                                                     : QString::fromUtf8(e.what());
+    MicrophonePort::Listeners listeners;
+    listeners.onMeterLevels = [self](AudioMeterLevels levels) {
+        if (!self || !self->m_state.phase().is(Kind::recording))
+            return;
+        self->m_state.setMeterLevels(levels);
+        if (!self->m_meterActivityLogged && levels.maximum() > kMeterActivityThreshold) {
+            self->m_meterActivityLogged = true;
+            self->log(QStringLiteral("pcm meter active"));
+        }
+    };
+    m_c.microphone.start(std::move(listeners), [self, sessionID, startedAt](std::optional<QString> error) {
+        if (self)
+            self->captureStarted(error, sessionID, startedAt);
+    });
+}
+
+void DictoraController::captureStarted(const std::optional<QString> &error, const QUuid &sessionID,
+    const QDateTime &startedAt)
+{
+    if (error) {
         m_c.microphone.cancel();
-        m_state.setPhase(DictoraPhase::error(description));
+        transition(DictationEvent::captureFailed, *error);
         m_state.setMeterLevels(AudioMeterLevels::zero());
-        log(QStringLiteral("recording start failed error=") + description);
+        log(QStringLiteral("recording start failed error=") + *error);
+        m_operationInFlight = false;
+        return;
+    }
+    if (!transition(DictationEvent::captureStarted)) {
+        // The shortcut went missing meanwhile: no recording nobody can stop.
+        m_c.microphone.cancel();
+        stopListeningDots();
+        m_target.reset();
         m_operationInFlight = false;
         return;
     }
     m_recordingStartedAt = startedAt;
     m_recordingSessionID = sessionID;
-    m_state.setPhase(DictoraPhase::recording());
     log(QStringLiteral("recording started session=") + uuidString(sessionID) + QStringLiteral(" target=")
         + (m_target ? m_target->application.name : QStringLiteral("none")));
     m_operationInFlight = false;
@@ -198,7 +258,7 @@ void DictoraController::captureStarted(bool permitted)
 void DictoraController::stopAndPaste()
 {
     m_operationInFlight = true;
-    m_state.setPhase(DictoraPhase::finalizing());
+    transition(DictationEvent::press);
     m_state.setMeterLevels(AudioMeterLevels::zero());
     stopListeningDots();
     log(QStringLiteral("stop key accepted; finalizing speech"));
@@ -208,9 +268,16 @@ void DictoraController::stopAndPaste()
     m_sessionID = m_recordingSessionID.value_or(QUuid::createUuid());
 
     const QDateTime beforeStop = QDateTime::currentDateTimeUtc();
-    MicrophonePort::Captured captured = m_c.microphone.stop();
-    const qint64 captureStopMs = millisecondsBetween(beforeStop, QDateTime::currentDateTimeUtc());
+    QPointer<DictoraController> self(this);
+    m_c.microphone.stop([self, beforeStop](MicrophonePort::Captured captured) {
+        if (self)
+            self->captureStopped(std::move(captured),
+                millisecondsBetween(beforeStop, QDateTime::currentDateTimeUtc()));
+    });
+}
 
+void DictoraController::captureStopped(MicrophonePort::Captured captured, qint64 captureStopMs)
+{
     if (captured.samples.size() < kMinimumSamples || captured.rmsLevel < kMinimumRms) {
         log(QStringLiteral("accurate local transcription skipped for silence"));
         finishWithText(QString(), 0, captureStopMs);
@@ -231,39 +298,53 @@ void DictoraController::stopAndPaste()
 
 void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs)
 {
-    QString text = BasicFormatter::formatTranscript(raw, m_preferences.formattingEnabled());
+    Finalization f;
+    f.raw = raw;
+    f.engineMs = engineMs;
+    f.captureStopMs = captureStopMs;
+    f.text = BasicFormatter::formatTranscript(raw, m_preferences.formattingEnabled());
     if (m_preferences.snippetsEnabled())
-        text = SnippetExpander::apply(text, m_c.snippets.entries());
+        f.text = SnippetExpander::apply(f.text, m_c.snippets.entries());
     log(QStringLiteral("accurate local finalization returned rawChars=%1 formattedChars=%2")
             .arg(raw.size())
-            .arg(text.size()));
+            .arg(f.text.size()));
 
-    const bool practice = isPracticing();
-    TranscriptOutcome outcome;
-    std::optional<QString> error;
-    qint64 pasteMs = 0;
-    if (text.isEmpty()) {
-        outcome = TranscriptOutcome::empty;
-    } else if (practice) {
-        outcome = TranscriptOutcome::practice;
+    f.practice = isPracticing();
+    if (f.text.isEmpty()) {
+        f.outcome = TranscriptOutcome::empty;
+    } else if (f.practice) {
+        f.outcome = TranscriptOutcome::practice;
     } else if (!m_target) {
-        outcome = TranscriptOutcome::failed;
-        error = QString::fromLatin1(kNoTargetMessage);
+        f.outcome = TranscriptOutcome::failed;
+        f.error = QString::fromLatin1(kNoTargetMessage);
     } else {
-        pasteMs = m_c.paster.paste(text, *m_target);
-        outcome = TranscriptOutcome::pasted;
+        f.outcome = TranscriptOutcome::pasted;
+        QPointer<DictoraController> self(this);
+        const QString text = f.text;
+        m_c.paster.paste(text, *m_target, [self, f = std::move(f)](qint64 pasteMs) mutable {
+            if (!self)
+                return;
+            f.pasteMs = pasteMs;
+            self->saveRecord(std::move(f));
+        });
+        return;
     }
-    m_state.setLastTranscript(text);
+    saveRecord(std::move(f));
+}
 
-    TranscriptRecord record = sessionRecord(outcome);
-    record.transcript = text;
-    record.finalizationDurationMilliseconds = captureStopMs + engineMs;
-    record.pasteDispatchDurationMilliseconds = pasteMs;
-    record.error = error;
-    record.earsDurationMilliseconds = engineMs;
+void DictoraController::saveRecord(Finalization f)
+{
+    m_state.setLastTranscript(f.text);
+
+    TranscriptRecord record = sessionRecord(f.outcome);
+    record.transcript = f.text;
+    record.finalizationDurationMilliseconds = f.captureStopMs + f.engineMs;
+    record.pasteDispatchDurationMilliseconds = f.pasteMs;
+    record.error = f.error;
+    record.earsDurationMilliseconds = f.engineMs;
 
     log(QStringLiteral("journal append begin"));
-    appendInBackground(record, [this, record, text, practice](std::optional<QString> appendError) {
+    appendInBackground(record, [this, record, f](std::optional<QString> appendError) {
         if (appendError) {
             failDictation(*appendError);
             return;
@@ -271,16 +352,16 @@ void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint
         log(QStringLiteral("journal append complete"));
         if (m_c.views.refreshHistoryIfVisible)
             m_c.views.refreshHistoryIfVisible();
-        if (!text.isEmpty() && practice) {
-            m_onboarding.completePractice(text, record.savedAt);
-            log(QStringLiteral("onboarding practice completed chars=%1").arg(text.size()));
+        if (!f.text.isEmpty() && f.practice) {
+            m_onboarding.completePractice(f.text, record.savedAt);
+            log(QStringLiteral("onboarding practice completed chars=%1").arg(f.text.size()));
         }
-        m_state.setPhase(DictoraPhase::idle());
+        transition(DictationEvent::recordSaved);
         m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("overlay returned to idle"));
         log(QStringLiteral("recording completed outcome=%1 chars=%2 finalizeMs=%3")
                 .arg(rawValue(record.outcome))
-                .arg(text.size())
+                .arg(f.text.size())
                 .arg(record.finalizationDurationMilliseconds));
         resetSession();
         Q_EMIT dictationFinished();
@@ -298,7 +379,7 @@ void DictoraController::failDictation(const QString &error)
             log(QStringLiteral("failed recording archived without transcript"));
         else
             log(QStringLiteral("failed recording archive unavailable error=") + *appendError);
-        m_state.setPhase(DictoraPhase::error(error));
+        transition(DictationEvent::finalizationFailed, error);
         m_state.setMeterLevels(AudioMeterLevels::zero());
         stopListeningDots();
         log(QStringLiteral("recording finalization failed error=") + error);
@@ -326,13 +407,13 @@ TranscriptRecord DictoraController::sessionRecord(TranscriptOutcome outcome) con
 void DictoraController::appendInBackground(TranscriptRecord record, AppendDone done)
 {
     // The append waits for the disk (fsync); the main thread must not.
-    runInBackground(this,
+    runElsewhere(this,
         [journal = m_c.journal, record = std::move(record)]() -> std::optional<QString> {
             try {
                 journal.append(record);
                 return std::nullopt;
-            } catch (const Error &e) {
-                return e.description();
+            } catch (...) {
+                return errorMessage(std::current_exception());
             }
         },
         std::move(done));
@@ -361,122 +442,38 @@ void DictoraController::stopListeningDots()
 
 void DictoraController::installCurrentShortcutSilently()
 {
-    refreshOnboardingPermissionStatus();
-    const GlobalShortcut candidate = m_pendingShortcutUpdate.value_or(m_preferences.keyboardShortcut());
-    const bool ok = m_c.shortcut.install(candidate) && m_c.shortcut.verifyInstalled(candidate);
-    if (ok) {
-        m_permissionRetryTimer.stop();
-        if (m_pendingShortcutUpdate && *m_pendingShortcutUpdate == candidate) {
-            m_preferences.setKeyboardShortcut(candidate);
-            m_pendingShortcutUpdate.reset();
-            log(QStringLiteral("global shortcut update completed shortcut=") + shortcutText(candidate));
-        }
-        if (m_state.phase().is(DictoraPhase::Kind::needsAccessibility))
-            m_state.setPhase(DictoraPhase::idle());
-        m_loggedAccessibilityWait = false;
-        log(QStringLiteral("global shortcut event tap installed shortcut=") + shortcutText(candidate));
-        m_onboarding.showPracticeWhenReady();
-        return;
-    }
-    m_state.setPhase(DictoraPhase::needsAccessibility());
-    if (!m_loggedAccessibilityWait) {
-        m_loggedAccessibilityWait = true;
-        log(QStringLiteral("waiting for Accessibility permission reason=") + m_c.shortcut.failureReason());
-    }
-    if (!m_permissionRetryTimer.isActive())
-        m_permissionRetryTimer.start();
+    m_readiness.installCurrentShortcutSilently();
 }
 
 ShortcutUpdateResult DictoraController::updateKeyboardShortcut(const GlobalShortcut &candidate)
 {
-    const GlobalShortcutValidation validation = GlobalShortcutValidator::validate(candidate);
-    if (!validation.valid) {
-        const QString message = validation.message.isEmpty()
-            ? QStringLiteral("Choose a different keyboard shortcut.")
-            : validation.message;
-        return ShortcutUpdateResult::failed(message);
-    }
-    // On X11 "trusted" means the shortcut can be grabbed at all; a refused grab is a
-    // plain failure below, with the previous shortcut restored.
-    if (!m_c.permissions.accessibility(nullptr).authorized) {
-        m_pendingShortcutUpdate = candidate;
-        m_state.setPhase(DictoraPhase::needsAccessibility());
-        installCurrentShortcutSilently();
-        return ShortcutUpdateResult::needsAccessibility();
-    }
-    const GlobalShortcut previous = m_preferences.keyboardShortcut();
-    if (m_c.shortcut.install(candidate) && m_c.shortcut.verifyInstalled(candidate)) {
-        m_preferences.setKeyboardShortcut(candidate);
-        m_pendingShortcutUpdate.reset();
-        if (m_state.phase().is(DictoraPhase::Kind::needsAccessibility))
-            m_state.setPhase(DictoraPhase::idle());
-        log(QStringLiteral("global shortcut updated shortcut=") + shortcutText(candidate));
-        return ShortcutUpdateResult::updated();
-    }
-    m_c.shortcut.install(previous);
-    log(QStringLiteral("global shortcut update rolled back candidate=") + shortcutText(candidate));
-    return ShortcutUpdateResult::failed(
-        QStringLiteral("That shortcut could not be activated. Your previous shortcut still works."));
+    return m_readiness.updateKeyboardShortcut(candidate);
 }
 
 void DictoraController::refreshOnboardingPermissionStatus()
 {
-    const PermissionCheck accessibility = m_c.permissions.accessibility(&m_c.shortcut);
-    m_onboarding.setPermissions({m_c.microphone.status(),
-        accessibility.authorized ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied});
-}
-
-void DictoraController::requestNextOnboardingPermissionIfNeeded()
-{
-    if (!m_onboarding.isPresented())
-        return;
-    refreshOnboardingPermissionStatus();
-    if (m_onboarding.permissions().microphone == OnboardingPermissionStatus::notDetermined) {
-        m_onboarding.setRequestingPermissions(true);
-        MicrophonePort *microphone = &m_c.microphone;
-        runInBackground(this, [microphone] { return microphone->requestPermission(); }, [this](bool) {
-            m_onboarding.setRequestingPermissions(false);
-            refreshOnboardingPermissionStatus();
-            if (m_onboarding.permissions().microphone == OnboardingPermissionStatus::authorized)
-                installCurrentShortcutSilently();
-        });
-        return;
-    }
-    if (m_onboarding.permissions().microphone == OnboardingPermissionStatus::authorized)
-        installCurrentShortcutSilently();
+    m_readiness.refreshPermissions();
 }
 
 void DictoraController::requestOnboardingMicrophonePermission()
 {
-    m_onboarding.setRequestingPermissions(true);
-    const OnboardingPermissionStatus status = m_c.microphone.status();
-    if (status == OnboardingPermissionStatus::denied && m_c.views.openSettings)
-        m_c.views.openSettings(QStringLiteral("microphone"));
-    MicrophonePort *microphone = &m_c.microphone;
-    runInBackground(this, [microphone] { return microphone->requestPermission(); }, [this](bool) {
-        m_onboarding.setRequestingPermissions(false);
-        refreshOnboardingPermissionStatus();
-        requestNextOnboardingPermissionIfNeeded();
+    m_readiness.requestMicrophonePermission([this] {
+        if (m_c.views.openSettings)
+            m_c.views.openSettings(QStringLiteral("microphone"));
     });
 }
 
 void DictoraController::continueAccessibility()
 {
     // Nothing to grant on X11: another try at the grab is the whole step.
-    installCurrentShortcutSilently();
-}
-
-void DictoraController::startOnboardingPermissionPolling()
-{
-    if (!m_onboardingPermissionTimer.isActive())
-        m_onboardingPermissionTimer.start();
+    m_readiness.installCurrentShortcutSilently();
 }
 
 void DictoraController::finishOnboarding()
 {
     if (m_onboarding.stage() != OnboardingStage::ready || !m_c.speech.isReady())
         return;
-    m_onboardingPermissionTimer.stop();
+    m_readiness.stopPermissionPolling();
     m_onboarding.setPresented(false);
     m_preferences.setHasCompletedOnboarding(true);
     if (m_c.views.refreshHistoryIfVisible)

@@ -4,6 +4,7 @@
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
 #include "core/session/DictationPorts.h"
+#include "core/session/ReadinessMonitor.h"
 #include "history/TranscriptJournal.h"
 #include "onboarding/OnboardingModel.h"
 #include "platform/PermissionProbe.h"
@@ -17,8 +18,24 @@
 
 namespace dictora {
 
+// What moves a dictation from one phase to the next; see the table in
+// DictoraController.cpp.
+enum class DictationEvent {
+    press,              // the shortcut, in a phase where it starts or stops
+    modelNotReady,      // a press while the speech model is still preparing
+    microphoneDenied,
+    captureFailed,
+    captureStarted,
+    recordSaved,        // the record is in the journal, whatever its outcome
+    finalizationFailed, // recognition or the journal append threw
+    shortcutMissing,
+    shortcutInstalled,
+    journalUnavailable,
+};
+
 // Runs a dictation from shortcut press to saved record. Main thread only;
-// the only writer of DictoraState.
+// the only writer of DictoraState. Every port answers asynchronously, so no
+// step here waits on a server.
 class DictoraController : public QObject {
     Q_OBJECT
 public:
@@ -49,6 +66,7 @@ public:
 
     OnboardingModel &onboarding() { return m_onboarding; }
     DictoraState &state() { return m_state; }
+    ReadinessMonitor &readiness() { return m_readiness; }
     bool isOperationInFlight() const { return m_operationInFlight; }
 
     void start();
@@ -65,10 +83,29 @@ Q_SIGNALS:
     void dictationFinished();
 
 private:
+    // What one stop has produced so far, carried through its asynchronous steps.
+    struct Finalization {
+        QString raw;
+        QString text;
+        qint64 captureStopMs = 0;
+        qint64 engineMs = 0;
+        qint64 pasteMs = 0;
+        bool practice = false;
+        TranscriptOutcome outcome = TranscriptOutcome::empty;
+        std::optional<QString> error;
+    };
+
+    // Applies the table's row for (current phase, event); false, and no
+    // change, when the table has none.
+    bool transition(DictationEvent event, const QString &message = {});
+
     void beginRecording();
-    void captureStarted(bool permitted);
+    void permissionAnswered(bool permitted);
+    void captureStarted(const std::optional<QString> &error, const QUuid &sessionID, const QDateTime &startedAt);
     void stopAndPaste();
+    void captureStopped(MicrophonePort::Captured captured, qint64 captureStopMs);
     void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs);
+    void saveRecord(Finalization finalization);
     void failDictation(const QString &error);
     // The fields every record of this session shares.
     TranscriptRecord sessionRecord(TranscriptOutcome outcome) const;
@@ -77,8 +114,6 @@ private:
     void resetSession();
     void startListeningDots();
     void stopListeningDots();
-    void requestNextOnboardingPermissionIfNeeded();
-    void startOnboardingPermissionPolling();
     bool isPracticing() const;
     void log(const QString &message) const { m_c.log.write(message); }
 
@@ -86,22 +121,19 @@ private:
     ProductPreferences &m_preferences;
     Collaborators m_c;
     OnboardingModel m_onboarding;
+    ReadinessMonitor m_readiness;
 
     std::optional<QDateTime> m_recordingStartedAt;
     std::optional<QUuid> m_recordingSessionID;
     std::optional<PasteTarget> m_target;
     bool m_operationInFlight = false;
     bool m_meterActivityLogged = false;
-    bool m_loggedAccessibilityWait = false;
-    std::optional<GlobalShortcut> m_pendingShortcutUpdate;
 
     // Session values carried across the asynchronous stop.
     QDateTime m_endedAt;
     QDateTime m_startedAt;
     QUuid m_sessionID;
 
-    QTimer m_permissionRetryTimer;
-    QTimer m_onboardingPermissionTimer;
     QTimer m_listeningDots;
 };
 

@@ -1,6 +1,7 @@
 #include "core/shell/ApplicationShell.h"
 
 #include "core/DataPaths.h"
+#include "core/GuiStallWatch.h"
 #include "core/RuntimeLog.h"
 #include "core/SingleInstance.h"
 #include "core/session/DictoraController.h"
@@ -14,9 +15,9 @@
 #include "onboarding/ui/OnboardingView.h"
 #include "overlay/DictoraStatusItemController.h"
 #include "overlay/MicOverlayPanel.h"
-#include "platform/PlatformServices.h"
+#include "platform/services/PlatformServices.h"
 #include "speech/AccuracyModelManager.h"
-#include "audio/AudioCaptureService.h"
+#include "audio/AudioCaptureThread.h"
 #include "text/paste/PasteService.h"
 #include "text/SnippetStore.h"
 
@@ -112,16 +113,19 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
 
     AccuracyModelManager model(modelOptions, &log);
     const std::unique_ptr<SpeechPort> speech = speechFactory(model);
-    AudioCaptureService capture(&log);
+    AudioCaptureThread capture(&log);
     CaptureMicrophonePort microphone(capture);
-    PasteService pasteService(log);
+    const std::unique_ptr<WindowTracker> windows = Platform::createWindowTracker();
+    const std::unique_ptr<KeystrokeSender> keystrokes = Platform::createKeystrokeSender();
+    PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboardReadWatcher());
     ServicePasterPort paster(pasteService);
     const std::unique_ptr<ShortcutBackend> shortcut = Platform::createShortcutBackend();
     const std::unique_ptr<PermissionProbe> permissions = Platform::createPermissionProbe();
+    const std::unique_ptr<OverlayWindowHints> overlayHints = Platform::createOverlayWindowHints();
 
     HistoryStore history(journal);
     HomeWindow window(state, preferences, history);
-    MicOverlayPanel overlay(state, preferences);
+    MicOverlayPanel overlay(state, preferences, overlayHints.get());
     const auto showModelStatus = [&] {
         const AccuracyModelPhase phase = model.phase();
         const bool downloading = phase.kind() == AccuracyModelPhase::Kind::downloading;
@@ -166,9 +170,10 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     onboardingActions.retryDownload = [&model] { model.retryManually(); };
     onboardingActions.openSnippets = openSnippets;
     onboardingActions.finish = [&controller] { controller.finishOnboarding(); };
-    onboardingActions.microphoneReason = [&capture] { return capture.microphoneStatus().reason; };
-    onboardingActions.accessibilityReason = [&] { return permissions->accessibility(shortcut.get()).reason; };
-    auto *onboardingView = new OnboardingView(controller.onboarding(), state, preferences, &history, onboardingActions);
+    // The last answers of the checks the readiness monitor runs off this thread.
+    onboardingActions.microphoneReason = [&controller] { return controller.readiness().microphoneReason(); };
+    onboardingActions.accessibilityReason = [&controller] { return controller.readiness().accessibilityReason(); };
+    auto *onboardingView = new OnboardingView(controller.onboarding(), state, preferences, journal, onboardingActions);
     window.setOnboardingView(onboardingView);
     const auto followOnboarding = [&window, &controller] {
         window.setOnboardingPresented(controller.onboarding().isPresented());
@@ -207,6 +212,22 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         return 1;
     }
     quitOnTerminationSignals(app);
+
+    // For the stall test and the dictation benchmark: the longest time the
+    // event loop went unserved during each dictation, in the log.
+    std::unique_ptr<GuiStallWatch> stallWatch;
+    if (qEnvironmentVariableIsSet("DICTORA_MEASURE_GUI_STALLS")) {
+        // Its heartbeat runs only from the press to the saved record, so idle stays idle.
+        stallWatch = std::make_unique<GuiStallWatch>();
+        QObject::connect(&state, &DictoraState::phaseChanged, stallWatch.get(), [&](const DictoraPhase &phase) {
+            if (phase.is(DictoraPhase::Kind::preparing))
+                stallWatch->start();
+        });
+        QObject::connect(&controller, &DictoraController::dictationFinished, stallWatch.get(), [&] {
+            log.write(QStringLiteral("gui thread longest stall ms=%1").arg(stallWatch->longestStallMs()));
+            stallWatch->stop();
+        });
+    }
 
     controller.start();
     showModelStatus();

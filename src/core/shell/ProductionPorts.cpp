@@ -1,10 +1,9 @@
 #include "core/shell/ProductionPorts.h"
 
-#include "audio/AudioCaptureService.h"
+#include "audio/AudioCaptureThread.h"
+#include "core/Async.h"
 #include "speech/AccuracyModelManager.h"
 #include "text/paste/PasteService.h"
-
-#include <QFutureWatcher>
 
 namespace dictora {
 
@@ -21,54 +20,47 @@ void ModelSpeechPort::startAutomatically() { m_manager.startAutomatically(); }
 
 void ModelSpeechPort::transcribe(std::vector<float> samples, Done done)
 {
-    auto *watcher = new QFutureWatcher<AccurateSpeechResult>(this);
-    connect(watcher, &QFutureWatcherBase::finished, this, [watcher, done = std::move(done)] {
-        watcher->deleteLater();
-        try {
-            const AccurateSpeechResult result = watcher->result();
-            done(Result{result.text, result.durationMilliseconds}, QString());
-        } catch (const Error &e) {
-            done(std::nullopt, e.description());
-        } catch (const std::exception &e) {
-            done(std::nullopt, QString::fromUtf8(e.what()));
-        }
+    whenReady(m_manager.transcribe(std::move(samples)), this,
+        [done = std::move(done)](QFuture<AccurateSpeechResult> finished) {
+            try {
+                const AccurateSpeechResult result = finished.result();
+                done(Result{result.text, result.durationMilliseconds}, QString());
+            } catch (...) {
+                done(std::nullopt, errorMessage(std::current_exception()));
+            }
+        });
+}
+
+void CaptureMicrophonePort::start(Listeners listeners, Started done)
+{
+    // Samples for recognition while recording would be a second listener here.
+    m_capture.start(std::move(listeners.onMeterLevels), std::move(done));
+}
+
+void CaptureMicrophonePort::stop(Stopped done)
+{
+    m_capture.stop([done = std::move(done)](CapturedAudioResult result) {
+        done(Captured{std::move(result.samples), result.rmsLevel});
     });
-    watcher->setFuture(m_manager.transcribe(std::move(samples)));
-}
-
-void ScriptedSpeechPort::transcribe(std::vector<float>, Done done)
-{
-    const QString text = qEnvironmentVariable("DICTORA_SCRIPTED_TRANSCRIPT");
-    QMetaObject::invokeMethod(this, [text, done = std::move(done)] { done(Result{text, 0}, QString()); },
-        Qt::QueuedConnection);
-}
-
-void CaptureMicrophonePort::start(std::function<void(AudioMeterLevels)> onMeterLevels)
-{
-    m_capture.start(std::move(onMeterLevels));
-}
-
-MicrophonePort::Captured CaptureMicrophonePort::stop()
-{
-    CapturedAudioResult result = m_capture.stop();
-    return Captured{std::move(result.samples), result.rmsLevel};
 }
 
 void CaptureMicrophonePort::cancel() { m_capture.cancel(); }
 
-bool CaptureMicrophonePort::requestPermission() { return m_capture.requestMicrophonePermission(); }
+void CaptureMicrophonePort::requestPermission(Answered done) { m_capture.requestPermission(std::move(done)); }
 
-OnboardingPermissionStatus CaptureMicrophonePort::status()
+void CaptureMicrophonePort::checkStatus(StatusDone done)
 {
-    return m_capture.microphoneStatus().authorized ? OnboardingPermissionStatus::authorized
-                                                   : OnboardingPermissionStatus::denied;
+    m_capture.checkStatus([done = std::move(done)](AudioCaptureService::MicrophoneStatus status) {
+        done({status.authorized ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied,
+            status.reason});
+    });
 }
 
 std::optional<PasteTarget> ServicePasterPort::captureTarget() { return m_service.captureTarget(); }
 
-qint64 ServicePasterPort::paste(const QString &text, const PasteTarget &target)
+void ServicePasterPort::paste(const QString &text, const PasteTarget &target, Pasted done)
 {
-    return m_service.paste(text, target);
+    m_service.paste(text, target, std::move(done));
 }
 
 } // namespace dictora

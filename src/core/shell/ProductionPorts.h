@@ -8,7 +8,7 @@
 namespace dictora {
 
 class AccuracyModelManager;
-class AudioCaptureService;
+class AudioCaptureThread;
 class PasteService;
 
 // The real services behind the controller's ports.
@@ -24,33 +24,24 @@ protected:
     AccuracyModelManager &m_manager;
 };
 
-// The test-only recogniser of dictora-scripted: the model is prepared as
-// usual, but the words come from DICTORA_SCRIPTED_TRANSCRIPT.
-class ScriptedSpeechPort : public ModelSpeechPort {
-    Q_OBJECT
-public:
-    using ModelSpeechPort::ModelSpeechPort;
-    void transcribe(std::vector<float> samples, Done done) override;
-};
-
 class CaptureMicrophonePort : public MicrophonePort {
 public:
-    explicit CaptureMicrophonePort(AudioCaptureService &capture) : m_capture(capture) {}
-    void start(std::function<void(AudioMeterLevels)> onMeterLevels) override;
-    Captured stop() override;
+    explicit CaptureMicrophonePort(AudioCaptureThread &capture) : m_capture(capture) {}
+    void start(Listeners listeners, Started done) override;
+    void stop(Stopped done) override;
     void cancel() override;
-    bool requestPermission() override;
-    OnboardingPermissionStatus status() override;
+    void requestPermission(Answered done) override;
+    void checkStatus(StatusDone done) override;
 
 private:
-    AudioCaptureService &m_capture;
+    AudioCaptureThread &m_capture;
 };
 
 class ServicePasterPort : public PasterPort {
 public:
     explicit ServicePasterPort(PasteService &service) : m_service(service) {}
     std::optional<PasteTarget> captureTarget() override;
-    qint64 paste(const QString &text, const PasteTarget &target) override;
+    void paste(const QString &text, const PasteTarget &target, Pasted done) override;
 
 private:
     PasteService &m_service;

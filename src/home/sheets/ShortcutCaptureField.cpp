@@ -11,9 +11,6 @@
 namespace dictora {
 
 namespace {
-// X keycodes are evdev codes shifted by 8.
-constexpr int kX11KeycodeOffset = 8;
-
 std::optional<QString> charactersOf(const QKeyEvent &event)
 {
     const QString text = event.text();
@@ -80,10 +77,7 @@ std::optional<GlobalShortcut> ShortcutCaptureField::shortcutFromKeyEvent(const Q
 {
     if (isModifierKey(event.key()))
         return std::nullopt;
-    const int evdev = int(event.nativeScanCode()) - kX11KeycodeOffset;
-    if (evdev <= 0)
-        return std::nullopt;
-    const auto keyCode = KeyCodes::keyCodeFromEvdev(evdev);
+    const auto keyCode = KeyCodes::keyCodeFromXkbKeycode(event.nativeScanCode());
     if (!keyCode)
         return std::nullopt;
     GlobalShortcut shortcut;

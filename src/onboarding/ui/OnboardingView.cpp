@@ -1,6 +1,7 @@
 #include "onboarding/ui/OnboardingView.h"
 
-#include "history/HistoryStore.h"
+#include "core/Async.h"
+#include "history/HistoryFilter.h"
 #include "onboarding/ui/BundledFonts.h"
 #include "onboarding/ui/OnboardingIllustrations.h"
 #include "onboarding/ui/OnboardingStageShell.h"
@@ -57,8 +58,8 @@ QString firstSearchWord(const QString &transcript)
 }
 
 OnboardingView::OnboardingView(OnboardingModel &model, DictoraState &state, ProductPreferences &preferences,
-                               HistoryStore *history, OnboardingActions actions, QWidget *parent)
-    : QWidget(parent), m_model(model), m_state(state), m_preferences(preferences), m_history(history),
+                               std::optional<TranscriptJournal> journal, OnboardingActions actions, QWidget *parent)
+    : QWidget(parent), m_model(model), m_state(state), m_preferences(preferences), m_journal(std::move(journal)),
       m_actions(std::move(actions)), m_stack(new QStackedWidget(this))
 {
     setObjectName(QStringLiteral("OnboardingView"));
@@ -98,12 +99,7 @@ OnboardingView::OnboardingView(OnboardingModel &model, DictoraState &state, Prod
     refresh();
 }
 
-OnboardingView::~OnboardingView()
-{
-    // Closed mid-animation: give History its search back.
-    if (m_history && m_typing.isActive())
-        m_history->setQuery(m_previousQuery);
-}
+OnboardingView::~OnboardingView() = default;
 
 void OnboardingView::refreshPermissionReasons()
 {
@@ -351,10 +347,8 @@ void OnboardingView::stageEntered(OnboardingStage stage)
         m_practiceAttempted = false;
     if (stage == OnboardingStage::searchProof) {
         startSearchAnimation();
-    } else if (m_typing.isActive()) {
+    } else {
         m_typing.stop();
-        if (m_history)
-            m_history->setQuery(m_previousQuery);
     }
 }
 
@@ -468,19 +462,35 @@ void OnboardingView::startSearchAnimation()
     m_searchField->clear();
     m_searchResults->clear();
     m_searchWord = firstSearchWord(m_model.practiceTranscript());
-    if (m_history) {
-        m_previousQuery = m_history->query();
-        // Start typing once History holds the practice record.
-        auto *context = new QObject(this);
-        connect(m_history, &HistoryStore::reloaded, context, [this, context] {
-            context->deleteLater();
+    m_searchRecords.clear();
+    m_searchKeys.clear();
+    if (!m_journal) {
+        m_typing.start();
+        return;
+    }
+    // Its own read of the journal, so the History window's search stays as the user left it.
+    struct Read {
+        QList<TranscriptRecord> records;
+        QList<QString> keys;
+    };
+    runElsewhere(this,
+        [journal = *m_journal] {
+            Read read;
+            try {
+                read.records = journal.readAll();
+            } catch (...) {
+                // Unreadable: the animation still shows the practice text.
+            }
+            for (const TranscriptRecord &record : read.records)
+                read.keys.append(HistoryFilter::searchKey(record.transcript));
+            return read;
+        },
+        [this](Read read) {
+            m_searchRecords = std::move(read.records);
+            m_searchKeys = std::move(read.keys);
             if (m_model.stage() == OnboardingStage::searchProof && !m_searchFinished)
                 m_typing.start();
         });
-        m_history->reload();
-    } else {
-        m_typing.start();
-    }
 }
 
 void OnboardingView::typeNextSearchCharacter()
@@ -501,8 +511,6 @@ void OnboardingView::finishSearchAnimation()
     m_typing.stop();
     m_searchField->setText(m_searchWord);
     showSearchResults(true);
-    if (m_history)
-        m_history->setQuery(m_previousQuery);
     m_searchFinished = true;
     m_searchNext->setEnabled(true);
     Q_EMIT searchAnimationFinished();
@@ -512,9 +520,10 @@ void OnboardingView::showSearchResults(bool final)
 {
     const QString practice = m_model.practiceTranscript();
     QList<TranscriptRecord> found;
-    if (m_history) {
-        m_history->setQuery(m_searchField->text());
-        found = m_history->filteredRecords();
+    if (!m_searchRecords.isEmpty()) {
+        HistoryQuery query;
+        query.search = m_searchField->text();
+        found = HistoryFilter::apply(m_searchRecords, m_searchKeys, query);
     } else if (practice.contains(m_searchField->text(), Qt::CaseInsensitive)) {
         TranscriptRecord record;
         record.transcript = practice;

@@ -2,6 +2,7 @@
 
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
+#include "history/TranscriptJournal.h"
 #include "onboarding/OnboardingModel.h"
 
 #include <QPointer>
@@ -23,7 +24,6 @@ class QStackedWidget;
 
 namespace dictora {
 
-class HistoryStore;
 class KeyboardIllustration;
 class OnboardingStageShell;
 class PlacementPreview;
@@ -53,8 +53,10 @@ struct ModelPreparation {
 class OnboardingView : public QWidget {
     Q_OBJECT
 public:
+    // The search animation reads its own copy of the journal's records;
+    // without a journal it searches the practice text alone.
     OnboardingView(OnboardingModel &model, DictoraState &state, ProductPreferences &preferences,
-                   HistoryStore *history, OnboardingActions actions, QWidget *parent = nullptr);
+                   std::optional<TranscriptJournal> journal, OnboardingActions actions, QWidget *parent = nullptr);
 
     ~OnboardingView() override;
 
@@ -95,7 +97,7 @@ private:
     OnboardingModel &m_model;
     DictoraState &m_state;
     ProductPreferences &m_preferences;
-    QPointer<HistoryStore> m_history;
+    std::optional<TranscriptJournal> m_journal;
     OnboardingActions m_actions;
     ModelPreparation m_preparation;
 
@@ -131,7 +133,8 @@ private:
     QPushButton *m_searchNext = nullptr;
     QTimer m_typing;
     QString m_searchWord;
-    QString m_previousQuery;
+    QList<TranscriptRecord> m_searchRecords;
+    QList<QString> m_searchKeys;
     bool m_searchFinished = false;
 };
 

@@ -2,9 +2,6 @@
 
 #include "platform/x11/XConnection.h"
 
-#include <QDeadlineTimer>
-#include <QThread>
-
 #include <algorithm>
 #include <iterator>
 
@@ -37,7 +34,7 @@ QString X11KeystrokeSender::failureReason() const
     return {};
 }
 
-bool X11KeystrokeSender::anyKeyHeld() const
+bool X11KeystrokeSender::anyKeyHeld()
 {
     if (!m_connection->isOpen())
         return false;
@@ -46,17 +43,6 @@ bool X11KeystrokeSender::anyKeyHeld() const
     char keys[32] = {};
     XQueryKeymap(display, keys);
     return std::any_of(std::begin(keys), std::end(keys), [](char bits) { return bits != 0; });
-}
-
-bool X11KeystrokeSender::waitForKeysReleased(std::chrono::milliseconds timeout)
-{
-    const QDeadlineTimer deadline(timeout);
-    while (anyKeyHeld()) {
-        if (deadline.hasExpired())
-            return false;
-        QThread::msleep(5);
-    }
-    return true;
 }
 
 bool X11KeystrokeSender::send(PasteKeystroke keystroke)

@@ -15,13 +15,10 @@ public:
     X11KeystrokeSender();
     ~X11KeystrokeSender() override;
 
-    bool waitForKeysReleased(std::chrono::milliseconds timeout) override;
+    // Any key down right now; lock states (CapsLock, NumLock) are no held keys.
+    bool anyKeyHeld() override;
     bool send(PasteKeystroke keystroke) override;
     QString failureReason() const override;
-
-    // Whether any key that acts as Shift, Ctrl, Alt, Super (or another
-    // modifier, but not the lock keys) is down right now.
-    bool anyKeyHeld() const;
 
 private:
     std::unique_ptr<XConnection> m_connection;

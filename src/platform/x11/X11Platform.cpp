@@ -2,6 +2,7 @@
 
 #include "platform/x11/X11ClipboardReadWatcher.h"
 #include "platform/x11/X11KeystrokeSender.h"
+#include "platform/x11/X11OverlayWindowHints.h"
 #include "platform/x11/X11PermissionProbe.h"
 #include "platform/x11/X11ShortcutBackend.h"
 #include "platform/x11/X11WindowTracker.h"
@@ -31,6 +32,11 @@ std::unique_ptr<PermissionProbe> createPermissionProbe()
 std::unique_ptr<ClipboardReadWatcher> createClipboardReadWatcher(QObject *parent)
 {
     return std::make_unique<x11::X11ClipboardReadWatcher>(parent);
+}
+
+std::unique_ptr<OverlayWindowHints> createOverlayWindowHints()
+{
+    return std::make_unique<x11::X11OverlayWindowHints>();
 }
 
 } // namespace dictora::X11Platform

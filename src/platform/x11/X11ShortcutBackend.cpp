@@ -249,7 +249,7 @@ void X11ShortcutBackend::readEvents()
         return;
     Display *display = m_connection->display();
     bool mappingChanged = false;
-    int pressedCount = 0;
+    std::vector<bool> presses; // in arrival order: true a press, false a release
     {
         XErrorTrap trap(display);
         while (XPending(display) > 0) {
@@ -285,6 +285,8 @@ void X11ShortcutBackend::readEvents()
                         continue;
                     }
                 }
+                if (m_keyHeld)
+                    presses.push_back(false);
                 m_keyHeld = false;
                 continue;
             }
@@ -295,15 +297,20 @@ void X11ShortcutBackend::readEvents()
                 continue;
             }
             m_keyHeld = true;
-            ++pressedCount;
+            presses.push_back(true);
         }
     }
     if (mappingChanged)
         renewGrabs();
     if (XQLength(display) > 0)
         queueRead();
-    for (int i = 0; i < pressedCount; ++i)
-        Q_EMIT pressed();
+    // Emitted after the read: a listener may install or uninstall meanwhile.
+    for (bool press : presses) {
+        if (press)
+            Q_EMIT pressed();
+        else
+            Q_EMIT released();
+    }
 }
 
 } // namespace dictora::x11

@@ -2,9 +2,6 @@
 
 #include "platform/x11/XConnection.h"
 
-#include <QDeadlineTimer>
-#include <QThread>
-
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -68,38 +65,28 @@ bool X11WindowTracker::isActive(WindowHandle window)
     return !window.isNull() && activeWindow() == window.value;
 }
 
-bool X11WindowTracker::activate(WindowHandle window, std::chrono::milliseconds timeout)
+void X11WindowTracker::requestActivation(WindowHandle window)
 {
     if (window.isNull() || !m_connection->isOpen())
-        return false;
-    if (isActive(window))
-        return true;
+        return;
     Display *display = m_connection->display();
-    {
-        XErrorTrap trap(display);
-        XEvent event{};
-        event.xclient.type = ClientMessage;
-        event.xclient.serial = 0;
-        event.xclient.send_event = True;
-        event.xclient.display = display;
-        event.xclient.window = window.value;
-        event.xclient.message_type = m_connection->atom("_NET_ACTIVE_WINDOW");
-        event.xclient.format = 32;
-        event.xclient.data.l[0] = 2; // source: a pager, so focus-stealing rules do not apply
-        event.xclient.data.l[1] = CurrentTime;
-        event.xclient.data.l[2] = 0;
-        XSendEvent(display, m_connection->rootWindow(), False,
-                   SubstructureRedirectMask | SubstructureNotifyMask, &event);
-        if (trap.sync() != 0)
-            return false;
-    }
-    const QDeadlineTimer deadline(timeout);
-    while (!deadline.hasExpired()) {
-        if (isActive(window))
-            return true;
-        QThread::msleep(5);
-    }
-    return isActive(window);
+    // A window gone meanwhile gives BadWindow: trapped, and the caller's poll
+    // of isActive() simply never sees it active.
+    XErrorTrap trap(display);
+    XEvent event{};
+    event.xclient.type = ClientMessage;
+    event.xclient.serial = 0;
+    event.xclient.send_event = True;
+    event.xclient.display = display;
+    event.xclient.window = window.value;
+    event.xclient.message_type = m_connection->atom("_NET_ACTIVE_WINDOW");
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = 2; // source: a pager, so focus-stealing rules do not apply
+    event.xclient.data.l[1] = CurrentTime;
+    event.xclient.data.l[2] = 0;
+    XSendEvent(display, m_connection->rootWindow(), False, SubstructureRedirectMask | SubstructureNotifyMask,
+               &event);
+    trap.sync();
 }
 
 } // namespace dictora::x11

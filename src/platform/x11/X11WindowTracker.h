@@ -18,7 +18,7 @@ public:
 
     std::optional<FrontmostWindow> frontmostWindow() override;
     bool isActive(WindowHandle window) override;
-    bool activate(WindowHandle window, std::chrono::milliseconds timeout) override;
+    void requestActivation(WindowHandle window) override;
 
 private:
     unsigned long activeWindow() const;

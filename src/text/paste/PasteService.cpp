@@ -1,34 +1,28 @@
 #include "text/paste/PasteService.h"
 
-#include "platform/PlatformServices.h"
+#include "platform/ClipboardReadWatcher.h"
+#include "platform/WindowTracker.h"
 
 #include <QClipboard>
 #include <QCoreApplication>
 #include <QGuiApplication>
+#include <QPointer>
 
 namespace dictora {
 
-PasteService::PasteService(const RuntimeLog &log, QObject *parent)
-    : QObject(parent),
-      m_log(log),
-      m_ownedWindows(Platform::createWindowTracker()),
-      m_ownedKeystrokes(Platform::createKeystrokeSender()),
-      m_windows(*m_ownedWindows),
-      m_keystrokes(*m_ownedKeystrokes),
-      m_readWatcher(Platform::createClipboardReadWatcher())
-{
-    connect(m_readWatcher.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
-}
-
 PasteService::PasteService(const RuntimeLog &log, WindowTracker &windows, KeystrokeSender &keystrokes,
-                           QObject *parent)
+                           std::unique_ptr<ClipboardReadWatcher> readWatcher, QObject *parent)
     : QObject(parent),
       m_log(log),
       m_windows(windows),
       m_keystrokes(keystrokes),
-      m_readWatcher(Platform::createClipboardReadWatcher())
+      m_readWatcher(std::move(readWatcher))
 {
-    connect(m_readWatcher.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
+    m_poll.setInterval(pollInterval);
+    m_poll.setTimerType(Qt::PreciseTimer);
+    connect(&m_poll, &QTimer::timeout, this, &PasteService::advance);
+    if (m_readWatcher)
+        connect(m_readWatcher.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
 }
 
 PasteService::~PasteService() = default;
@@ -40,49 +34,114 @@ std::optional<PasteTarget> PasteService::captureTarget()
     return std::nullopt;
 }
 
-std::int64_t PasteService::paste(const QString &text, const PasteTarget &target)
+void PasteService::paste(const QString &text, const PasteTarget &target, Done done)
 {
-    QElapsedTimer elapsed;
-    elapsed.start();
-    m_log.write(QStringLiteral("paste begin target=") + target.application.name
-                + QStringLiteral(" chars=") + QString::number(text.size()));
+    Request request;
+    request.text = text;
+    request.target = target;
+    request.keystroke = pasteKeystrokeForWindowClass(target.application.bundleIdentifier.value_or(QString()));
+    request.done = std::move(done);
+    request.elapsed.start();
+    m_queue.push_back(std::move(request));
+    if (!m_busy)
+        begin();
+}
 
-    const PasteKeystroke keystroke =
-        pasteKeystrokeForWindowClass(target.application.bundleIdentifier.value_or(QString()));
+void PasteService::begin()
+{
+    m_busy = true;
+    const Request &request = m_queue.front();
+    m_log.write(QStringLiteral("paste begin target=") + request.target.application.name
+                + QStringLiteral(" chars=") + QString::number(request.text.size()));
+    if (!request.target.window.isNull() && !m_windows.isActive(request.target.window)) {
+        m_windows.requestActivation(request.target.window);
+        enter(Step::activating);
+    } else {
+        enter(Step::releasingKeys);
+    }
+}
+
+void PasteService::enter(Step step)
+{
+    Request &request = m_queue.front();
+    request.step = step;
+    request.stepElapsed.start();
+    advance();
+}
+
+// One poll: moves the front request on as far as it can go now.
+void PasteService::advance()
+{
+    if (!m_busy || m_queue.empty()) {
+        m_poll.stop();
+        return;
+    }
+    Request &request = m_queue.front();
+    switch (request.step) {
+    case Step::activating: {
+        const bool active = m_windows.isActive(request.target.window);
+        if (!active && request.stepElapsed.elapsed() < activationTimeout.count())
+            break;
+        m_log.write(QStringLiteral("paste target reactivated ok=")
+                    + (active ? QStringLiteral("true") : QStringLiteral("false")));
+        enter(Step::releasingKeys);
+        return;
+    }
+    case Step::releasingKeys:
+        // The user's own Ctrl/Alt/Shift would turn the paste into another
+        // command, and the held shortcut key sends every key to its grab.
+        if (m_keystrokes.anyKeyHeld()) {
+            if (request.stepElapsed.elapsed() < keyReleaseTimeout.count())
+                break;
+            m_log.write(QStringLiteral("paste keys still held; sending anyway"));
+        }
+        dispatch();
+        return;
+    }
+    if (!m_poll.isActive())
+        m_poll.start();
+}
+
+void PasteService::dispatch()
+{
+    m_poll.stop();
+    Request request = std::move(m_queue.front());
+    m_queue.pop_front();
+    m_busy = false;
+
     // Without a GUI application object there is no clipboard to serve from.
     QClipboard *clipboard = qobject_cast<QGuiApplication *>(QCoreApplication::instance())
                                 ? QGuiApplication::clipboard()
                                 : nullptr;
     if (clipboard) {
         clipboard->clear(QClipboard::Clipboard);
-        clipboard->setText(text, QClipboard::Clipboard);
+        clipboard->setText(request.text, QClipboard::Clipboard);
         // xterm and urxvt paste the primary selection on Shift+Insert.
-        if (keystroke == PasteKeystroke::shiftInsert && clipboard->supportsSelection())
-            clipboard->setText(text, QClipboard::Selection);
+        if (request.keystroke == PasteKeystroke::shiftInsert && clipboard->supportsSelection())
+            clipboard->setText(request.text, QClipboard::Selection);
     }
     m_log.write(QStringLiteral("pasteboard transcript installed"));
 
-    if (!target.window.isNull() && !m_windows.isActive(target.window)) {
-        const bool active = m_windows.activate(target.window, activationTimeout);
-        m_log.write(QStringLiteral("paste target reactivated ok=")
-                    + (active ? QStringLiteral("true") : QStringLiteral("false")));
-    }
-    if (!m_keystrokes.waitForKeysReleased(keyReleaseTimeout))
-        m_log.write(QStringLiteral("paste keys still held; sending anyway"));
-
-    m_lastPaste = elapsed;
-    m_awaitingRead = m_readWatcher->isWatching();
-    if (!m_keystrokes.send(keystroke)) {
+    m_lastPaste = request.elapsed;
+    m_awaitingRead = m_readWatcher && m_readWatcher->isWatching();
+    if (!m_keystrokes.send(request.keystroke)) {
         m_awaitingRead = false;
-        QString reason = m_keystrokes.failureReason();
-        m_log.write(QStringLiteral("paste keystroke failed keystroke=") + keystrokeName(keystroke)
+        const QString reason = m_keystrokes.failureReason();
+        m_log.write(QStringLiteral("paste keystroke failed keystroke=") + keystrokeName(request.keystroke)
                     + (reason.isEmpty() ? QString() : QStringLiteral(" error=") + reason));
     } else {
-        m_log.write(QStringLiteral("paste keystroke sent keystroke=") + keystrokeName(keystroke));
+        m_log.write(QStringLiteral("paste keystroke sent keystroke=") + keystrokeName(request.keystroke));
     }
     m_log.write(QStringLiteral("command-v posted to pid=")
-                + QString::number(target.application.processIdentifier));
-    return elapsed.elapsed();
+                + QString::number(request.target.application.processIdentifier));
+    const qint64 dispatchMs = request.elapsed.elapsed();
+
+    // `done` may start the next dictation step, or destroy us.
+    QPointer<PasteService> self(this);
+    if (request.done)
+        request.done(dispatchMs);
+    if (self && !m_busy && !m_queue.empty())
+        begin();
 }
 
 void PasteService::onTextRead(const QString &selection)

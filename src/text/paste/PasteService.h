@@ -1,62 +1,87 @@
 #pragma once
 
 #include "core/RuntimeLog.h"
+#include "platform/KeystrokeSender.h"
 #include "text/paste/PasteTarget.h"
 
 #include <QElapsedTimer>
 #include <QObject>
+#include <QTimer>
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 
 namespace dictora {
 
 class ClipboardReadWatcher;
-class KeystrokeSender;
 class WindowTracker;
 
 // Puts a finished transcript on the clipboard and types the paste keystroke
 // into the window that was frontmost when the dictation began. Main thread
-// only; it never blocks after the keystroke, because the target reads the
-// clipboard from this process's event loop.
+// only, and it never blocks it: re-activating the target and waiting for the
+// user to let go of keys are steps of a timer-driven sequence, and after the
+// keystroke the target reads the clipboard from this process's event loop.
 class PasteService : public QObject {
     Q_OBJECT
 public:
-    // Uses this desktop's window tracker and keystroke sender.
-    explicit PasteService(const RuntimeLog &log, QObject *parent = nullptr);
-    // Uses the given ones, which must outlive the service.
+    // Dispatch time: milliseconds from paste() to the keystroke.
+    using Done = std::function<void(qint64 milliseconds)>;
+
+    // The tracker, the sender and the watcher are this desktop's (see
+    // PlatformServices); the first two must outlive the service.
     PasteService(const RuntimeLog &log, WindowTracker &windows, KeystrokeSender &keystrokes,
-                 QObject *parent = nullptr);
+                 std::unique_ptr<ClipboardReadWatcher> readWatcher, QObject *parent = nullptr);
     ~PasteService() override;
 
     // The frontmost window of another application, as a paste target.
     std::optional<PasteTarget> captureTarget();
 
-    // Never fails: whatever cannot be done is logged and skipped. Returns the
-    // whole call's duration in milliseconds.
-    std::int64_t paste(const QString &text, const PasteTarget &target);
+    // Never fails: whatever cannot be done is logged and skipped. Returns at
+    // once; `done` follows on this thread once the keystroke is out, or
+    // never if the service goes first. Pastes asked for meanwhile run after.
+    void paste(const QString &text, const PasteTarget &target, Done done = {});
+    bool isPasting() const { return m_busy; }
 
-    // Bounds of the waits inside paste(); long enough for a window manager
-    // and a user letting go of keys, short enough never to hang the program.
+    // Bounds of the waits in the sequence; long enough for a window manager
+    // and a user letting go of keys, short enough never to hang a dictation.
     static constexpr std::chrono::milliseconds activationTimeout{1000};
     static constexpr std::chrono::milliseconds keyReleaseTimeout{2000};
+    static constexpr std::chrono::milliseconds pollInterval{5};
 
 Q_SIGNALS:
     // The target read the text we offered, this long after paste() began.
     void delivered(qint64 milliseconds);
 
 private:
+    enum class Step { activating, releasingKeys };
+    struct Request {
+        QString text;
+        PasteTarget target;
+        PasteKeystroke keystroke = PasteKeystroke::controlV;
+        Done done;
+        QElapsedTimer elapsed;
+        Step step = Step::activating;
+        QElapsedTimer stepElapsed;
+    };
+
+    void begin();
+    void advance();
+    void enter(Step step);
+    void dispatch();
     void onTextRead(const QString &selection);
 
     const RuntimeLog &m_log;
-    std::unique_ptr<WindowTracker> m_ownedWindows;
-    std::unique_ptr<KeystrokeSender> m_ownedKeystrokes;
     WindowTracker &m_windows;
     KeystrokeSender &m_keystrokes;
     std::unique_ptr<ClipboardReadWatcher> m_readWatcher;
+    std::deque<Request> m_queue;
+    QTimer m_poll;
     QElapsedTimer m_lastPaste;
+    bool m_busy = false; // the front request is under way
     bool m_awaitingRead = false;
 };
 

@@ -1,4 +1,4 @@
-#include "platform/PlatformServices.h"
+#include "platform/services/PlatformServices.h"
 
 #include "platform/x11/X11Platform.h"
 
@@ -29,6 +29,11 @@ std::unique_ptr<PermissionProbe> createPermissionProbe()
 std::unique_ptr<ClipboardReadWatcher> createClipboardReadWatcher(QObject *parent)
 {
     return X11Platform::createClipboardReadWatcher(parent);
+}
+
+std::unique_ptr<OverlayWindowHints> createOverlayWindowHints()
+{
+    return X11Platform::createOverlayWindowHints();
 }
 
 } // namespace dictora::Platform

@@ -2,6 +2,7 @@
 
 #include "platform/ClipboardReadWatcher.h"
 #include "platform/KeystrokeSender.h"
+#include "platform/OverlayWindowHints.h"
 #include "platform/PermissionProbe.h"
 #include "platform/ShortcutBackend.h"
 #include "platform/WindowTracker.h"
@@ -19,6 +20,8 @@ std::unique_ptr<KeystrokeSender> createKeystrokeSender();
 std::unique_ptr<PermissionProbe> createPermissionProbe();
 // Needs the application object to exist (it watches this process's clipboard).
 std::unique_ptr<ClipboardReadWatcher> createClipboardReadWatcher(QObject *parent = nullptr);
+// Needs the application object too (it asks which Qt platform runs the windows).
+std::unique_ptr<OverlayWindowHints> createOverlayWindowHints();
 } // namespace Platform
 
 } // namespace dictora

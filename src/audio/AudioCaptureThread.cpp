@@ -1,0 +1,75 @@
+#include "audio/AudioCaptureThread.h"
+
+#include "core/Error.h"
+
+#include <QMetaObject>
+#include <QPointer>
+
+namespace dictora {
+
+AudioCaptureThread::AudioCaptureThread(RuntimeLog *log, QObject *parent)
+    : QObject(parent), m_service(new AudioCaptureService(log))
+{
+    m_thread.setObjectName(QStringLiteral("dictora-microphone"));
+    m_service->moveToThread(&m_thread);
+    connect(&m_thread, &QThread::finished, m_service, &QObject::deleteLater);
+    m_thread.start();
+}
+
+AudioCaptureThread::~AudioCaptureThread()
+{
+    // Requests already queued run first; the service stops any recording as
+    // it is deleted on its own thread.
+    m_thread.quit();
+    m_thread.wait();
+}
+
+template<typename Work, typename Done>
+void AudioCaptureThread::request(Work work, Done done)
+{
+    QPointer<AudioCaptureThread> self(this);
+    QMetaObject::invokeMethod(m_service, [self, service = m_service, work = std::move(work), done = std::move(done)]() mutable {
+        auto result = work(*service);
+        if (!self)
+            return;
+        QMetaObject::invokeMethod(self.data(), [done = std::move(done), result = std::move(result)]() mutable {
+            if (done)
+                done(std::move(result));
+        }, Qt::QueuedConnection);
+    }, Qt::QueuedConnection);
+}
+
+void AudioCaptureThread::start(AudioMeterCallback onMeterLevels, Started done)
+{
+    request([onMeterLevels = std::move(onMeterLevels), context = this](AudioCaptureService &service) mutable
+                -> std::optional<QString> {
+        try {
+            service.start(std::move(onMeterLevels), context);
+            return std::nullopt;
+        } catch (...) {
+            return errorMessage(std::current_exception());
+        }
+    }, std::move(done));
+}
+
+void AudioCaptureThread::stop(Stopped done)
+{
+    request([](AudioCaptureService &service) { return service.stop(); }, std::move(done));
+}
+
+void AudioCaptureThread::cancel()
+{
+    QMetaObject::invokeMethod(m_service, [service = m_service] { service->cancel(); }, Qt::QueuedConnection);
+}
+
+void AudioCaptureThread::requestPermission(Answered done)
+{
+    request([](AudioCaptureService &service) { return service.requestMicrophonePermission(); }, std::move(done));
+}
+
+void AudioCaptureThread::checkStatus(StatusDone done)
+{
+    request([](AudioCaptureService &service) { return service.microphoneStatus(); }, std::move(done));
+}
+
+} // namespace dictora

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "audio/AudioCaptureService.h"
+
+#include <QObject>
+#include <QThread>
+
+#include <functional>
+#include <optional>
+
+namespace dictora {
+
+class RuntimeLog;
+
+// The one thread that owns the capture engine: every request (permission,
+// status, start, stop, cancel) runs there in the order it was made, and each
+// answer comes back on the thread that made the request's object, so the
+// GUI thread never waits on the sound server. Answers still under way when
+// this object goes are dropped.
+class AudioCaptureThread : public QObject {
+    Q_OBJECT
+public:
+    using Started = std::function<void(std::optional<QString> error)>;
+    using Stopped = std::function<void(CapturedAudioResult result)>;
+    using Answered = std::function<void(bool authorized)>;
+    using StatusDone = std::function<void(AudioCaptureService::MicrophoneStatus status)>;
+
+    // log may be null.
+    explicit AudioCaptureThread(RuntimeLog *log = nullptr, QObject *parent = nullptr);
+    ~AudioCaptureThread() override;
+
+    // Meter levels arrive on this object's thread while recording.
+    void start(AudioMeterCallback onMeterLevels, Started done);
+    void stop(Stopped done);
+    void cancel();
+    void requestPermission(Answered done);
+    void checkStatus(StatusDone done);
+
+private:
+    // Runs work(service) on the capture thread and done(result) back here.
+    template<typename Work, typename Done>
+    void request(Work work, Done done);
+
+    QThread m_thread;
+    AudioCaptureService *m_service; // lives on m_thread and is deleted there
+};
+
+} // namespace dictora

@@ -1,0 +1,7 @@
+#include "platform/OverlayWindowHints.h"
+
+namespace dictora {
+
+OverlayWindowHints::~OverlayWindowHints() = default;
+
+} // namespace dictora
