@@ -12,11 +12,14 @@ namespace dictora {
 // The one way this program runs work off the GUI thread: `work` on the
 // global pool, then `done(result)` on `context`'s thread. Nothing is
 // delivered once `context` is gone. `work` must not throw: catch inside it
-// and hand on errorMessage(std::current_exception()).
+// and hand on errorMessage(std::current_exception()). The returned future is
+// the work's: an owner whose work uses its members waits for it as it goes.
 template<typename Work, typename Done>
-void runElsewhere(QObject *context, Work &&work, Done &&done)
+auto runElsewhere(QObject *context, Work &&work, Done &&done)
 {
-    QtConcurrent::run(std::forward<Work>(work)).then(context, std::forward<Done>(done));
+    auto future = QtConcurrent::run(std::forward<Work>(work));
+    future.then(context, std::forward<Done>(done));
+    return future;
 }
 
 // The same on a pool of the caller's own, for work the caller must be able

@@ -27,7 +27,7 @@ ReadResult readJournal(const TranscriptJournal &journal)
         // Normalising every transcript is as costly as decoding it: use every core.
         const qsizetype count = result.records.size();
         result.searchKeys.resize(count);
-        std::vector<qsizetype> indexes(size_t(count));
+        std::vector<qsizetype> indexes(static_cast<size_t>(count));
         std::iota(indexes.begin(), indexes.end(), qsizetype(0));
         const auto makeKey = [&result](qsizetype i) {
             result.searchKeys[i] = HistoryFilter::searchKey(result.records.at(i).transcript);

@@ -48,11 +48,7 @@ MicOverlayPanel::MicOverlayPanel(DictoraState &state, ProductPreferences &prefer
     applyPreferences();
 }
 
-MicOverlayPanel::~MicOverlayPanel()
-{
-    if (m_frameClickThrough && qApp)
-        qApp->removeNativeEventFilter(m_frameClickThrough.get());
-}
+MicOverlayPanel::~MicOverlayPanel() = default;
 
 bool MicOverlayPanel::eventFilter(QObject *watched, QEvent *event)
 {

@@ -45,7 +45,10 @@ ReadinessMonitor::ReadinessMonitor(ShortcutBackend &shortcut, PermissionProbe &p
         &ReadinessMonitor::installCurrentShortcutSilently);
 }
 
-ReadinessMonitor::~ReadinessMonitor() = default;
+ReadinessMonitor::~ReadinessMonitor()
+{
+    m_desktopCheck.waitForFinished();
+}
 
 void ReadinessMonitor::installCurrentShortcutSilently()
 {
@@ -121,7 +124,7 @@ void ReadinessMonitor::refreshPermissions(std::function<void()> then)
         self->permissionsAnswered();
     });
     PermissionProbe *probe = &m_permissions;
-    runElsewhere(this, [probe] { return probe->accessibility(nullptr); }, [this](PermissionCheck check) {
+    m_desktopCheck = runElsewhere(this, [probe] { return probe->accessibility(nullptr); }, [this](PermissionCheck check) {
         m_desktop = std::move(check);
         permissionsAnswered();
     });

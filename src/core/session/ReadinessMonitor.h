@@ -8,6 +8,7 @@
 #include "platform/ShortcutBackend.h"
 #include "shortcut/GlobalShortcut.h"
 
+#include <QFuture>
 #include <QObject>
 #include <QTimer>
 
@@ -80,6 +81,7 @@ private:
     MicrophonePort::Status m_microphone;
     std::optional<PermissionCheck> m_desktop;
     int m_answersPending = 0;
+    QFuture<PermissionCheck> m_desktopCheck; // waited for on destruction: it uses the probe
     std::vector<std::function<void()>> m_refreshWaiters;
 };
 

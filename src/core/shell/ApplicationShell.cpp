@@ -25,6 +25,7 @@
 #include <QProcess>
 #include <QSettings>
 #include <QSocketNotifier>
+#include <QThreadPool>
 #include <QStandardPaths>
 
 #include <csignal>
@@ -232,6 +233,8 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     controller.start();
     showModelStatus();
     const int rc = app.exec();
+    // Work still running elsewhere uses the services below; let it end first.
+    QThreadPool::globalInstance()->waitForDone();
     log.write(QStringLiteral("app quit"));
     return rc;
 }

@@ -1,0 +1,169 @@
+#include "platform/ClipboardReadWatcher.h"
+#include "platform/KeystrokeSender.h"
+#include "platform/WindowTracker.h"
+#include "text/paste/PasteService.h"
+
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace dictora;
+
+namespace {
+
+// A window manager that takes a while to activate a window (or never does)
+// and a user who takes a while to let go of the keys: the two waits of the
+// sequence, with their timing under the test's control.
+struct SlowDesktop : WindowTracker, KeystrokeSender {
+    WindowHandle active{1};
+    int activationPolls = 0; // isActive() calls after a request until it is active; -1: never
+    int keyPolls = 0;        // anyKeyHeld() calls that still report a key; -1: held forever
+    bool sendWorks = true;
+    int requests = 0;
+    QStringList sent;
+
+    std::optional<FrontmostWindow> frontmostWindow() override { return std::nullopt; }
+    bool isActive(WindowHandle window) override
+    {
+        if (requests > 0 && activationPolls >= 0 && window != active && activationPolls-- == 0)
+            active = window;
+        return window == active;
+    }
+    void requestActivation(WindowHandle) override { ++requests; }
+    bool anyKeyHeld() override { return keyPolls < 0 || keyPolls-- > 0; }
+    bool send(PasteKeystroke keystroke) override
+    {
+        sent << keystrokeName(keystroke);
+        return sendWorks;
+    }
+    QString failureReason() const override { return sendWorks ? QString() : QStringLiteral("no XTEST"); }
+};
+
+QStringList messages(const RuntimeLog &log)
+{
+    QFile file(log.filePath());
+    file.open(QIODevice::ReadOnly);
+    QStringList out;
+    for (const QString &line : QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts))
+        out << line.mid(line.indexOf(QLatin1String("] ")) + 2);
+    return out;
+}
+
+PasteTarget target(quint64 window, const QString &windowClass = QStringLiteral("Mousepad"))
+{
+    return PasteTarget{TargetApplication{QStringLiteral("Editor"), windowClass, 321}, WindowHandle{window}};
+}
+
+} // namespace
+
+class PasteSequenceTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void waitsOnTimersNotInTheCall_data()
+    {
+        QTest::addColumn<quint64>("window");
+        QTest::addColumn<int>("activationPolls");
+        QTest::addColumn<int>("keyPolls");
+        QTest::addColumn<bool>("sendWorks");
+        QTest::addColumn<QStringList>("expected"); // log lines after "paste begin"
+        QTest::addColumn<int>("atLeastMs");        // the bound that had to pass first
+
+        const QString installed = QStringLiteral("pasteboard transcript installed");
+        const QString sent = QStringLiteral("paste keystroke sent keystroke=ctrl+v");
+        const QString posted = QStringLiteral("command-v posted to pid=321");
+        QTest::newRow("still focused, keys up") << quint64(1) << 0 << 0 << true
+                                                << QStringList{installed, sent, posted} << 0;
+        QTest::newRow("focus moved, comes back")
+            << quint64(7) << 20 << 0 << true
+            << QStringList{QStringLiteral("paste target reactivated ok=true"), installed, sent, posted} << 0;
+        QTest::newRow("focus never comes back")
+            << quint64(7) << -1 << 0 << true
+            << QStringList{QStringLiteral("paste target reactivated ok=false"), installed, sent, posted} << 1000;
+        QTest::newRow("user lets go of the keys") << quint64(1) << 0 << 30 << true
+                                                  << QStringList{installed, sent, posted} << 0;
+        QTest::newRow("a key stays down")
+            << quint64(1) << 0 << -1 << true
+            << QStringList{QStringLiteral("paste keys still held; sending anyway"), installed, sent, posted} << 2000;
+        QTest::newRow("no window to go back to") << quint64(0) << -1 << 0 << true
+                                                 << QStringList{installed, sent, posted} << 0;
+        QTest::newRow("keystroke refused")
+            << quint64(1) << 0 << 0 << false
+            << QStringList{installed, QStringLiteral("paste keystroke failed keystroke=ctrl+v error=no XTEST"), posted}
+            << 0;
+    }
+
+    void waitsOnTimersNotInTheCall()
+    {
+        QFETCH(quint64, window);
+        QFETCH(int, activationPolls);
+        QFETCH(int, keyPolls);
+        QFETCH(bool, sendWorks);
+        QFETCH(QStringList, expected);
+        QFETCH(int, atLeastMs);
+
+        QTemporaryDir dir;
+        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
+        SlowDesktop desktop;
+        desktop.activationPolls = activationPolls;
+        desktop.keyPolls = keyPolls;
+        desktop.sendWorks = sendWorks;
+        PasteService service(log, desktop, desktop, nullptr);
+
+        QElapsedTimer call;
+        call.start();
+        std::optional<qint64> dispatched;
+        service.paste(QStringLiteral("hello"), target(window), [&](qint64 ms) { dispatched = ms; });
+        const qint64 callMs = call.elapsed();
+        const bool waits = activationPolls != 0 && window != 1 && window != 0;
+        const bool holds = keyPolls != 0;
+        QCOMPARE(dispatched.has_value(), !waits && !holds);
+        QVERIFY2(callMs < 500, qPrintable(QString::number(callMs)));
+
+        QTRY_VERIFY_WITH_TIMEOUT(dispatched.has_value(), 10000);
+        QVERIFY(*dispatched >= atLeastMs);
+        QCOMPARE(desktop.sent, QStringList{QStringLiteral("ctrl+v")});
+        QCOMPARE(desktop.requests, waits ? 1 : 0);
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("hello"));
+        QStringList lines = messages(log);
+        QCOMPARE(lines.takeFirst(), QStringLiteral("paste begin target=Editor chars=5"));
+        QCOMPARE(lines, expected);
+    }
+
+    void pastesAskedForMeanwhileRunInOrder()
+    {
+        QTemporaryDir dir;
+        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
+        SlowDesktop desktop;
+        desktop.keyPolls = 10;
+        PasteService service(log, desktop, desktop, nullptr);
+        QStringList done;
+        service.paste(QStringLiteral("first"), target(1), [&](qint64) { done << QStringLiteral("first"); });
+        service.paste(QStringLiteral("second"), target(1, QStringLiteral("XTerm")),
+            [&](qint64) { done << QStringLiteral("second"); });
+        QTRY_COMPARE_WITH_TIMEOUT(done.size(), 2, 10000);
+        QCOMPARE(done, (QStringList{QStringLiteral("first"), QStringLiteral("second")}));
+        QCOMPARE(desktop.sent, (QStringList{QStringLiteral("ctrl+v"), QStringLiteral("shift+insert")}));
+        QCOMPARE(messages(log).filter(QStringLiteral("paste begin")).size(), 2);
+    }
+
+    void goingAwayMidSequenceCallsNothing()
+    {
+        QTemporaryDir dir;
+        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
+        SlowDesktop desktop;
+        desktop.keyPolls = -1;
+        bool called = false;
+        {
+            PasteService service(log, desktop, desktop, nullptr);
+            service.paste(QStringLiteral("late"), target(1), [&](qint64) { called = true; });
+            QTest::qWait(50);
+        }
+        QTest::qWait(50);
+        QVERIFY(!called);
+        QVERIFY(desktop.sent.isEmpty());
+    }
+};
+
+QTEST_MAIN(PasteSequenceTest)
+#include "tst_paste_sequence.moc"
