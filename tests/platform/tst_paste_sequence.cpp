@@ -3,6 +3,7 @@
 #include "platform/WindowTracker.h"
 #include "text/paste/PasteService.h"
 
+#include <QClipboard>
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QTemporaryDir>
