@@ -4,6 +4,7 @@
 #include <QGuiApplication>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLocalSocket>
 #include <QRandomGenerator>
 #include <QSet>
 #include <QtTest>
@@ -101,6 +102,17 @@ class TestE2eCrashSafety : public E2eCase {
         return toggle(why) && run->waitForLines(QStringLiteral("recording started session="), started + 1, 30000, why);
     }
 
+    bool sendStop(QString *why)
+    {
+        QLocalSocket socket;
+        socket.connectToServer(run->root() + QStringLiteral("/runtime/dictora.socket"));
+        if (!socket.waitForConnected(5000) || socket.write("toggle\n") != 7 || !socket.waitForBytesWritten(5000)) {
+            *why = QStringLiteral("cannot reach the program's socket: ") + socket.errorString();
+            return false;
+        }
+        return true;
+    }
+
     void killNow()
     {
         ::kill(pid_t(run->pid()), SIGKILL);
@@ -114,7 +126,7 @@ private Q_SLOTS:
     void killedAtRandomMomentsLosesNothing()
     {
         const quint32 seed = quint32(qEnvironmentVariableIntValue("DICTORA_CRASH_SEED")) ?: 1414u;
-        const int kills = qEnvironmentVariableIntValue("DICTORA_CRASH_KILLS") ?: 24;
+        const int kills = qEnvironmentVariableIntValue("DICTORA_CRASH_KILLS") ?: 32;
         QRandomGenerator random(seed);
         qInfo("seed %u, %d kills (DICTORA_CRASH_SEED, DICTORA_CRASH_KILLS)", seed, kills);
 
@@ -127,6 +139,7 @@ private Q_SLOTS:
         int perMoment[momentCount] = {};
         QSet<QString> readableBefore;
         int completedDictations = 0;
+        int insideAppend = 0; // the log's last word was "journal append begin"
         for (int k = 0; k < kills; ++k) {
             QVERIFY2(startAgain(&why), qPrintable(why));
             // A few whole dictations first, so kills land on a journal of any length.
@@ -138,7 +151,9 @@ private Q_SLOTS:
                     qPrintable(why));
                 ++completedDictations;
             }
-            const auto moment = Moment(random.bounded(int(momentCount)));
+            // The append is the moment that matters most: it gets two shares.
+            const int draw = int(random.bounded(int(momentCount) + 1));
+            const auto moment = draw >= int(momentCount) ? aroundAppend : Moment(draw);
             ++perMoment[moment];
             switch (moment) {
             case idle:
@@ -149,13 +164,13 @@ private Q_SLOTS:
                 ::usleep(random.bounded(200000u));
                 break;
             case aroundAppend:
-                // The stop is accepted by the time the verb returns; the append
-                // follows within milliseconds, so the kill lands before, inside
-                // or just after it.
+                // The stop goes straight to the program's socket, as the verb
+                // sends it, and the kill follows within a few milliseconds:
+                // before the append, inside it, or just after it.
                 QVERIFY2(startRecording(&why), qPrintable(why));
                 QTest::qWait(int(random.bounded(100u)));
-                QVERIFY2(toggle(&why), qPrintable(why));
-                ::usleep(random.bounded(30000u));
+                QVERIFY2(sendStop(&why), qPrintable(why));
+                ::usleep(random.bounded(6000u));
                 break;
             case afterAppend: {
                 const int appended = run->countLines(QStringLiteral("journal append complete"));
@@ -169,10 +184,13 @@ private Q_SLOTS:
                 break;
             }
             killNow();
+            const QStringList messages = run->messages();
+            if (!messages.isEmpty() && messages.last() == QLatin1String("journal append begin"))
+                ++insideAppend;
 
             QSet<QString> readable;
             QVERIFY2(readableIds(&readable, &why), qPrintable(why));
-            const LoggedSessions sessions = loggedSessions(run->messages());
+            const LoggedSessions sessions = loggedSessions(messages);
             for (const QString &id : sessions.appended)
                 QVERIFY2(readable.contains(id), qPrintable(QStringLiteral("kill %1 (%2): record %3 was logged as appended but does not read back")
                                                                .arg(k + 1).arg(QLatin1String(names[moment]), id)));
@@ -186,6 +204,7 @@ private Q_SLOTS:
         const LoggedSessions sessions = loggedSessions(run->messages());
         qInfo("%d kills: %d while idle, %d while recording, %d around the append, %d after the append",
             kills, perMoment[idle], perMoment[recording], perMoment[aroundAppend], perMoment[afterAppend]);
+        qInfo("%d kills landed between \"journal append begin\" and \"journal append complete\"", insideAppend);
         qInfo("%lld dictations started, %d completed before a kill, %lld logged as appended, %lld records read back",
             qlonglong(sessions.started.size()), completedDictations, qlonglong(sessions.appended.size()),
             qlonglong(readableBefore.size()));
