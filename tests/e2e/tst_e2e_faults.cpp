@@ -173,6 +173,59 @@ private Q_SLOTS:
         }
     }
 
+    // Hostile files in place before the program starts: it starts, says what
+    // it will not use, keeps the user's bytes, and dictation goes on. A
+    // journal whose last line has no line feed gets the new record on a line
+    // of its own.
+    void startsOverHostileFiles_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("logLine");
+        const QByteArray oldRecord = oldRecords(1);
+        QTest::newRow("journal cut mid-record") << "transcripts.jsonl" << oldRecord + oldRecord.left(90) << QString();
+        QTest::newRow("journal ends in binary noise") << "transcripts.jsonl" << oldRecord + QByteArray("\x00\xff\xfe{\"id", 7)
+                                                 << QString();
+        QTest::newRow("journal ends with a hand-written note") << "transcripts.jsonl" << oldRecord + "my note" << QString();
+        QTest::newRow("settings are binary") << "Dictora.ini" << QByteArray("\x7f" "ELF\x00\x01", 6)
+                                        << "settings file unreadable, defaults used; the old file is kept as ";
+        QTest::newRow("settings are deeply nested json") << "Dictora.ini" << QByteArray(5000, '[') + QByteArray(5000, ']')
+                                                    << "settings file unreadable, defaults used; the old file is kept as ";
+        QTest::newRow("snippets are not utf-8") << "snippets.json" << QByteArray("[{\"trigger\":\"\xc3\x28\"}]")
+                                           << "snippets file unreadable, starting without snippets";
+    }
+    void startsOverHostileFiles()
+    {
+        QFETCH(QString, file);
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, logLine);
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        const QString path = file == QLatin1String("Dictora.ini") ? run->root() + QStringLiteral("/config/Dictora/Dictora.ini")
+                                                                 : run->dataDirectory() + u'/' + file;
+        QVERIFY(dictora::test::writeFile(path, bytes));
+        QVERIFY2(startScripted(&why), qPrintable(why));
+        if (!logLine.isEmpty())
+            QVERIFY2(run->countLines(logLine) == 1, qPrintable(run->logText()));
+
+        QVERIFY2(dictate(QStringLiteral("recording completed outcome="), &why), qPrintable(why));
+        QVERIFY2(dictate(QStringLiteral("recording completed outcome="), &why), qPrintable(why));
+        if (file == QLatin1String("transcripts.jsonl")) {
+            QVERIFY(readFile(path).startsWith(bytes)); // nothing rewritten or repaired
+            QCOMPARE(journalIds().mid(journalIds().size() - 2), m_sessions);
+            QCOMPARE(journalIds().size(), 3);
+        } else {
+            QCOMPARE(journalIds(), m_sessions);
+        }
+        if (file == QLatin1String("Dictora.ini")) {
+            const QString kept = run->messages().filter(logLine).first().mid(logLine.size()).section(u' ', 0, 0);
+            QCOMPARE(readFile(kept), bytes);
+        } else if (file == QLatin1String("snippets.json")) {
+            QCOMPARE(readFile(path), bytes); // untouched until the user changes a snippet
+        }
+        QVERIFY2(run->stop(&why), qPrintable(why));
+    }
+
     // The whole data folder removed while running: the next dictation makes
     // it again, with the log and the journal.
     void dataFolderDeletedWhileRunning()
