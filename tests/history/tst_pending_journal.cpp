@@ -3,9 +3,12 @@
 #include "history/PendingJournal.h"
 #include "support/TestSupport.h"
 
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <unistd.h>
 
 using namespace dictora;
 using dictora::test::FileSizeLimit;
@@ -105,6 +108,45 @@ private Q_SLOTS:
         QCOMPARE(texts(journal.readAll()), expected);
         QVERIFY2(m_log.contains(QStringLiteral("pending journal records appended count=%1").arg(refused)),
             qPrintable(m_log.join(u'\n')));
+    }
+
+    // A real full file system: a small tmpfs filled to the last block.
+    void fullTmpfsKeepsTheRecordUntilThereIsRoom()
+    {
+        if (::geteuid() != 0)
+            QSKIP("mounting a small tmpfs needs root");
+        QTemporaryDir mountPoint;
+        if (QProcess::execute(QStringLiteral("mount"), {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
+                                                           QStringLiteral("size=64k"), QStringLiteral("tmpfs"), mountPoint.path()})
+            != 0)
+            QSKIP("tmpfs cannot be mounted here");
+        auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {mountPoint.path()}); });
+        const TranscriptJournal journal(mountPoint.filePath(QStringLiteral("Dictora/transcripts.jsonl")));
+        PendingJournal &pending = PendingJournal::of(journal);
+        const TranscriptRecord first = record("before the disk filled", 1);
+        // Longer than the free end of the journal's last page, so it needs a new one.
+        TranscriptRecord second = record("while it was full", 2);
+        second.transcript += QString(9000, u'w');
+        pending.append(first);
+        const QByteArray before = readFile(journal.filePath());
+        QFile filler(mountPoint.filePath(QStringLiteral("filler")));
+        QVERIFY(filler.open(QIODevice::WriteOnly));
+        while (filler.write(QByteArray(4096, 'x')) > 0 && filler.flush()) {
+        }
+        filler.close();
+
+        try {
+            pending.append(second);
+            QFAIL("an append to a full file system succeeded");
+        } catch (const JournalError &e) {
+            QVERIFY2(e.description().contains(QStringLiteral("No space left on device")), qPrintable(e.description()));
+        }
+        QCOMPARE(readFile(journal.filePath()), before);
+        QCOMPARE(pending.count(), 1);
+
+        QVERIFY(filler.remove());
+        QCOMPARE(pending.flush(), 1);
+        QCOMPARE(texts(journal.readAll()), (QStringList{first.transcript, second.transcript}));
     }
 
     // The controller's failure path appends a "failed" record with the id of
