@@ -4,6 +4,7 @@
 #include "cli/CommandLine.h"
 #include "core/DataPaths.h"
 #include "core/ProductPreferences.h"
+#include "core/SettingsFile.h"
 #include "text/BasicFormatter.h"
 #include "text/SnippetExpander.h"
 #include "text/SnippetStore.h"
@@ -67,7 +68,10 @@ int runFormat(const QStringList &arguments)
         return kExitFailure;
     }
 
-    QSettings settings(DataPaths::settingsFile(), QSettings::IniFormat);
+    QString settingsProblem;
+    QSettings settings(SettingsFile::readablePathOrNull(DataPaths::settingsFile(), &settingsProblem), QSettings::IniFormat);
+    if (!settingsProblem.isEmpty())
+        printErr(QStringLiteral("dictora format: settings ignored, defaults used: %1\n").arg(settingsProblem));
     const ProductPreferences prefs(settings);
 
     QString text = BasicFormatter::formatTranscript(raw, prefs.formattingEnabled() && !formatOff);

@@ -4,6 +4,7 @@
 #include "cli/CommandLine.h"
 #include "core/DataPaths.h"
 #include "core/ProductPreferences.h"
+#include "core/SettingsFile.h"
 #include "speech/AccuracyModelContract.h"
 #include "speech/AccuracyModelManager.h"
 #include "speech/AudioFile.h"
@@ -132,10 +133,16 @@ int runTranscribe(const QStringList &arguments)
     DecodedAudio audio;
     try {
         audio = AudioFile::decodeToMono16k(files.first());
+    } catch (const std::bad_alloc &) {
+        printErr(QStringLiteral("dictora transcribe: %1 is too long to decode in memory\n").arg(files.first()));
+        return kExitFailure;
     } catch (const Error &error) {
         printErr(QStringLiteral("dictora transcribe: %1\n").arg(error.description()));
         return kExitFailure;
     }
+
+    if (!audio.shortfall.isEmpty())
+        printErr(QStringLiteral("dictora transcribe: %1\n").arg(audio.shortfall));
 
     std::unique_ptr<AccuracyModelManager> manager;
     try {
@@ -164,11 +171,18 @@ int runTranscribe(const QStringList &arguments)
 
     QString text = result.text;
     if (!raw) {
-        QSettings store(DataPaths::settingsFile(), QSettings::IniFormat);
+        QString settingsProblem;
+        QSettings store(SettingsFile::readablePathOrNull(DataPaths::settingsFile(), &settingsProblem), QSettings::IniFormat);
+        if (!settingsProblem.isEmpty())
+            printErr(QStringLiteral("dictora transcribe: settings ignored, defaults used: %1\n").arg(settingsProblem));
         const ProductPreferences preferences(store);
         text = BasicFormatter::formatTranscript(text, preferences.formattingEnabled());
-        if (preferences.snippetsEnabled())
-            text = SnippetExpander::apply(text, SnippetStore::load(DataPaths::snippetsFile()).entries);
+        if (preferences.snippetsEnabled()) {
+            const SnippetStore::LoadResult snippets = SnippetStore::load(DataPaths::snippetsFile());
+            if (!snippets.problem.isEmpty())
+                printErr(QStringLiteral("dictora transcribe: snippets not applied: %1\n").arg(snippets.problem));
+            text = SnippetExpander::apply(text, snippets.entries);
+        }
     }
     if (text.isEmpty()) {
         printErr(QStringLiteral("(no speech recognised)\n"));

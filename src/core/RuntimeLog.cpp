@@ -28,13 +28,13 @@ void RuntimeLog::write(const QString &message) const
     QMutexLocker lock(&m_mutex);
     const QString folder = QFileInfo(m_filePath).absolutePath();
     if (!QDir().mkpath(folder)) {
-        std::fprintf(stderr, "Dictora log error: cannot create folder %s\n", qPrintable(folder));
+        std::fprintf(stderr, "Dictora log error: cannot create folder %s: %s", qPrintable(folder), bytes.constData());
         return;
     }
     const QByteArray path = QFile::encodeName(m_filePath);
     const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0) {
-        std::fprintf(stderr, "Dictora log error: %s: %s\n", path.constData(), std::strerror(errno));
+        std::fprintf(stderr, "Dictora log error: %s: %s: %s", path.constData(), std::strerror(errno), bytes.constData());
         return;
     }
     qsizetype written = 0;
@@ -43,7 +43,7 @@ void RuntimeLog::write(const QString &message) const
         if (n < 0) {
             if (errno == EINTR)
                 continue;
-            std::fprintf(stderr, "Dictora log error: %s: %s\n", path.constData(), std::strerror(errno));
+            std::fprintf(stderr, "Dictora log error: %s: %s: %s", path.constData(), std::strerror(errno), bytes.constData());
             break;
         }
         written += n;

@@ -1,5 +1,6 @@
 #include "history/HistoryStore.h"
 
+#include "history/PendingJournal.h"
 #include "history/TranscriptHistoryArchive.h"
 
 #include "core/Async.h"
@@ -22,6 +23,12 @@ struct ReadResult {
 
 ReadResult readJournal(const TranscriptJournal &journal)
 {
+    try {
+        // Dictations the journal refused earlier go in first, so History shows them.
+        PendingJournal::of(journal).flush();
+    } catch (const Error &) {
+        // Still refused: they stay in memory and the read shows what is on disk.
+    }
     try {
         ReadResult result{journal.readAll(), {}, std::nullopt};
         // Normalising every transcript is as costly as decoding it: use every core.

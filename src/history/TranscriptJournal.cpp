@@ -50,19 +50,32 @@ void TranscriptJournal::prepare() const
 void TranscriptJournal::append(const TranscriptRecord &record) const
 {
     QMutexLocker lock(&ioGate());
+    appendUnlocked(record);
+}
+
+void TranscriptJournal::appendUnlocked(const TranscriptRecord &record) const
+{
     prepareUnlocked();
-    const QByteArray line = record.toJsonLine() + '\n';
+    QByteArray line = record.toJsonLine() + '\n';
     const QByteArray path = QFile::encodeName(m_filePath);
-    const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    const int fd = ::open(path.constData(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0)
         throw JournalError(PrivateFiles::describeErrno(m_filePath));
     QString failure;
+    const off_t before = ::lseek(fd, 0, SEEK_END);
+    // A last line without its line feed (a crash or a full disk mid-append, a
+    // hand edit) must not swallow this record: start a line of our own.
+    char last = '\n';
+    if (before > 0 && ::pread(fd, &last, 1, before - 1) == 1 && last != '\n')
+        line.prepend('\n');
     qsizetype written = 0;
     while (written < line.size()) {
         const ssize_t n = ::write(fd, line.constData() + written, size_t(line.size() - written));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
+            if (n == 0)
+                errno = ENOSPC;
             failure = PrivateFiles::describeErrno(m_filePath);
             break;
         }
@@ -70,6 +83,10 @@ void TranscriptJournal::append(const TranscriptRecord &record) const
     }
     if (failure.isEmpty() && ::fsync(fd) != 0)
         failure = PrivateFiles::describeErrno(m_filePath);
+    // A failed append takes back what it wrote, so a retry cannot leave the
+    // same record twice; only this call's bytes are touched.
+    if (!failure.isEmpty() && before >= 0 && written > 0 && ::ftruncate(fd, before) == 0)
+        ::fsync(fd);
     ::close(fd);
     throwIfFailed(failure);
 }

@@ -25,7 +25,8 @@ public:
 
     // Creates the folder (0700) and an empty file (0600) when missing.
     void prepare() const;
-    // One line, flushed to stable storage before returning.
+    // One line, flushed to stable storage before returning. It always starts
+    // on a line of its own; a failed append leaves the file as it found it.
     void append(const TranscriptRecord &record) const;
     // Records in file order; undecodable lines are skipped and left in place.
     QList<TranscriptRecord> readAll() const;
@@ -51,6 +52,7 @@ public:
 private:
     static QMutex &ioGate();
     void prepareUnlocked() const;
+    void appendUnlocked(const TranscriptRecord &record) const;
     QList<TranscriptRecord> readAllUnlocked() const;
     void replaceAllUnlocked(const QList<TranscriptRecord> &records) const;
 

@@ -25,6 +25,8 @@ AccuracyModelContract AccuracyModelContract::fromJsonFile(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         throw fail(file.errorString());
+    if (file.size() > 64 * 1024)
+        throw fail(QStringLiteral("%1 bytes is far too large for four fields").arg(file.size()));
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
     if (parseError.error != QJsonParseError::NoError)

@@ -17,6 +17,9 @@ struct DecodedAudio {
     QList<float> samples; // 16 kHz, mono, 32-bit float
     int sourceSampleRate = 0;
     int sourceChannels = 0;
+    // Set when the file held less than its header promised (cut short, or a
+    // forged length): what was there is decoded, and the caller says so.
+    QString shortfall;
 
     double seconds() const { return samples.size() / 16000.0; }
 };

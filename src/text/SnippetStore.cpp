@@ -26,6 +26,10 @@ SnippetStore::LoadResult SnippetStore::load(const QString &fileName)
         return {};
     if (!file.open(QIODevice::ReadOnly))
         return {{}, QStringLiteral("cannot read %1: %2").arg(fileName, file.errorString())};
+    // Thousands of snippets are a few hundred kilobytes; anything this big is not ours.
+    constexpr qint64 kLargestFile = 16 << 20;
+    if (file.size() > kLargestFile)
+        return {{}, QStringLiteral("%1 is too large to be a snippets file (%2 bytes)").arg(fileName).arg(file.size())};
     QString problem;
     const auto entries = decode(file.readAll(), &problem);
     if (!entries)

@@ -97,7 +97,7 @@ int main(int argc, char **argv)
     if (dictora::test::sharedTestData().isEmpty())
         return dictora::test::skipAll("../shared/testdata is not beside the repository");
     if (!dictora::test::pulse::serverConfigured())
-        return dictora::test::skipAll("needs a PulseAudio server: run under tests/support/pulse/with-pulse");
+        return dictora::test::rigMissing("needs a PulseAudio server: run under tests/support/pulse/with-pulse");
     QCoreApplication app(argc, argv);
     AudioCaptureSpeechTest test;
     return QTest::qExec(&test, argc, argv);

@@ -167,7 +167,7 @@ void RecordVerbTest::noMicrophone()
 int main(int argc, char **argv)
 {
     if (!dictora::test::pulse::serverConfigured())
-        return dictora::test::skipAll("needs a PulseAudio server: run under tests/support/pulse/with-pulse");
+        return dictora::test::rigMissing("needs a PulseAudio server: run under tests/support/pulse/with-pulse");
     QCoreApplication app(argc, argv);
     RecordVerbTest test;
     return QTest::qExec(&test, argc, argv);

@@ -558,15 +558,15 @@ QString Terminal::received() const { return readTextFile(m_file).remove(QChar(2)
 int checkEnvironment()
 {
     if (qEnvironmentVariableIsEmpty("DISPLAY"))
-        return skipAll("needs an X display: run under tests/support/x11/with-x");
+        return rigMissing("needs an X display: run under tests/support/x11/with-x");
     if (qEnvironmentVariableIsEmpty("PULSE_SERVER"))
-        return skipAll("needs a sound server: run under tests/support/pulse/with-pulse");
+        return rigMissing("needs a sound server: run under tests/support/pulse/with-pulse");
     if (testData().isEmpty())
         return skipAll("../shared/testdata is not beside the repository");
     for (const char *tool : {"l3afpad", "xterm", "xdotool", "paplay"}) {
         if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty()) {
             const QByteArray reason = QByteArray(tool) + " is not installed";
-            return skipAll(reason.constData());
+            return rigMissing(reason.constData());
         }
     }
     for (const QString &binary : {dictoraBinary(), scriptedBinary()}) {

@@ -96,19 +96,49 @@ private Q_SLOTS:
         QCOMPARE(readFile(journalPath()), bytes); // nothing repaired
     }
 
-    void crlfLineAndCrashCutLineAreSkipped()
+    void crlfLineIsSkipped()
     {
         QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
-        const TranscriptRecord a = makeRecord(1), b = makeRecord(2), c = makeRecord(3);
-        const QByteArray cut = c.toJsonLine().left(c.toJsonLine().size() / 2);
-        QVERIFY(writeFile(journalPath(), a.toJsonLine() + "\r\n" + b.toJsonLine() + "\n" + cut));
+        const TranscriptRecord a = makeRecord(1), b = makeRecord(2);
+        QVERIFY(writeFile(journalPath(), a.toJsonLine() + "\r\n" + b.toJsonLine() + "\n"));
+        QCOMPARE(TranscriptJournal(journalPath()).readAll(), QList<TranscriptRecord>{b});
+    }
+
+    // Whatever the last line holds, an append stands on a line of its own and
+    // the earlier bytes stay exactly as they were.
+    void appendAfterTornTail_data()
+    {
+        QTest::addColumn<QByteArray>("tail");
+        QTest::addColumn<int>("readableBefore");
+        const QByteArray cut = makeRecord(9).toJsonLine();
+        QTest::newRow("record cut by a crash") << cut.left(cut.size() / 2) << 1;
+        QTest::newRow("record without its line feed") << cut << 2;
+        QTest::newRow("hand edit without line feed") << QByteArray("my own note") << 1;
+        QTest::newRow("carriage return only") << QByteArray("\r") << 1;
+        QTest::newRow("invalid utf-8") << QByteArray("\xff\xfe{\"id\":") << 1;
+        QTest::newRow("clean end") << QByteArray() << 1;
+    }
+    void appendAfterTornTail()
+    {
+        QFETCH(QByteArray, tail);
+        QFETCH(int, readableBefore);
+        QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
+        const TranscriptRecord a = makeRecord(1);
+        const QByteArray before = a.toJsonLine() + "\n" + tail;
+        QVERIFY(writeFile(journalPath(), before));
         TranscriptJournal journal(journalPath());
-        QCOMPARE(journal.readAll(), QList<TranscriptRecord>{b});
-        // The next append fuses with the cut line; that one record is lost, later ones are not.
-        journal.append(makeRecord(4));
-        const TranscriptRecord e = makeRecord(5);
-        journal.append(e);
-        QCOMPARE(journal.readAll(), (QList<TranscriptRecord>{b, e}));
+        QCOMPARE(journal.readAll().size(), readableBefore);
+
+        const TranscriptRecord b = makeRecord(2), c = makeRecord(3);
+        journal.append(b);
+        journal.append(c);
+        const QByteArray after = readFile(journalPath());
+        QVERIFY(after.startsWith(before)); // nothing rewritten
+        const QList<TranscriptRecord> records = journal.readAll();
+        QCOMPARE(records.size(), readableBefore + 2);
+        QCOMPARE(records.at(records.size() - 2), b);
+        QCOMPARE(records.last(), c);
+        QVERIFY(after.endsWith("\n" + b.toJsonLine() + "\n" + c.toJsonLine() + "\n"));
     }
 
     void concurrentAppendsNeverInterleave()
@@ -167,6 +197,36 @@ private Q_SLOTS:
         }
         QVERIFY_THROWS_EXCEPTION(JournalError, journal.prepare());
         QCOMPARE(readFile(blocker), QByteArray("x"));
+    }
+
+    // A file-size limit refuses the append part-way, as a full disk does: the
+    // journal is left byte for byte as it was, torn tail included, so a later
+    // append neither duplicates nor fuses anything.
+    void refusedAppendLeavesFileUnchanged_data()
+    {
+        QTest::addColumn<QByteArray>("tail");
+        QTest::addColumn<int>("room");
+        QTest::newRow("no room at all") << QByteArray() << 0;
+        QTest::newRow("room for part of a line") << QByteArray() << 40;
+        QTest::newRow("torn tail, room for the line feed") << QByteArray("{\"cut") << 1;
+        QTest::newRow("torn tail, room for part") << QByteArray("{\"cut") << 60;
+    }
+    void refusedAppendLeavesFileUnchanged()
+    {
+        QFETCH(QByteArray, tail);
+        QFETCH(int, room);
+        QDir().mkpath(m_dir.filePath(QStringLiteral("Dictora")));
+        const TranscriptRecord a = makeRecord(1), b = makeRecord(2);
+        const QByteArray before = a.toJsonLine() + "\n" + tail;
+        QVERIFY(writeFile(journalPath(), before));
+        TranscriptJournal journal(journalPath());
+        {
+            test::FileSizeLimit limit(before.size() + room);
+            QVERIFY_THROWS_EXCEPTION(JournalError, journal.append(b));
+        }
+        QCOMPARE(readFile(journalPath()), before);
+        journal.append(b);
+        QCOMPARE(journal.readAll(), (QList<TranscriptRecord>{a, b}));
     }
 
     void fullDiskIsAnError()

@@ -171,11 +171,11 @@ private Q_SLOTS:
 int main(int argc, char **argv)
 {
     if (qEnvironmentVariableIsEmpty("DISPLAY") || qgetenv("QT_QPA_PLATFORM") != "xcb")
-        return test::skipAll("needs an X server (run through tests/support/x11/with-x)");
+        return test::rigMissing("needs an X server (run through tests/support/x11/with-x)");
     // trayer is a small XEmbed tray (Debian package trayer).
     for (const char *tool : {"trayer", "xdotool"})
         if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty())
-            return test::skipAll(tool[0] == 't' ? "trayer is not installed" : "xdotool is not installed");
+            return test::rigMissing(tool[0] == 't' ? "trayer is not installed" : "xdotool is not installed");
     // No session bus here, so Qt looks for an XEmbed tray, as on a plain X desktop.
     qunsetenv("DBUS_SESSION_BUS_ADDRESS");
     QApplication app(argc, argv);

@@ -168,7 +168,7 @@ private Q_SLOTS:
         QFETCH(bool, moveFocusAway);
         QFETCH(QString, keystroke);
         if (QStandardPaths::findExecutable(kind).isEmpty())
-            QSKIP(qPrintable(kind + QStringLiteral(" is not installed")));
+            DICTORA_RIG_MISSING(kind + QStringLiteral(" is not installed"));
 
         const QString logPath = dir.filePath(QStringLiteral("runtime-%1.log").arg(++fileCounter));
         const QString targetFile = dir.filePath(QStringLiteral("received-%1.txt").arg(fileCounter));
@@ -261,7 +261,7 @@ private Q_SLOTS:
 int main(int argc, char **argv)
 {
     if (qEnvironmentVariableIsEmpty("DISPLAY"))
-        return dictora::test::skipAll("needs an X display: run under tests/support/x11/with-x");
+        return dictora::test::rigMissing("needs an X display: run under tests/support/x11/with-x");
     QApplication app(argc, argv);
     TestX11Paste tc;
     return QTest::qExec(&tc, argc, argv);

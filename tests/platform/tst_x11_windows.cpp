@@ -53,7 +53,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         if (QStandardPaths::findExecutable(QStringLiteral("xterm")).isEmpty())
-            QSKIP("xterm is not installed (Debian package xterm)");
+            DICTORA_RIG_MISSING("xterm is not installed (Debian package xterm)");
         QVERIFY(dataHome.isValid());
         const QString apps = dataHome.path() + QStringLiteral("/applications");
         QVERIFY(QDir().mkpath(apps));
@@ -94,7 +94,7 @@ private Q_SLOTS:
         QFETCH(QString, applicationName);
         if (applicationName == QLatin1String("XTerm")
             && !QFile::exists(QStringLiteral("/usr/share/applications/debian-xterm.desktop")))
-            QSKIP("xterm's desktop entry is not installed");
+            DICTORA_RIG_MISSING("xterm's desktop entry is not installed");
 
         x11::X11WindowTracker tracker;
         FrontmostWindow window;
@@ -205,7 +205,7 @@ private Q_SLOTS:
 int main(int argc, char **argv)
 {
     if (qEnvironmentVariableIsEmpty("DISPLAY"))
-        return dictora::test::skipAll("needs an X display: run under tests/support/x11/with-x");
+        return dictora::test::rigMissing("needs an X display: run under tests/support/x11/with-x");
     QApplication app(argc, argv);
     TestX11Windows tc;
     return QTest::qExec(&tc, argc, argv);

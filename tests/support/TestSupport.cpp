@@ -3,7 +3,9 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <csignal>
 #include <cstdio>
+#include <sys/resource.h>
 
 namespace dictora::test {
 
@@ -22,6 +24,21 @@ int skipAll(const char *reason)
     return kSkipExitCode;
 }
 
+bool runsUnderCi()
+{
+    const QByteArray ci = qgetenv("CI").trimmed().toLower();
+    return ci == "true" || ci == "1" || ci == "yes";
+}
+
+int rigMissing(const char *reason)
+{
+    if (!runsUnderCi())
+        return skipAll(reason);
+    std::printf("FAIL: %s (CI=true: a missing rig fails the run)\n", reason);
+    std::fflush(stdout);
+    return 1;
+}
+
 QByteArray readFile(const QString &path)
 {
     QFile file(path);
@@ -33,6 +50,24 @@ bool writeFile(const QString &path, const QByteArray &bytes)
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+FileSizeLimit::FileSizeLimit(qint64 bytes)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    m_previous = limit.rlim_cur;
+    limit.rlim_cur = rlim_t(bytes);
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+FileSizeLimit::~FileSizeLimit()
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = rlim_t(m_previous);
+    setrlimit(RLIMIT_FSIZE, &limit);
 }
 
 IsolatedHome::IsolatedHome()

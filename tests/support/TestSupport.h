@@ -11,13 +11,33 @@ constexpr int kSkipExitCode = 77;
 
 // ../shared/testdata beside the repository, or empty when it is absent.
 QString sharedTestData();
-// Prints the reason and returns kSkipExitCode.
+// Prints the reason and returns kSkipExitCode. For absent test data only:
+// a missing rig goes through rigMissing().
 int skipAll(const char *reason);
+// True when the suite runs under CI (CI=true), where no rig may be missing.
+bool runsUnderCi();
+// An X server, a sound server or a paste target the test needs is absent:
+// a visible skip on a developer's machine, a failure (exit 1) under CI.
+int rigMissing(const char *reason);
 
 // A whole file, or empty when it cannot be read.
 QByteArray readFile(const QString &path);
 // Replaces a file (creating its folder); false when it cannot be written.
 bool writeFile(const QString &path, const QByteArray &bytes);
+
+// Lowers this process's file-size limit (RLIMIT_FSIZE) for as long as it
+// lives: writes past `bytes` fail with EFBIG, as they would on a full disk.
+// SIGXFSZ is ignored meanwhile, so the write fails instead of the process.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(qint64 bytes);
+    ~FileSizeLimit();
+    FileSizeLimit(const FileSizeLimit &) = delete;
+    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+
+private:
+    quint64 m_previous = 0;
+};
 
 // Points XDG_DATA_HOME, XDG_CONFIG_HOME and XDG_RUNTIME_DIR into a fresh
 // temporary folder for as long as it lives, so tests never touch the user's files.
@@ -32,6 +52,15 @@ private:
 };
 
 } // namespace dictora::test
+
+// rigMissing() inside a test function: QSKIP, or QFAIL under CI.
+#define DICTORA_RIG_MISSING(reason)                                                          \
+    do {                                                                                     \
+        if (dictora::test::runsUnderCi())                                                    \
+            QFAIL(qPrintable(QStringLiteral("%1 (CI=true: a missing rig fails the run)")    \
+                                 .arg(QString(reason))));                                    \
+        QSKIP(qPrintable(QString(reason)));                                                  \
+    } while (false)
 
 // A QTest main for tests that need ../shared/testdata: skipped visibly without it.
 #define DICTORA_TEST_MAIN_WITH_TESTDATA(TestClass)                                         \

@@ -1,6 +1,7 @@
 #include "core/session/DictoraController.h"
 
 #include "core/Async.h"
+#include "history/PendingJournal.h"
 #include "shortcut/GlobalShortcut.h"
 #include "text/BasicFormatter.h"
 #include "text/SnippetExpander.h"
@@ -410,7 +411,7 @@ void DictoraController::appendInBackground(TranscriptRecord record, AppendDone d
     runElsewhere(this,
         [journal = m_c.journal, record = std::move(record)]() -> std::optional<QString> {
             try {
-                journal.append(record);
+                PendingJournal::of(journal).append(record);
                 return std::nullopt;
             } catch (...) {
                 return errorMessage(std::current_exception());

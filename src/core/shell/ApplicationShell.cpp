@@ -3,9 +3,11 @@
 #include "core/DataPaths.h"
 #include "core/GuiStallWatch.h"
 #include "core/RuntimeLog.h"
+#include "core/SettingsFile.h"
 #include "core/SingleInstance.h"
 #include "core/session/DictoraController.h"
 #include "history/HistoryStore.h"
+#include "history/PendingJournal.h"
 #include "history/TranscriptJournal.h"
 #include "home/HomeWindow.h"
 #include "home/Style.h"
@@ -22,6 +24,8 @@
 #include "text/SnippetStore.h"
 
 #include <QApplication>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QProcess>
 #include <QSettings>
 #include <QSocketNotifier>
@@ -59,6 +63,59 @@ void quitOnTerminationSignals(QCoreApplication &app)
     action.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
+    // A file-size limit (ulimit -f) must fail the write, not kill the process
+    // with dictations still in memory.
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+// Dictations the journal refused are still in memory: one more try, then the
+// user decides. A further SIGTERM while the question is open counts as Quit.
+void settlePendingRecordsBeforeQuit(PendingJournal &pending, const RuntimeLog &log)
+{
+    for (;;) {
+        QString error;
+        try {
+            pending.flush();
+        } catch (const Error &e) {
+            error = e.description();
+        }
+        const qsizetype count = pending.count();
+        if (count == 0)
+            return;
+        log.write(QStringLiteral("quitting with unsaved dictations pending=%1 error=%2").arg(count).arg(error));
+        QMessageBox box(QMessageBox::Warning, QStringLiteral("Dictations Not Saved"),
+            QStringLiteral("%1 dictation(s) could not be saved to your History: %2\n\n"
+                           "Free some space or fix the data folder, then choose Try Again. "
+                           "If you quit now they are lost.")
+                .arg(count)
+                .arg(error));
+        QString texts;
+        for (const TranscriptRecord &record : pending.pending())
+            texts += record.transcript + QLatin1Char('\n');
+        box.setDetailedText(texts);
+        QPushButton *retry = box.addButton(QStringLiteral("Try Again"), QMessageBox::AcceptRole);
+        QPushButton *quit = box.addButton(QStringLiteral("Quit Anyway"), QMessageBox::DestructiveRole);
+        box.setDefaultButton(retry);
+        log.write(QStringLiteral("quit notice shown pending=%1").arg(count));
+        box.exec();
+        if (box.clickedButton() == retry)
+            continue;
+        if (box.clickedButton() != quit) {
+            // Closed by a signal: one last try before leaving.
+            try {
+                pending.flush();
+            } catch (const Error &) {
+            }
+        }
+        const QList<TranscriptRecord> lost = pending.pending();
+        if (lost.isEmpty())
+            return;
+        // Last resort: the session's own log keeps them.
+        for (const TranscriptRecord &record : lost)
+            std::fprintf(stderr, "dictora: unsaved dictation: %s\n", record.toJsonLine().constData());
+        log.write(QStringLiteral("app quit with unsaved dictations count=%1").arg(lost.size()));
+        return;
+    }
 }
 
 void openSoundSettings(const RuntimeLog &log)
@@ -105,12 +162,20 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         return 1;
     }
 
+    RuntimeLog log(DataPaths::logFile());
+    if (const QString moved = SettingsFile::setAsideIfUnreadable(DataPaths::settingsFile()); !moved.isEmpty()) {
+        log.write(moved);
+        std::fprintf(stderr, "dictora: %s\n", qPrintable(moved));
+    }
     QSettings settings(DataPaths::settingsFile(), QSettings::IniFormat);
     DictoraState state;
     ProductPreferences preferences(settings);
-    RuntimeLog log(DataPaths::logFile());
     const TranscriptJournal journal(DataPaths::journalFile());
+    PendingJournal::of(journal).setLog([&log](const QString &message) { log.write(message); });
     SnippetStore snippets(DataPaths::snippetsFile());
+    if (!snippets.loadProblem().isEmpty())
+        log.write(QStringLiteral("snippets file unreadable, starting without snippets; a copy is kept before the next save: ")
+            + snippets.loadProblem());
 
     AccuracyModelManager model(modelOptions, &log);
     const std::unique_ptr<SpeechPort> speech = speechFactory(model);
@@ -235,6 +300,8 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     const int rc = app.exec();
     // Work still running elsewhere uses the services below; let it end first.
     QThreadPool::globalInstance()->waitForDone();
+    settlePendingRecordsBeforeQuit(PendingJournal::of(journal), log);
+    PendingJournal::of(journal).setLog({});
     log.write(QStringLiteral("app quit"));
     return rc;
 }
