@@ -4,52 +4,26 @@
 
 #include "core/Background.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
-
-#include <algorithm>
-#include <thread>
+#include <QPointer>
+#include <QThreadPool>
 
 namespace dictora {
 
 namespace {
 
-struct ReadResult {
-    QList<TranscriptRecord> records;
-    QList<QString> searchKeys; // made here, so the first search after a reload is instant
-    std::optional<QString> error;
-};
-
-ReadResult readJournal(const TranscriptJournal &journal)
-{
-    try {
-        ReadResult result{journal.readAll(), {}, std::nullopt};
-        // Normalising every transcript is as costly as decoding it: use every core.
-        const qsizetype count = result.records.size();
-        result.searchKeys.resize(count);
-        const qsizetype workers = count < 4096 ? 1 : qsizetype(std::max(1u, std::thread::hardware_concurrency()));
-        std::vector<std::thread> threads;
-        for (qsizetype w = 0; w < workers; ++w) {
-            const qsizetype from = count * w / workers, to = count * (w + 1) / workers;
-            const auto work = [&result, from, to] {
-                for (qsizetype i = from; i < to; ++i)
-                    result.searchKeys[i] = HistoryFilter::searchKey(result.records.at(i).transcript);
-            };
-            if (w + 1 == workers)
-                work();
-            else
-                threads.emplace_back(work);
-        }
-        for (auto &t : threads)
-            t.join();
-        return result;
-    } catch (const Error &e) {
-        return {{}, {}, e.description()};
-    } catch (const std::exception &e) {
-        return {{}, {}, QString::fromUtf8(e.what())};
-    }
-}
+// The newest lines come first, in a small batch, so a long History shows its
+// top rows at once; the rest is read in larger batches behind it.
+constexpr qint64 kFirstPageBytes = 128 * 1024;
+constexpr qint64 kBatchBytes = 8 * 1024 * 1024;
 
 } // namespace
+
+struct HistoryStore::Loaded {
+    HistoryIndex index;
+    std::optional<QString> error;
+};
 
 HistoryStore::HistoryStore(TranscriptJournal journal, QObject *parent)
     : QObject(parent), m_journal(std::move(journal))
@@ -102,19 +76,34 @@ void HistoryStore::clearNotice()
 
 QList<TranscriptRecord> HistoryStore::filteredRecords() const
 {
-    return HistoryFilter::apply(m_records, m_searchKeys, m_query);
+    QList<TranscriptRecord> out;
+    for (const int i : filteredIndexes())
+        out.append(m_index.records.at(i));
+    return out;
+}
+
+QList<int> HistoryStore::filteredIndexes() const
+{
+    return HistoryFilter::select(m_index, m_query);
 }
 
 QList<int> HistoryStore::availableFilterYears() const
 {
-    return HistoryFilter::availableYears(m_records, m_query.year);
+    return HistoryFilter::availableYears(m_index.years, m_query.year);
 }
 
-void HistoryStore::setRecords(QList<TranscriptRecord> records, QList<QString> searchKeys)
+void HistoryStore::setIndex(HistoryIndex index)
 {
-    m_records = std::move(records);
-    m_searchKeys = std::move(searchKeys);
+    m_index = std::move(index);
     Q_EMIT recordsChanged();
+}
+
+void HistoryStore::setPartial(bool partial)
+{
+    if (m_partial == partial)
+        return;
+    m_partial = partial;
+    Q_EMIT loadingOlderChanged(partial);
 }
 
 void HistoryStore::setNotice(const QString &title, const QString &message)
@@ -133,24 +122,98 @@ void HistoryStore::setArchiving(bool archiving)
 
 void HistoryStore::reload()
 {
-    runInBackground(this, [journal = m_journal] { return readJournal(journal); },
-        [this](ReadResult result) {
-            if (result.error)
-                setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *result.error);
-            else
-                setRecords(std::move(result.records), std::move(result.searchKeys));
-            Q_EMIT reloaded();
-        });
+    load([this](const std::optional<QString> &error) {
+        if (error)
+            setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *error);
+        Q_EMIT reloaded();
+    });
 }
 
-void HistoryStore::readBackAfterArchive(std::function<void()> then)
+void HistoryStore::load(LoadDone done)
 {
-    runInBackground(this, [journal = m_journal] { return readJournal(journal); },
-        [this, then = std::move(then)](ReadResult result) {
-            if (!result.error)
-                setRecords(std::move(result.records), std::move(result.searchKeys));
-            then();
+    m_waiting.append(std::move(done));
+    if (!m_loading)
+        startLoad();
+}
+
+void HistoryStore::startLoad()
+{
+    m_loading = true;
+    // Only a History not shown yet gets its newest page first: a reload of a
+    // shown list must not shrink it for a moment.
+    const bool firstPage = !m_loadedOnce;
+    QPointer<HistoryStore> guard(this);
+    // Posted through the application object and checked on its thread, so a
+    // store deleted meanwhile is never touched.
+    const auto post = [guard](auto apply) {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [guard, apply = std::move(apply)]() mutable {
+            if (guard)
+                apply(*guard);
+        }, Qt::QueuedConnection);
+    };
+    QThreadPool::globalInstance()->start([journal = m_journal, firstPage, post, done = std::exchange(m_waiting, {})]() mutable {
+        Loaded loaded;
+        try {
+            QList<QList<TranscriptRecord>> batches; // newest first
+            qsizetype total = 0;
+            journal.readNewestFirst(kFirstPageBytes, kBatchBytes, [&](const QByteArray &lines) {
+                // The newest page is shown once there is more to read; a short
+                // journal arrives whole.
+                if (firstPage && batches.size() == 1) {
+                    post([page = HistoryIndex::build(batches.first(), 1)](HistoryStore &store) mutable {
+                        store.applyFirstPage(std::move(page));
+                    });
+                }
+                batches.append(TranscriptJournal::decodeLines(lines));
+                total += batches.last().size();
+                return true;
+            });
+            QList<TranscriptRecord> records;
+            records.reserve(total);
+            for (qsizetype i = batches.size() - 1; i >= 0; --i) {
+                records.append(std::move(batches[i]));
+                batches[i] = {};
+            }
+            loaded.index = HistoryIndex::build(std::move(records));
+        } catch (const Error &e) {
+            loaded.error = e.description();
+        } catch (const std::exception &e) {
+            loaded.error = QString::fromUtf8(e.what());
+        }
+        post([loaded = std::move(loaded), done = std::move(done)](HistoryStore &store) mutable {
+            store.finishLoad(std::move(loaded), std::move(done));
         });
+    });
+}
+
+void HistoryStore::applyFirstPage(HistoryIndex page)
+{
+    if (!m_loading || m_loadedOnce)
+        return;
+    if (!m_partial)
+        m_beforeFirstPage = m_index;
+    setPartial(true);
+    setIndex(std::move(page));
+}
+
+void HistoryStore::finishLoad(Loaded loaded, QList<LoadDone> done)
+{
+    m_loading = false;
+    // Not partial any more by the time the new records are announced.
+    const bool wasPartial = std::exchange(m_partial, false);
+    if (!loaded.error) {
+        m_loadedOnce = true;
+        setIndex(std::move(loaded.index));
+    } else if (wasPartial) {
+        setIndex(std::exchange(m_beforeFirstPage, {}));
+    }
+    m_beforeFirstPage = {};
+    if (wasPartial)
+        Q_EMIT loadingOlderChanged(false);
+    if (!m_waiting.isEmpty())
+        startLoad();
+    for (const LoadDone &callback : done)
+        callback(loaded.error);
 }
 
 void HistoryStore::archiveAndClear(const QString &destination)
@@ -175,7 +238,7 @@ void HistoryStore::archiveAndClear(const QString &destination)
         [this, destination](Outcome outcome) {
             if (outcome.archive) {
                 const qint64 count = outcome.archive->recordCount;
-                readBackAfterArchive([this, destination, count] {
+                load([this, destination, count](const std::optional<QString> &) {
                     setQuery(QString());
                     resetTimeFilters();
                     setFilterPanelPresented(false);
@@ -188,7 +251,7 @@ void HistoryStore::archiveAndClear(const QString &destination)
                 });
             } else {
                 setNotice(QStringLiteral("Archive Failed"), outcome.error);
-                readBackAfterArchive([this] {
+                load([this](const std::optional<QString> &) {
                     setArchiving(false);
                     Q_EMIT archiveFinished(false);
                 });

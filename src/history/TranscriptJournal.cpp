@@ -1,5 +1,6 @@
 #include "history/TranscriptJournal.h"
 
+#include "history/JournalLineDecoder.h"
 #include "history/PrivateFiles.h"
 
 #include <QFile>
@@ -82,7 +83,7 @@ void decodeRange(const QByteArray &bytes, qsizetype start, qsizetype stop, QList
             end = bytes.size();
         // A CRLF line is not ours: skipped like any corrupt line, and left in the file.
         if (end > start && bytes.at(end - 1) != '\r') {
-            if (auto record = TranscriptRecord::fromJson(QByteArray::fromRawData(bytes.constData() + start, end - start)))
+            if (auto record = JournalLineDecoder::decode(QByteArrayView(bytes.constData() + start, end - start)))
                 records.append(std::move(*record));
         }
         start = end + 1;

@@ -2,7 +2,7 @@
 
 #include <QTextBoundaryFinder>
 
-#include <optional>
+#include <algorithm>
 
 namespace dictora {
 
@@ -18,24 +18,31 @@ bool isAscii(const QString &text, qsizetype i)
     return i < 0 || i >= text.size() || text.at(i).unicode() < 0x80;
 }
 
+// Code units each side of a match that its grapheme boundaries are judged by:
+// clusters are short; only runs of hundreds of flags or joiners reach further.
+constexpr qsizetype kBoundaryContext = 256;
+
 // Case-insensitive search that only accepts whole grapheme clusters, so "e"
 // never matches the first half of a decomposed "é". Plain ASCII around both
 // ends is always a cluster boundary, which spares the boundary scan.
 qsizetype findTrigger(const QString &text, const QString &trigger, qsizetype from)
 {
-    std::optional<QTextBoundaryFinder> boundaries;
     for (qsizetype at = text.indexOf(trigger, from, Qt::CaseInsensitive); at >= 0;
          at = text.indexOf(trigger, at + 1, Qt::CaseInsensitive)) {
         const qsizetype end = at + trigger.size();
         if (isAscii(text, at - 1) && isAscii(text, at) && isAscii(text, end - 1) && isAscii(text, end))
             return at;
-        if (!boundaries)
-            boundaries.emplace(QTextBoundaryFinder::Grapheme, text);
-        boundaries->setPosition(at);
-        if (!boundaries->isAtBoundary())
+        // Only the text near the match decides its boundaries; scanning the
+        // whole text for every match made long non-ASCII texts quadratic.
+        const qsizetype windowStart = std::max<qsizetype>(0, at - kBoundaryContext);
+        const qsizetype windowEnd = std::min(text.size(), end + kBoundaryContext);
+        QTextBoundaryFinder boundaries(QTextBoundaryFinder::Grapheme, text.constData() + windowStart,
+            windowEnd - windowStart);
+        boundaries.setPosition(at - windowStart);
+        if (!boundaries.isAtBoundary())
             continue;
-        boundaries->setPosition(end);
-        if (boundaries->isAtBoundary())
+        boundaries.setPosition(end - windowStart);
+        if (boundaries.isAtBoundary())
             return at;
     }
     return -1;
@@ -57,6 +64,10 @@ QString SnippetExpander::apply(const QString &text, const SnippetEntries &entrie
                 break;
             const qsizetype after = at + trigger.size();
             QString replacement = entry.expansion;
+            // Later entries may expand inside earlier expansions, which can grow
+            // the text without bound; past this length no more are made.
+            if (out.size() - trigger.size() + replacement.size() > SnippetExpander::kMaxLength)
+                return out;
             // "… sig." with an expansion ending in "." must not give two full stops.
             if (after < out.size() && isMergingPunctuation(out.at(after))
                 && isMergingPunctuation(replacement.back()))
