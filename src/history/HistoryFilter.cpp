@@ -59,10 +59,27 @@ QList<int> select(const HistoryIndex &index, const HistoryQuery &query)
     QList<int> kept;
     if (term.isEmpty() && !byTime)
         return index.newestFirst;
+    const QStringView all(index.searchText);
+    const auto key = [&](qsizetype i) {
+        return all.sliced(index.keyStarts.at(i), index.keyStarts.at(i + 1) - index.keyStarts.at(i) - 1);
+    };
+    std::vector<bool> found;
+    const bool scan = !term.isEmpty() && !term.contains(HistoryIndex::kKeyEnd);
+    if (scan) {
+        // One pass over all keys; after a hit, on to the next record's key.
+        found.resize(size_t(index.records.size()));
+        for (qsizetype at = all.indexOf(term); at >= 0;) {
+            const auto next = std::upper_bound(index.keyStarts.begin(), index.keyStarts.end(), at);
+            found[size_t(next - index.keyStarts.begin() - 1)] = true;
+            if (next == index.keyStarts.end())
+                break;
+            at = all.indexOf(term, *next);
+        }
+    }
     for (const int i : index.newestFirst) {
         if (byTime && !matchesTime(index.records.at(i), query))
             continue;
-        if (!term.isEmpty() && !index.searchKeys.at(i).contains(term))
+        if (!term.isEmpty() && !(scan ? bool(found[size_t(i)]) : key(i).contains(term)))
             continue;
         kept.append(i);
     }

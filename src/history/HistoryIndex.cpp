@@ -57,16 +57,16 @@ HistoryIndex HistoryIndex::build(QList<TranscriptRecord> records, int threads)
     const qsizetype count = index.records.size();
     index.newestFirst = newestFirstOrder(index.records);
 
-    index.searchKeys.resize(count);
+    QList<QString> keys(count);
     if (threads <= 0)
         threads = int(std::max(1u, std::thread::hardware_concurrency()));
     const qsizetype workers = count < 4096 ? 1 : threads;
     std::vector<std::thread> pool;
     for (qsizetype w = 0; w < workers; ++w) {
         const qsizetype from = count * w / workers, to = count * (w + 1) / workers;
-        const auto work = [&index, from, to] {
+        const auto work = [&index, &keys, from, to] {
             for (qsizetype i = from; i < to; ++i)
-                index.searchKeys[i] = HistoryFilter::searchKey(index.records.at(i).transcript);
+                keys[i] = HistoryFilter::searchKey(index.records.at(i).transcript);
         };
         if (w + 1 == workers)
             work();
@@ -75,6 +75,18 @@ HistoryIndex HistoryIndex::build(QList<TranscriptRecord> records, int threads)
     }
     for (auto &t : pool)
         t.join();
+    qsizetype length = 0;
+    for (const QString &key : keys)
+        length += key.size() + 1;
+    index.searchText.reserve(length);
+    index.keyStarts.reserve(count + 1);
+    for (QString &key : keys) {
+        index.keyStarts.append(index.searchText.size());
+        index.searchText.append(key);
+        index.searchText.append(kKeyEnd);
+        key = QString();
+    }
+    index.keyStarts.append(index.searchText.size());
 
     index.years = HistoryFilter::recordYears(index.records);
     return index;

@@ -12,7 +12,11 @@ namespace dictora {
 // Copies share their lists.
 struct HistoryIndex {
     QList<TranscriptRecord> records; // file order, exactly as the journal holds them
-    QList<QString> searchKeys;       // index-aligned with records
+    // Every record's search key, each followed by U+FFFF, in file order; one
+    // text, so a search is one fast scan rather than a call per record.
+    QString searchText;
+    QList<qsizetype> keyStarts;      // where each record's key starts; one more at the end
+    static constexpr QChar kKeyEnd = QChar(0xFFFF);
     QList<int> newestFirst;          // indices of records in display order
     QList<int> years;                // local years of savedAt, descending, distinct
 

@@ -77,6 +77,7 @@ namespace {
 
 void decodeRange(const QByteArray &bytes, qsizetype start, qsizetype stop, QList<TranscriptRecord> &records)
 {
+    records.reserve(records.size() + QByteArrayView(bytes.constData() + start, stop - start).count('\n') + 1);
     while (start < stop) {
         qsizetype end = bytes.indexOf('\n', start);
         if (end < 0)
