@@ -134,6 +134,18 @@ def record_cases():
     return cases
 
 
+def mixed(records, part):
+    """About 12 KB of the short record cases, one per line, in name order."""
+    out, size = [], 0
+    short = [v for k, v in sorted(records.items()) if len(v) < 1000]
+    for v in short[part::2]:
+        if size + len(v) > 12000:
+            break
+        out.append(v)
+        size += len(v) + 1
+    return b"\n".join(out) + b"\n"
+
+
 def journal_cases(records):
     valid = records["valid"]
     minimal = records["minimal-older-version"]
@@ -148,7 +160,10 @@ def journal_cases(records):
         "only-newlines": b"\n" * 50,
         "cr-only": b"\r\r\r",
         "invalid-utf8-line": valid + b"\n" + records["invalid-utf8-surrogate"] + b"\n" + minimal + b"\n",
-        "mixed-corrupt": b"\n".join(v for k, v in sorted(records.items())) + b"\n",
+        # Every short record case in one file; the deeply nested ones have files of their own.
+        "mixed-corrupt": mixed(records, 0),
+        "mixed-corrupt-2": mixed(records, 1),
+        "deep-nesting-line": valid + b"\n" + records["deep-nesting-unknown-key"] + b"\n" + minimal,
         "nul-bytes": valid + b"\n\x00\x00\x00\n" + minimal,
     }
     # The harness reads its first two bytes as chunk sizes.
