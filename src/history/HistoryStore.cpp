@@ -98,14 +98,6 @@ void HistoryStore::setIndex(HistoryIndex index)
     Q_EMIT recordsChanged();
 }
 
-void HistoryStore::setPartial(bool partial)
-{
-    if (m_partial == partial)
-        return;
-    m_partial = partial;
-    Q_EMIT loadingOlderChanged(partial);
-}
-
 void HistoryStore::setNotice(const QString &title, const QString &message)
 {
     m_notice = HistoryNotice{QUuid::createUuid(), title, message};
@@ -190,10 +182,13 @@ void HistoryStore::applyFirstPage(HistoryIndex page)
 {
     if (!m_loading || m_loadedOnce)
         return;
-    if (!m_partial)
+    const bool wasPartial = std::exchange(m_partial, true);
+    if (!wasPartial)
         m_beforeFirstPage = m_index;
-    setPartial(true);
+    // Partial already when the page is announced, so views can say so.
     setIndex(std::move(page));
+    if (!wasPartial)
+        Q_EMIT loadingOlderChanged(true);
 }
 
 void HistoryStore::finishLoad(Loaded loaded, QList<LoadDone> done)

@@ -81,7 +81,6 @@ private:
     void applyFirstPage(HistoryIndex page);
     void finishLoad(Loaded loaded, QList<LoadDone> done);
     void setIndex(HistoryIndex index);
-    void setPartial(bool partial);
     void setNotice(const QString &title, const QString &message);
     void setArchiving(bool archiving);
 

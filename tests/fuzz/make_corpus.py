@@ -335,6 +335,9 @@ def expander_cases():
         # grew past a gigabyte.
         "exponential-growth": s("aa", *(["a", "a" * 60] * 6)),
         "exponential-growth-accented": s("é", *(["é", "é" * 60] * 6)),
+        # Grew to the bound, then every later match moved the whole text: a hang.
+        "growth-then-many-matches": s("aaaa", "a", "a" * 40, "a", "a" * 130, "a", "aaaaa\ufffda", "a", "b*a",
+                                      "a", "bb", "b", "ccb", "b", "cc"),
         "graphemes": s("cafe\u0301 cafe", "e", "E"),
         "case-folding": s("STRASSE straße ǅ", "ß", "ss", "ǆ", "dz"),
         "empty-text": s("", "a", "b"),
