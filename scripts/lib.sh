@@ -15,6 +15,7 @@ DICTORA_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
+  clang libclang-rt-14-dev
 )
 
 dictora_sudo() {

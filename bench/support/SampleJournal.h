@@ -15,6 +15,10 @@ inline bool writeSampleJournal(const QString &path, int count)
     const QStringList words{QStringLiteral("meeting"), QString::fromUtf8("café"), QStringLiteral("budget"),
         QStringLiteral("review"), QStringLiteral("deadline"), QString::fromUtf8("résumé"), QStringLiteral("team")};
     const qint64 start = QDateTime(QDate(2023, 1, 1), QTime(0, 0), Qt::UTC).toMSecsSinceEpoch();
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly))
+        return false;
+    // Written in pieces, so a million records never sit in memory at once.
     QByteArray bytes;
     for (int i = 0; i < count; ++i) {
         TranscriptRecord r;
@@ -31,9 +35,13 @@ inline bool writeSampleJournal(const QString &path, int count)
                            .arg(words[i % words.size()], words[(i / 7) % words.size()])
                            .arg(i);
         bytes += r.toJsonLine() + '\n';
+        if (bytes.size() > (4 << 20) || i + 1 == count) {
+            if (f.write(bytes) != bytes.size())
+                return false;
+            bytes.clear();
+        }
     }
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+    return true;
 }
 
 } // namespace dictora::bench

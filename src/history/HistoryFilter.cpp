@@ -52,58 +52,63 @@ bool matchesTime(const TranscriptRecord &r, const HistoryQuery &q)
 
 } // namespace
 
-QList<TranscriptRecord> apply(const QList<TranscriptRecord> &records, const QList<QString> &searchKeys,
-    const HistoryQuery &query)
+QList<int> select(const HistoryIndex &index, const HistoryQuery &query)
 {
     const QString term = searchKey(query.search.trimmed());
-    QList<TranscriptRecord> kept;
-    for (qsizetype i = 0; i < records.size(); ++i) {
-        const TranscriptRecord &r = records.at(i);
-        if (!matchesTime(r, query))
-            continue;
-        if (!term.isEmpty() && !searchKeys.at(i).contains(term))
-            continue;
-        kept.append(r);
+    const bool byTime = query.hasTimeFilter();
+    QList<int> kept;
+    if (term.isEmpty() && !byTime)
+        return index.newestFirst;
+    const QStringView all(index.searchText);
+    const auto key = [&](qsizetype i) {
+        return all.sliced(index.keyStarts.at(i), index.keyStarts.at(i + 1) - index.keyStarts.at(i) - 1);
+    };
+    std::vector<bool> found;
+    const bool scan = !term.isEmpty() && !term.contains(HistoryIndex::kKeyEnd);
+    if (scan) {
+        // One pass over all keys; after a hit, on to the next record's key.
+        found.resize(size_t(index.records.size()));
+        for (qsizetype at = all.indexOf(term); at >= 0;) {
+            const auto next = std::upper_bound(index.keyStarts.begin(), index.keyStarts.end(), at);
+            found[size_t(next - index.keyStarts.begin() - 1)] = true;
+            if (next == index.keyStarts.end())
+                break;
+            at = all.indexOf(term, *next);
+        }
     }
-    std::vector<qint64> savedAt;
-    savedAt.reserve(size_t(kept.size()));
-    for (const TranscriptRecord &r : kept)
-        savedAt.push_back(r.savedAt.toMSecsSinceEpoch());
-    std::vector<qsizetype> order(size_t(kept.size()));
-    for (size_t i = 0; i < order.size(); ++i)
-        order[i] = qsizetype(i);
-    std::stable_sort(order.begin(), order.end(), [&](qsizetype a, qsizetype b) {
-        if (savedAt[size_t(a)] != savedAt[size_t(b)])
-            return savedAt[size_t(a)] > savedAt[size_t(b)];
-        // Ties are rare; only then is the id's string form worth building.
-        return uuidString(kept.at(a).id) > uuidString(kept.at(b).id);
-    });
-    QList<TranscriptRecord> sorted;
-    sorted.reserve(kept.size());
-    for (qsizetype i : order)
-        sorted.append(kept.at(i));
-    return sorted;
+    for (const int i : index.newestFirst) {
+        if (byTime && !matchesTime(index.records.at(i), query))
+            continue;
+        if (!term.isEmpty() && !(scan ? bool(found[size_t(i)]) : key(i).contains(term)))
+            continue;
+        kept.append(i);
+    }
+    return kept;
 }
 
 QList<TranscriptRecord> apply(const QList<TranscriptRecord> &records, const HistoryQuery &query)
 {
-    QList<QString> keys;
-    if (!query.search.trimmed().isEmpty()) {
-        keys.reserve(records.size());
-        for (const TranscriptRecord &r : records)
-            keys.append(searchKey(r.transcript));
-    } else {
-        keys.resize(records.size());
-    }
-    return apply(records, keys, query);
+    const HistoryIndex index = HistoryIndex::build(records, 1);
+    QList<TranscriptRecord> kept;
+    for (const int i : select(index, query))
+        kept.append(records.at(i));
+    return kept;
 }
 
-QList<int> availableYears(const QList<TranscriptRecord> &records, std::optional<int> chosenYear)
+QList<int> recordYears(const QList<TranscriptRecord> &records)
 {
     QSet<int> years;
     for (const TranscriptRecord &r : records)
         if (const auto tm = localComponents(r.savedAt))
             years.insert(tm->tm_year + 1900);
+    QList<int> sorted(years.begin(), years.end());
+    std::sort(sorted.begin(), sorted.end(), std::greater<>());
+    return sorted;
+}
+
+QList<int> availableYears(const QList<int> &recordYears, std::optional<int> chosenYear)
+{
+    QSet<int> years(recordYears.begin(), recordYears.end());
     years.insert(QDate::currentDate().year());
     if (chosenYear)
         years.insert(*chosenYear);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "history/TranscriptRecord.h"
+#include "history/HistoryIndex.h"
 
 #include <QList>
 #include <QString>
@@ -27,11 +27,12 @@ namespace HistoryFilter {
 QString searchKey(const QString &text);
 // Kept records, newest savedAt first; equal instants by id string, greater first.
 QList<TranscriptRecord> apply(const QList<TranscriptRecord> &records, const HistoryQuery &query);
-// Same, with the records' search keys computed once beforehand (index-aligned).
-QList<TranscriptRecord> apply(const QList<TranscriptRecord> &records, const QList<QString> &searchKeys,
-    const HistoryQuery &query);
-// Years of every record, the current year and the chosen year; descending.
-QList<int> availableYears(const QList<TranscriptRecord> &records, std::optional<int> chosenYear);
+// The same selection over a prepared index, as indices into index.records.
+QList<int> select(const HistoryIndex &index, const HistoryQuery &query);
+// Distinct local years of the records' savedAt, descending.
+QList<int> recordYears(const QList<TranscriptRecord> &records);
+// Those years, the current year and the chosen year; descending.
+QList<int> availableYears(const QList<int> &recordYears, std::optional<int> chosenYear);
 
 } // namespace HistoryFilter
 

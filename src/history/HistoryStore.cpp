@@ -5,51 +5,26 @@
 
 #include "core/Async.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
-#include <QtConcurrent/QtConcurrentMap>
-
-#include <algorithm>
-#include <numeric>
+#include <QPointer>
+#include <QThreadPool>
 
 namespace dictora {
 
 namespace {
 
-struct ReadResult {
-    QList<TranscriptRecord> records;
-    QList<QString> searchKeys; // made here, so the first search after a reload is instant
-    std::optional<QString> error;
-};
-
-ReadResult readJournal(const TranscriptJournal &journal)
-{
-    try {
-        // Dictations the journal refused earlier go in first, so History shows them.
-        PendingJournal::of(journal).flush();
-    } catch (const Error &) {
-        // Still refused: they stay in memory and the read shows what is on disk.
-    }
-    try {
-        ReadResult result{journal.readAll(), {}, std::nullopt};
-        // Normalising every transcript is as costly as decoding it: use every core.
-        const qsizetype count = result.records.size();
-        result.searchKeys.resize(count);
-        std::vector<qsizetype> indexes(static_cast<size_t>(count));
-        std::iota(indexes.begin(), indexes.end(), qsizetype(0));
-        const auto makeKey = [&result](qsizetype i) {
-            result.searchKeys[i] = HistoryFilter::searchKey(result.records.at(i).transcript);
-        };
-        if (count < 4096)
-            std::for_each(indexes.begin(), indexes.end(), makeKey);
-        else
-            QtConcurrent::blockingMap(indexes, makeKey);
-        return result;
-    } catch (...) {
-        return {{}, {}, errorMessage(std::current_exception())};
-    }
-}
+// The newest lines come first, in a small batch, so a long History shows its
+// top rows at once; the rest is read in larger batches behind it.
+constexpr qint64 kFirstPageBytes = 128 * 1024;
+constexpr qint64 kBatchBytes = 8 * 1024 * 1024;
 
 } // namespace
+
+struct HistoryStore::Loaded {
+    HistoryIndex index;
+    std::optional<QString> error;
+};
 
 HistoryStore::HistoryStore(TranscriptJournal journal, QObject *parent)
     : QObject(parent), m_journal(std::move(journal))
@@ -102,18 +77,25 @@ void HistoryStore::clearNotice()
 
 QList<TranscriptRecord> HistoryStore::filteredRecords() const
 {
-    return HistoryFilter::apply(m_records, m_searchKeys, m_query);
+    QList<TranscriptRecord> out;
+    for (const int i : filteredIndexes())
+        out.append(m_index.records.at(i));
+    return out;
+}
+
+QList<int> HistoryStore::filteredIndexes() const
+{
+    return HistoryFilter::select(m_index, m_query);
 }
 
 QList<int> HistoryStore::availableFilterYears() const
 {
-    return HistoryFilter::availableYears(m_records, m_query.year);
+    return HistoryFilter::availableYears(m_index.years, m_query.year);
 }
 
-void HistoryStore::setRecords(QList<TranscriptRecord> records, QList<QString> searchKeys)
+void HistoryStore::setIndex(HistoryIndex index)
 {
-    m_records = std::move(records);
-    m_searchKeys = std::move(searchKeys);
+    m_index = std::move(index);
     Q_EMIT recordsChanged();
 }
 
@@ -133,24 +115,105 @@ void HistoryStore::setArchiving(bool archiving)
 
 void HistoryStore::reload()
 {
-    runElsewhere(this, [journal = m_journal] { return readJournal(journal); },
-        [this](ReadResult result) {
-            if (result.error)
-                setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *result.error);
-            else
-                setRecords(std::move(result.records), std::move(result.searchKeys));
-            Q_EMIT reloaded();
-        });
+    load([this](const std::optional<QString> &error) {
+        if (error)
+            setNotice(QStringLiteral("History Error"), QStringLiteral("History could not be opened: ") + *error);
+        Q_EMIT reloaded();
+    });
 }
 
-void HistoryStore::readBackAfterArchive(std::function<void()> then)
+void HistoryStore::load(LoadDone done)
 {
-    runElsewhere(this, [journal = m_journal] { return readJournal(journal); },
-        [this, then = std::move(then)](ReadResult result) {
-            if (!result.error)
-                setRecords(std::move(result.records), std::move(result.searchKeys));
-            then();
+    m_waiting.append(std::move(done));
+    if (!m_loading)
+        startLoad();
+}
+
+void HistoryStore::startLoad()
+{
+    m_loading = true;
+    // Only a History not shown yet gets its newest page first: a reload of a
+    // shown list must not shrink it for a moment.
+    const bool firstPage = !m_loadedOnce;
+    QPointer<HistoryStore> guard(this);
+    // Posted through the application object and checked on its thread, so a
+    // store deleted meanwhile is never touched.
+    const auto post = [guard](auto apply) {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [guard, apply = std::move(apply)]() mutable {
+            if (guard)
+                apply(*guard);
+        }, Qt::QueuedConnection);
+    };
+    runElsewhere([journal = m_journal, firstPage, post, done = std::exchange(m_waiting, {})]() mutable {
+        Loaded loaded;
+        try {
+            // Dictations the journal refused earlier go in first, so History shows them.
+            PendingJournal::of(journal).flush();
+        } catch (const Error &) {
+            // Still refused: they stay in memory and the read shows what is on disk.
+        }
+        try {
+            QList<QList<TranscriptRecord>> batches; // newest first
+            qsizetype total = 0;
+            journal.readNewestFirst(kFirstPageBytes, kBatchBytes, [&](const QByteArray &lines) {
+                // The newest page is shown once there is more to read; a short
+                // journal arrives whole.
+                if (firstPage && batches.size() == 1) {
+                    post([page = HistoryIndex::build(batches.first(), 1)](HistoryStore &store) mutable {
+                        store.applyFirstPage(std::move(page));
+                    });
+                }
+                batches.append(TranscriptJournal::decodeLines(lines));
+                total += batches.last().size();
+                return true;
+            });
+            QList<TranscriptRecord> records;
+            records.reserve(total);
+            for (qsizetype i = batches.size() - 1; i >= 0; --i) {
+                records.append(std::move(batches[i]));
+                batches[i] = {};
+            }
+            loaded.index = HistoryIndex::build(std::move(records));
+        } catch (...) {
+            loaded.error = errorMessage(std::current_exception());
+        }
+        post([loaded = std::move(loaded), done = std::move(done)](HistoryStore &store) mutable {
+            store.finishLoad(std::move(loaded), std::move(done));
         });
+    });
+}
+
+void HistoryStore::applyFirstPage(HistoryIndex page)
+{
+    if (!m_loading || m_loadedOnce)
+        return;
+    const bool wasPartial = std::exchange(m_partial, true);
+    if (!wasPartial)
+        m_beforeFirstPage = m_index;
+    // Partial already when the page is announced, so views can say so.
+    setIndex(std::move(page));
+    if (!wasPartial)
+        Q_EMIT loadingOlderChanged(true);
+}
+
+void HistoryStore::finishLoad(Loaded loaded, QList<LoadDone> done)
+{
+    m_loading = false;
+    // Not partial any more by the time the new records are announced.
+    const bool wasPartial = std::exchange(m_partial, false);
+    if (!loaded.error) {
+        m_loadedOnce = true;
+        setIndex(std::move(loaded.index));
+    } else if (wasPartial) {
+        setIndex(std::exchange(m_beforeFirstPage, {}));
+    }
+    m_beforeFirstPage = {};
+    if (wasPartial)
+        Q_EMIT loadingOlderChanged(false);
+    if (!m_waiting.isEmpty())
+        startLoad();
+    for (const LoadDone &callback : done)
+        callback(loaded.error);
 }
 
 void HistoryStore::archiveAndClear(const QString &destination)
@@ -173,7 +236,7 @@ void HistoryStore::archiveAndClear(const QString &destination)
         [this, destination](Outcome outcome) {
             if (outcome.archive) {
                 const qint64 count = outcome.archive->recordCount;
-                readBackAfterArchive([this, destination, count] {
+                load([this, destination, count](const std::optional<QString> &) {
                     setQuery(QString());
                     resetTimeFilters();
                     setFilterPanelPresented(false);
@@ -186,7 +249,7 @@ void HistoryStore::archiveAndClear(const QString &destination)
                 });
             } else {
                 setNotice(QStringLiteral("Archive Failed"), outcome.error);
-                readBackAfterArchive([this] {
+                load([this](const std::optional<QString> &) {
                     setArchiving(false);
                     Q_EMIT archiveFinished(false);
                 });

@@ -6,6 +6,8 @@
 #include <QObject>
 #include <QUuid>
 
+#include <functional>
+
 namespace dictora {
 
 struct HistoryNotice {
@@ -22,7 +24,9 @@ class HistoryStore : public QObject {
 public:
     explicit HistoryStore(TranscriptJournal journal, QObject *parent = nullptr);
 
-    const QList<TranscriptRecord> &records() const { return m_records; }
+    const QList<TranscriptRecord> &records() const { return m_index.records; }
+    // The records with their search keys and display order.
+    const HistoryIndex &index() const { return m_index; }
     QString query() const { return m_query.search; }
     std::optional<int> filterHour() const { return m_query.hour; }
     std::optional<int> filterDay() const { return m_query.day; }
@@ -43,10 +47,18 @@ public:
 
     // Derived on every call.
     QList<TranscriptRecord> filteredRecords() const;
+    // The same list as indices into records().
+    QList<int> filteredIndexes() const;
     QList<int> availableFilterYears() const;
     bool hasActiveTimeFilter() const { return m_query.hasTimeFilter(); }
 
-    // Asynchronous; `reloaded` / `archiveFinished` tell when the result is applied.
+    // True while the list holds only the newest part of the journal and the
+    // rest is still being read (the first load of a long History).
+    bool isLoadingOlder() const { return m_partial; }
+
+    // Asynchronous; `reloaded` / `archiveFinished` tell when the result is
+    // applied. Reloads asked for while one runs are served by one more read
+    // after it, so `reloaded` always reflects the file as it was when asked.
     void reload();
     void archiveAndClear(const QString &destination);
 
@@ -58,18 +70,27 @@ Q_SIGNALS:
     void isArchivingChanged(bool archiving);
     void noticeChanged();
     void reloaded();
+    void loadingOlderChanged(bool loading);
     void archiveFinished(bool succeeded);
 
 private:
-    void setRecords(QList<TranscriptRecord> records, QList<QString> searchKeys);
+    using LoadDone = std::function<void(const std::optional<QString> &error)>;
+    struct Loaded;
+    void load(LoadDone done);
+    void startLoad();
+    void applyFirstPage(HistoryIndex page);
+    void finishLoad(Loaded loaded, QList<LoadDone> done);
+    void setIndex(HistoryIndex index);
     void setNotice(const QString &title, const QString &message);
     void setArchiving(bool archiving);
-    void readBackAfterArchive(std::function<void()> then);
 
     TranscriptJournal m_journal;
-    QList<TranscriptRecord> m_records;
-    // Index-aligned with m_records; made with them off the main thread.
-    QList<QString> m_searchKeys;
+    HistoryIndex m_index;
+    HistoryIndex m_beforeFirstPage; // put back if the read that showed a first page fails
+    bool m_loading = false;
+    bool m_loadedOnce = false;
+    bool m_partial = false;
+    QList<LoadDone> m_waiting; // served by the next read
     HistoryQuery m_query;
     bool m_filterPanelPresented = false;
     bool m_archiving = false;

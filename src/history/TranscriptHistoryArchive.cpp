@@ -67,6 +67,9 @@ std::optional<TranscriptHistoryArchive> TranscriptHistoryArchive::fromJson(const
     if (!isInteger(version) || !name.isString() || !productVersion.isString() || !exported.isDouble()
         || !isInteger(count) || !recordArray.isArray())
         return std::nullopt;
+    // Beyond any date QDateTime holds, and undefined to convert.
+    if (!(std::fabs(exported.toDouble()) <= 8.64e15))
+        return std::nullopt;
     TranscriptHistoryArchive archive;
     archive.formatVersion = version.toInt();
     archive.productName = name.toString();

@@ -1,5 +1,6 @@
 #include "history/TranscriptJournal.h"
 
+#include "history/JournalLineDecoder.h"
 #include "history/PrivateFiles.h"
 
 #include <QFile>
@@ -95,13 +96,14 @@ namespace {
 
 void decodeRange(const QByteArray &bytes, qsizetype start, qsizetype stop, QList<TranscriptRecord> &records)
 {
+    records.reserve(records.size() + QByteArrayView(bytes.constData() + start, stop - start).count('\n') + 1);
     while (start < stop) {
         qsizetype end = bytes.indexOf('\n', start);
         if (end < 0)
             end = bytes.size();
         // A CRLF line is not ours: skipped like any corrupt line, and left in the file.
         if (end > start && bytes.at(end - 1) != '\r') {
-            if (auto record = TranscriptRecord::fromJson(QByteArray::fromRawData(bytes.constData() + start, end - start)))
+            if (auto record = JournalLineDecoder::decode(QByteArrayView(bytes.constData() + start, end - start)))
                 records.append(std::move(*record));
         }
         start = end + 1;

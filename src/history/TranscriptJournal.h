@@ -7,6 +7,8 @@
 #include <QMutex>
 #include <QString>
 
+#include <functional>
+
 namespace dictora {
 
 class JournalError : public Error {
@@ -48,6 +50,20 @@ public:
     ExclusiveAccess lock() const { return ExclusiveAccess(*this); }
 
     static QList<TranscriptRecord> decodeLines(const QByteArray &bytes);
+
+    // Whole lines of the journal, newest first: `sink` gets the bytes of
+    // about `chunkBytes` of complete lines at a time (the first batch at most
+    // `firstChunkBytes`), each batch in file order; returning false stops.
+    // Decoding them with decodeLines gives, batch by batch, exactly what
+    // readAll gives. The lock is held only to open the file and take its size:
+    // the journal grows only past that size, or is replaced by a rename, so
+    // the bytes before it never change under the open file.
+    using LineSink = std::function<bool(const QByteArray &lines)>;
+    void readNewestFirst(qint64 firstChunkBytes, qint64 chunkBytes, const LineSink &sink) const;
+    // The same scan over any `size` bytes that `read(offset, length)` returns.
+    using ByteSource = std::function<QByteArray(qint64 offset, qint64 length)>;
+    static void scanNewestFirst(qint64 size, qint64 firstChunkBytes, qint64 chunkBytes, const ByteSource &read,
+        const LineSink &sink);
 
 private:
     static QMutex &ioGate();

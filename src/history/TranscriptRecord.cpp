@@ -33,6 +33,22 @@ std::optional<QDateTime> dateValue(const QJsonValue &v)
     return QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(std::floor(ms)), Qt::UTC);
 }
 
+// JSON may escape half of a surrogate pair ("\ud800"); no UTF-8 can carry it,
+// so written back it would read differently and an archive of it would never
+// verify. It becomes U+FFFD, as any undecodable text does.
+QString textValue(const QJsonValue &v)
+{
+    QString text = v.toString();
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (c.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate())
+            ++i;
+        else if (c.isSurrogate())
+            text[i] = QChar::ReplacementCharacter;
+    }
+    return text;
+}
+
 bool isAbsent(const QJsonValue &v) { return v.isUndefined() || v.isNull(); }
 
 void appendKey(QByteArray &out, const char *key)
@@ -150,7 +166,7 @@ std::optional<TranscriptRecord> TranscriptRecord::fromJsonObject(const QJsonObje
     const QJsonValue transcript = o.value(QLatin1String("transcript"));
     if (!transcript.isString())
         return std::nullopt;
-    r.transcript = transcript.toString();
+    r.transcript = textValue(transcript);
 
     const auto recording = integerValue(o.value(QLatin1String("recordingDurationMilliseconds")));
     const auto finalization = integerValue(o.value(QLatin1String("finalizationDurationMilliseconds")));
@@ -180,12 +196,12 @@ std::optional<TranscriptRecord> TranscriptRecord::fromJsonObject(const QJsonObje
         const auto pid = integerValue(t.value(QLatin1String("processIdentifier")));
         if (!name.isString() || !pid || *pid < INT32_MIN || *pid > INT32_MAX)
             return std::nullopt;
-        TargetApplication app{name.toString(), std::nullopt, static_cast<std::int32_t>(*pid)};
+        TargetApplication app{textValue(name), std::nullopt, static_cast<std::int32_t>(*pid)};
         const QJsonValue bundle = t.value(QLatin1String("bundleIdentifier"));
         if (!isAbsent(bundle)) {
             if (!bundle.isString())
                 return std::nullopt;
-            app.bundleIdentifier = bundle.toString();
+            app.bundleIdentifier = textValue(bundle);
         }
         r.targetApplication = app;
     }
@@ -194,7 +210,7 @@ std::optional<TranscriptRecord> TranscriptRecord::fromJsonObject(const QJsonObje
     if (!isAbsent(error)) {
         if (!error.isString())
             return std::nullopt;
-        r.error = error.toString();
+        r.error = textValue(error);
     }
     const QJsonValue ears = o.value(QLatin1String("earsDurationMilliseconds"));
     if (!isAbsent(ears)) {
@@ -207,7 +223,7 @@ std::optional<TranscriptRecord> TranscriptRecord::fromJsonObject(const QJsonObje
     if (!isAbsent(engine)) {
         if (!engine.isString())
             return std::nullopt;
-        r.transcriptionEngine = engine.toString();
+        r.transcriptionEngine = textValue(engine);
     }
     return r;
 }

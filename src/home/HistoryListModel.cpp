@@ -27,7 +27,7 @@ HistoryListModel::HistoryListModel(HistoryStore &store, QObject *parent)
         const QUuid was = m_copied;
         m_copied = QUuid();
         for (int row = 0; row < m_rows.size(); ++row) {
-            if (m_rows[row].id == was) {
+            if (record(row).id == was) {
                 Q_EMIT dataChanged(index(row), index(row), {CopiedRole});
                 break;
             }
@@ -42,7 +42,8 @@ HistoryListModel::HistoryListModel(HistoryStore &store, QObject *parent)
 void HistoryListModel::refresh()
 {
     beginResetModel();
-    m_rows = m_store.filteredRecords();
+    m_index = m_store.index();
+    m_rows = m_store.filteredIndexes();
     endResetModel();
     Q_EMIT refreshed();
 }
@@ -85,7 +86,7 @@ QVariant HistoryListModel::data(const QModelIndex &index, int role) const
 {
     if (!index.isValid() || index.row() >= m_rows.size())
         return {};
-    const TranscriptRecord &r = m_rows.at(index.row());
+    const TranscriptRecord &r = record(index.row());
     switch (role) {
     case Qt::DisplayRole:
     case PreviewRole:
@@ -123,11 +124,11 @@ void HistoryListModel::copyTranscript(int row)
 {
     if (row < 0 || row >= m_rows.size())
         return;
-    copyPlainText(m_rows.at(row).transcript);
+    copyPlainText(record(row).transcript);
     const QUuid previous = m_copied;
-    m_copied = m_rows.at(row).id;
+    m_copied = record(row).id;
     for (int i = 0; i < m_rows.size(); ++i) {
-        if (m_rows[i].id == previous || i == row)
+        if (record(i).id == previous || i == row)
             Q_EMIT dataChanged(index(i), index(i), {CopiedRole});
     }
     m_copiedTimer.start();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "history/TranscriptRecord.h"
+#include "history/HistoryIndex.h"
 
 #include <QAbstractListModel>
 #include <QTimer>
@@ -34,7 +34,7 @@ public:
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
 
-    const TranscriptRecord &record(int row) const { return m_rows.at(row); }
+    const TranscriptRecord &record(int row) const { return m_index.records.at(m_rows.at(row)); }
     EmptyState emptyState() const;
 
     // Puts the transcript on the clipboard as plain text and shows "Copied"
@@ -56,7 +56,10 @@ Q_SIGNALS:
 
 private:
     HistoryStore &m_store;
-    QList<TranscriptRecord> m_rows;
+    // The store's records as of the last refresh (shared, not copied) and the
+    // rows shown, as indices into them.
+    HistoryIndex m_index;
+    QList<int> m_rows;
     QUuid m_copied;
     QTimer m_copiedTimer;
 };

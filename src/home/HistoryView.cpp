@@ -116,6 +116,7 @@ HistoryView::HistoryView(HistoryStore &store, QWidget *parent)
     connect(&m_store, &HistoryStore::recordsChanged, this, &HistoryView::syncFilters);
     connect(&m_store, &HistoryStore::filterPanelPresentedChanged, this, &HistoryView::syncFilterPanel);
     connect(&m_store, &HistoryStore::isArchivingChanged, this, &HistoryView::syncArchiving);
+    connect(&m_store, &HistoryStore::loadingOlderChanged, this, &HistoryView::syncArchiving);
     connect(&m_store, &HistoryStore::noticeChanged, this, &HistoryView::showNotice);
 
     syncSearch();
@@ -171,7 +172,14 @@ QWidget *HistoryView::buildFilterBar()
     m_archiveProgress->setTextVisible(false);
     m_archiveProgress->setFixedWidth(48);
 
+    // A long History shows its newest rows first; this says the rest is coming.
+    m_loadingOlder = new QLabel(QStringLiteral("Loading older dictations…"), bar);
+    m_loadingOlder->setObjectName(QStringLiteral("loadingOlder"));
+    m_loadingOlder->setProperty("role", "secondary");
+    m_loadingOlder->hide();
+
     row->addWidget(m_search, 1);
+    row->addWidget(m_loadingOlder);
     row->addWidget(m_filterButton);
     row->addWidget(m_archiveProgress);
     row->addWidget(m_archiveButton);
@@ -289,8 +297,10 @@ void HistoryView::syncArchiving()
     const bool archiving = m_store.isArchiving();
     // "&&" shows a literal ampersand rather than a mnemonic.
     m_archiveButton->setText(archiving ? QStringLiteral("Archiving…") : QStringLiteral("Archive && Clear"));
-    m_archiveButton->setEnabled(!archiving);
+    // Until the whole History is read, its count in the confirmation would be wrong.
+    m_archiveButton->setEnabled(!archiving && !m_store.isLoadingOlder());
     m_archiveProgress->setVisible(archiving);
+    m_loadingOlder->setVisible(m_store.isLoadingOlder());
 }
 
 void HistoryView::syncEmptyState()
@@ -331,7 +341,7 @@ void HistoryView::openRecord(int row)
 
 void HistoryView::requestArchive()
 {
-    if (m_store.isArchiving() || m_confirm)
+    if (m_store.isArchiving() || m_store.isLoadingOlder() || m_confirm)
         return;
     auto *box = new QMessageBox(this);
     box->setObjectName(QStringLiteral("archiveConfirmation"));

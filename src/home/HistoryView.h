@@ -63,6 +63,7 @@ private:
     QToolButton *m_filterButton = nullptr;
     QPushButton *m_archiveButton = nullptr;
     QProgressBar *m_archiveProgress = nullptr;
+    QLabel *m_loadingOlder = nullptr;
     QFrame *m_filterPanel = nullptr;
     QComboBox *m_hour = nullptr;
     QComboBox *m_day = nullptr;

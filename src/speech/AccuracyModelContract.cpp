@@ -27,8 +27,16 @@ AccuracyModelContract AccuracyModelContract::fromJsonFile(const QString &path)
         throw fail(file.errorString());
     if (file.size() > 64 * 1024)
         throw fail(QStringLiteral("%1 bytes is far too large for four fields").arg(file.size()));
+    return fromJson(file.readAll(), path);
+}
+
+AccuracyModelContract AccuracyModelContract::fromJson(const QByteArray &json, const QString &path)
+{
+    const auto fail = [&path](const QString &why) {
+        return AccuracyModelContractError(QStringLiteral("The model contract %1 is unusable: %2").arg(path, why));
+    };
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
+    const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError)
         throw fail(QStringLiteral("not JSON (%1 at offset %2)").arg(parseError.errorString()).arg(parseError.offset));
     if (!document.isObject())
@@ -44,13 +52,15 @@ AccuracyModelContract AccuracyModelContract::fromJsonFile(const QString &path)
 
     const QJsonValue bytes = object.value(QStringLiteral("bytes"));
     const double size = bytes.toDouble(-1);
-    if (!bytes.isDouble() || size < 1 || size != double(qint64(size)) || size > 9.0e15)
+    // The range is checked before the conversion, which is undefined for 1e300.
+    if (!bytes.isDouble() || !(size >= 1 && size <= 9.0e15) || size != double(qint64(size)))
         throw fail(QStringLiteral("\"bytes\" must be a positive whole number"));
     contract.bytes = qint64(size);
 
     const QJsonValue hash = object.value(QStringLiteral("sha256"));
     contract.sha256 = hash.toString();
-    static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
+    // \z, not $: "$" also matches before a final line feed.
+    static const QRegularExpression hex(QStringLiteral("\\A[0-9a-f]{64}\\z"));
     if (!hash.isString() || !hex.match(contract.sha256).hasMatch())
         throw fail(QStringLiteral("\"sha256\" must be 64 lower-case hexadecimal digits"));
 

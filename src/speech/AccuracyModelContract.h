@@ -24,6 +24,8 @@ struct AccuracyModelContract {
     // Reads {"fileName","bytes","sha256","url"}; throws AccuracyModelContractError
     // naming the file and what is wrong with it.
     static AccuracyModelContract fromJsonFile(const QString &path);
+    // The same checks on the file's bytes; `origin` names it in the error.
+    static AccuracyModelContract fromJson(const QByteArray &json, const QString &origin);
     // The file named by DICTORA_MODEL_CONTRACT when set, else the product's.
     static AccuracyModelContract current();
 

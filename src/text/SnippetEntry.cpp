@@ -13,7 +13,7 @@ std::optional<QUuid> parseUuid(const QString &text)
 {
     // QUuid also takes braces and reads garbage as the nil UUID; accept only the canonical form.
     static const QRegularExpression canonical(
-        QStringLiteral("^[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}$"));
+        QStringLiteral("\\A[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}\\z"));
     if (!canonical.match(text).hasMatch())
         return std::nullopt;
     return QUuid::fromString(text);

@@ -9,6 +9,8 @@ namespace dictora {
 // (anywhere, also inside words); the search resumes after the inserted text, so
 // an expansion is never expanded again by its own entry. Pure and thread-safe.
 namespace SnippetExpander {
+// Far longer than any dictation; an expansion that would pass it is not made.
+constexpr qsizetype kMaxLength = 200'000;
 QString apply(const QString &text, const SnippetEntries &entries);
 }
 

@@ -191,6 +191,36 @@ private Q_SLOTS:
         QCOMPARE(emptyTitle(*m_view), QStringLiteral("Nothing here yet"));
     }
 
+    void longHistoryShowsNewestRowsWhileTheRestLoads()
+    {
+        // Enough lines that the newest page is shown before the rest is read.
+        QList<TranscriptRecord> records;
+        for (int i = 0; i < 3000; ++i)
+            records << homeRecord(local(2025, 1, 1, 0, 0).addSecs(i * 60), QStringLiteral("note %1").arg(i));
+        writeJournal(m_journalPath, records);
+        m_store = std::make_unique<HistoryStore>(TranscriptJournal(m_journalPath));
+        m_view = std::make_unique<HistoryView>(*m_store);
+        m_view->show();
+        auto *loadingOlder = m_view->findChild<QLabel *>(QStringLiteral("loadingOlder"));
+        auto *archive = m_view->findChild<QPushButton *>(QStringLiteral("archiveButton"));
+        QStringList firstRows;
+        bool labelShown = false, archiveEnabled = true;
+        connect(m_store.get(), &HistoryStore::loadingOlderChanged, this, [&](bool loading) {
+            if (!loading)
+                return;
+            firstRows = visibleTranscripts(*m_view).mid(0, 2);
+            labelShown = loadingOlder->isVisibleTo(m_view.get());
+            archiveEnabled = archive->isEnabled(); // the count would be wrong until all is read
+        });
+        QVERIFY(reloadAndWait(*m_store));
+        QCOMPARE(firstRows, (QStringList{QStringLiteral("note 2999"), QStringLiteral("note 2998")}));
+        QVERIFY(labelShown);
+        QVERIFY(!archiveEnabled);
+        QCOMPARE(m_view->model()->rowCount(), 3000);
+        QVERIFY(!loadingOlder->isVisibleTo(m_view.get()));
+        QVERIFY(archive->isEnabled());
+    }
+
     void filterControlsFollowTheStore()
     {
         build(sampleRecords());
