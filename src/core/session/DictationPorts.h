@@ -30,6 +30,17 @@ public:
     virtual void startAutomatically() = 0;
     virtual void transcribe(std::vector<float> samples, Done done) = 0;
 
+    // Recognition while recording. beginStream() returns where the captured
+    // 16 kHz samples go (any thread); an empty sink means not supported, and
+    // the whole recording then goes to transcribe() after the stop.
+    using SampleSink = std::function<void(const float *samples, size_t count)>;
+    virtual SampleSink beginStream() { return {}; }
+    // After the stop: recognises what is left and answers with the text of
+    // the whole recording; its duration covers only the wait after this call.
+    virtual void finishStream(Done done) { done(std::nullopt, QStringLiteral("No recognition was under way.")); }
+    // Discards the stream's work (silence, failure, cancelled recording).
+    virtual void cancelStream() {}
+
 Q_SIGNALS:
     void readyChanged(bool ready);
 };
@@ -45,6 +56,8 @@ public:
     virtual void start(std::function<void(AudioMeterLevels)> onMeterLevels) = 0;
     virtual Captured stop() = 0;
     virtual void cancel() = 0;
+    // For the next start only: where the converted samples also go as they are captured.
+    virtual void setSampleSink(std::function<void(const float *samples, size_t count)> sink) { (void)sink; }
     // May block (it asks the sound server); the controller calls it off the main thread.
     virtual bool requestPermission() = 0;
     virtual OnboardingPermissionStatus status() = 0;

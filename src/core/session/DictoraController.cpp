@@ -167,6 +167,10 @@ void DictoraController::captureStarted(bool permitted)
     const QUuid sessionID = QUuid::createUuid();
     const QDateTime startedAt = QDateTime::currentDateTimeUtc();
     QPointer<DictoraController> self(this);
+    const SpeechPort::SampleSink sink = m_c.speech.beginStream();
+    m_streaming = bool(sink);
+    if (m_streaming)
+        m_c.microphone.setSampleSink(sink);
     try {
         m_c.microphone.start([self](AudioMeterLevels levels) {
             if (!self || !self->m_state.phase().is(DictoraPhase::Kind::recording))
@@ -181,6 +185,7 @@ void DictoraController::captureStarted(bool permitted)
         const QString description = dynamic_cast<const Error *>(&e) ? static_cast<const Error &>(e).description()
                                                                      : QString::fromUtf8(e.what());
         m_c.microphone.cancel();
+        cancelStream();
         m_state.setPhase(DictoraPhase::error(description));
         m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("recording start failed error=") + description);
@@ -213,20 +218,35 @@ void DictoraController::stopAndPaste()
 
     if (captured.samples.size() < kMinimumSamples || captured.rmsLevel < kMinimumRms) {
         log(QStringLiteral("accurate local transcription skipped for silence"));
+        cancelStream();
         finishWithText(QString(), 0, captureStopMs);
         return;
     }
     QPointer<DictoraController> self(this);
-    m_c.speech.transcribe(std::move(captured.samples),
-        [self, captureStopMs](std::optional<SpeechPort::Result> result, QString error) {
-            if (!self)
-                return;
-            if (!result) {
-                self->failDictation(error);
-                return;
-            }
-            self->finishWithText(result->text, result->durationMilliseconds, captureStopMs);
-        });
+    auto done = [self, captureStopMs](std::optional<SpeechPort::Result> result, QString error) {
+        if (!self)
+            return;
+        if (!result) {
+            self->failDictation(error);
+            return;
+        }
+        self->finishWithText(result->text, result->durationMilliseconds, captureStopMs);
+    };
+    if (m_streaming) {
+        // Most of a long recording is recognised already; only the rest is left.
+        m_streaming = false;
+        m_c.speech.finishStream(std::move(done));
+    } else {
+        m_c.speech.transcribe(std::move(captured.samples), std::move(done));
+    }
+}
+
+void DictoraController::cancelStream()
+{
+    if (!m_streaming)
+        return;
+    m_streaming = false;
+    m_c.speech.cancelStream();
 }
 
 void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs)
@@ -290,6 +310,7 @@ void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint
 void DictoraController::failDictation(const QString &error)
 {
     m_c.microphone.cancel();
+    cancelStream();
     TranscriptRecord record = sessionRecord(TranscriptOutcome::failed);
     record.finalizationDurationMilliseconds = millisecondsBetween(m_endedAt, record.savedAt);
     record.error = error;

@@ -110,6 +110,9 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     const TranscriptJournal journal(DataPaths::journalFile());
     SnippetStore snippets(DataPaths::snippetsFile());
 
+    modelOptions.devicePreference =
+        speechDevicePreferenceFromString(settings.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
+            .value_or(SpeechDevicePreference::automatic);
     AccuracyModelManager model(modelOptions, &log);
     const std::unique_ptr<SpeechPort> speech = speechFactory(model);
     AudioCaptureService capture(&log);

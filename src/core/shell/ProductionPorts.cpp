@@ -2,6 +2,7 @@
 
 #include "audio/AudioCaptureService.h"
 #include "speech/AccuracyModelManager.h"
+#include "speech/ChunkedTranscription.h"
 #include "text/paste/PasteService.h"
 
 #include <QFutureWatcher>
@@ -21,6 +22,34 @@ void ModelSpeechPort::startAutomatically() { m_manager.startAutomatically(); }
 
 void ModelSpeechPort::transcribe(std::vector<float> samples, Done done)
 {
+    deliver(m_manager.transcribe(std::move(samples)), std::move(done));
+}
+
+SpeechPort::SampleSink ModelSpeechPort::beginStream()
+{
+    cancelStream();
+    m_stream = std::make_shared<ChunkedTranscription>(ChunkedTranscription::recogniserFor(m_manager.engine()));
+    return [stream = m_stream](const float *samples, size_t count) { stream->feed(samples, count); };
+}
+
+void ModelSpeechPort::finishStream(Done done)
+{
+    if (!m_stream) {
+        SpeechPort::finishStream(std::move(done));
+        return;
+    }
+    const std::shared_ptr<ChunkedTranscription> stream = std::exchange(m_stream, {});
+    deliver(stream->finish(), std::move(done));
+}
+
+void ModelSpeechPort::cancelStream()
+{
+    if (const std::shared_ptr<ChunkedTranscription> stream = std::exchange(m_stream, {}))
+        stream->cancel();
+}
+
+void ModelSpeechPort::deliver(QFuture<AccurateSpeechResult> future, Done done)
+{
     auto *watcher = new QFutureWatcher<AccurateSpeechResult>(this);
     connect(watcher, &QFutureWatcherBase::finished, this, [watcher, done = std::move(done)] {
         watcher->deleteLater();
@@ -33,7 +62,13 @@ void ModelSpeechPort::transcribe(std::vector<float> samples, Done done)
             done(std::nullopt, QString::fromUtf8(e.what()));
         }
     });
-    watcher->setFuture(m_manager.transcribe(std::move(samples)));
+    watcher->setFuture(future);
+}
+
+void ScriptedSpeechPort::finishStream(Done done)
+{
+    cancelStream();
+    transcribe({}, std::move(done));
 }
 
 void ScriptedSpeechPort::transcribe(std::vector<float>, Done done)
@@ -55,6 +90,11 @@ MicrophonePort::Captured CaptureMicrophonePort::stop()
 }
 
 void CaptureMicrophonePort::cancel() { m_capture.cancel(); }
+
+void CaptureMicrophonePort::setSampleSink(std::function<void(const float *, size_t)> sink)
+{
+    m_capture.setSampleSink(std::move(sink));
+}
 
 bool CaptureMicrophonePort::requestPermission() { return m_capture.requestMicrophonePermission(); }
 

@@ -5,10 +5,14 @@
 #include <functional>
 #include <memory>
 
+#include <QFuture>
+
 namespace dictora {
 
 class AccuracyModelManager;
 class AudioCaptureService;
+class ChunkedTranscription;
+struct AccurateSpeechResult;
 class PasteService;
 
 // The real services behind the controller's ports.
@@ -19,9 +23,15 @@ public:
     bool isReady() const override;
     void startAutomatically() override;
     void transcribe(std::vector<float> samples, Done done) override;
+    SampleSink beginStream() override;
+    void finishStream(Done done) override;
+    void cancelStream() override;
 
 protected:
+    void deliver(QFuture<AccurateSpeechResult> future, Done done);
+
     AccuracyModelManager &m_manager;
+    std::shared_ptr<ChunkedTranscription> m_stream; // shared with the capture thread's sink
 };
 
 // The test-only recogniser of dictora-scripted: the model is prepared as
@@ -31,6 +41,7 @@ class ScriptedSpeechPort : public ModelSpeechPort {
 public:
     using ModelSpeechPort::ModelSpeechPort;
     void transcribe(std::vector<float> samples, Done done) override;
+    void finishStream(Done done) override;
 };
 
 class CaptureMicrophonePort : public MicrophonePort {
@@ -39,6 +50,7 @@ public:
     void start(std::function<void(AudioMeterLevels)> onMeterLevels) override;
     Captured stop() override;
     void cancel() override;
+    void setSampleSink(std::function<void(const float *, size_t)> sink) override;
     bool requestPermission() override;
     OnboardingPermissionStatus status() override;
 
