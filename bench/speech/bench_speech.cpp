@@ -206,9 +206,9 @@ qint64 chunkedPressToText(AccurateSpeechEngine &engine, const std::vector<float>
     return press.elapsed();
 }
 
-void benchDictation(const QString &testdata, const QList<double> &lengths)
+void benchDictation(const QString &testdata, const QList<double> &lengths, const QString &modelName)
 {
-    const QString model = testdata + QStringLiteral("/models/for-tests-ggml-large-v3-turbo-q5_0.bin");
+    const QString model = testdata + QStringLiteral("/models/") + modelName;
     const QList<ComputeDevice> devices = availableComputeDevices();
     for (const ComputeDevice &device : devices)
         std::printf("dictation: library device %s: %s%s\n", qPrintable(device.name), qPrintable(device.description),
@@ -265,9 +265,11 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     const QStringList arguments = app.arguments();
     if (arguments.contains(QStringLiteral("--help"))) {
-        std::printf("Usage: bench_speech [--no-recognition] [--all] [--dictation-only] [--lengths=5,30,90]\n"
+        std::printf("Usage: bench_speech [--no-recognition] [--all] [--dictation-only] [--lengths=5,30,90] [--model=FILE]\n"
                     "Recognition needs ../shared/testdata (or DICTORA_SHARED_TESTDATA).\n"
-                    "--dictation-only: only the press-to-text figures (minutes on a small CPU).\n");
+                    "--dictation-only: only the press-to-text figures (minutes on a small CPU).\n"
+                    "--model: a file in the test data's models folder for those figures\n"
+                    "         (default for-tests-ggml-large-v3-turbo-q5_0.bin, the product's shape).\n");
         return 0;
     }
     setRecognizerLibraryLogging(false);
@@ -283,7 +285,10 @@ int main(int argc, char **argv)
     if (arguments.contains(QStringLiteral("--no-recognition")))
         return 0;
     QList<double> lengths{5, 30, 90};
+    QString dictationModel = QStringLiteral("for-tests-ggml-large-v3-turbo-q5_0.bin");
     for (const QString &argument : arguments) {
+        if (argument.startsWith(QLatin1String("--model=")))
+            dictationModel = argument.section(QLatin1Char('='), 1);
         if (!argument.startsWith(QLatin1String("--lengths=")))
             continue;
         lengths.clear();
@@ -299,6 +304,6 @@ int main(int argc, char **argv)
     }
     if (!dictationOnly)
         benchRecognition(testdata, arguments.contains(QStringLiteral("--all")));
-    benchDictation(testdata, lengths);
+    benchDictation(testdata, lengths, dictationModel);
     return 0;
 }
