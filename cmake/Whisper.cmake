@@ -2,7 +2,7 @@
 # tree is taken from the npm registry (the only source registry the build
 # machines reach), checked against its published integrity and built here.
 
-option(DICTORA_WHISPER_VULKAN "Build whisper.cpp with its Vulkan back-end" OFF)
+option(DICTORA_WHISPER_VULKAN "Build whisper.cpp with its Vulkan back-end (GPU recognition, CPU fallback)" ON)
 option(DICTORA_WHISPER_CUDA "Build whisper.cpp with its CUDA back-end" OFF)
 option(DICTORA_USE_SYSTEM_WHISPER "Use an installed whisper.cpp (>= 1.9) when found" ON)
 
@@ -71,6 +71,22 @@ if(NOT EXISTS "${_stamp}")
   file(WRITE "${_stamp}" "${DICTORA_WHISPER_SHA512}\n")
 endif()
 
+# Without the Vulkan headers or glslc the build still works, CPU only.
+set(_vulkan ${DICTORA_WHISPER_VULKAN})
+if(_vulkan)
+  find_package(Vulkan COMPONENTS glslc)
+  if(NOT Vulkan_FOUND OR NOT Vulkan_glslc_FOUND)
+    message(WARNING "Dictora: Vulkan headers or glslc not found; recognition will run on the CPU only. "
+                    "Install glslc, libvulkan-dev and spirv-headers for the GPU back-end.")
+    set(_vulkan OFF)
+  else()
+    include(${CMAKE_CURRENT_LIST_DIR}/VulkanCompat.cmake)
+    dictora_patch_vulkan_layer_settings("${_src}/ggml/src/ggml-vulkan/ggml-vulkan.cpp" "${Vulkan_INCLUDE_DIR}" _vk_patch)
+    message(STATUS "Dictora: Vulkan back-end on (headers ${Vulkan_INCLUDE_DIR}, layer-settings patch: ${_vk_patch})")
+  endif()
+endif()
+set(DICTORA_WHISPER_HAS_VULKAN ${_vulkan})
+
 set(WHISPER_BUILD_TESTS OFF CACHE BOOL "" FORCE)
 set(WHISPER_BUILD_EXAMPLES OFF CACHE BOOL "" FORCE)
 set(WHISPER_BUILD_SERVER OFF CACHE BOOL "" FORCE)
@@ -79,7 +95,7 @@ set(WHISPER_CURL OFF CACHE BOOL "" FORCE)
 set(WHISPER_SDL2 OFF CACHE BOOL "" FORCE)
 set(GGML_CCACHE OFF CACHE BOOL "" FORCE)
 set(GGML_NATIVE ON CACHE BOOL "" FORCE)
-set(GGML_VULKAN ${DICTORA_WHISPER_VULKAN} CACHE BOOL "" FORCE)
+set(GGML_VULKAN ${_vulkan} CACHE BOOL "" FORCE)
 set(GGML_CUDA ${DICTORA_WHISPER_CUDA} CACHE BOOL "" FORCE)
 set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)
 set(_saved_shared ${BUILD_SHARED_LIBS})

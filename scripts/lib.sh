@@ -7,7 +7,9 @@ DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
 
 # Build tools and libraries, plus what the tests stand up: an X server with a
 # window manager, a PulseAudio server, key and speech generators, and real
-# applications to paste into.
+# applications to paste into. whisper.cpp's Vulkan back-end needs glslc and the
+# Vulkan headers; Mesa's software driver lets the tests run that path and see
+# it fall back to the CPU.
 DICTORA_PACKAGES=(
   build-essential cmake ninja-build pkg-config git nodejs npm ccache
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
@@ -16,6 +18,7 @@ DICTORA_PACKAGES=(
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
   clang libclang-rt-14-dev
+  glslc libvulkan-dev spirv-headers mesa-vulkan-drivers
 )
 
 dictora_sudo() {

@@ -1,8 +1,13 @@
 // Recognition time and real-time factor, hashing throughput of the model
-// verifier, and the peak memory of streaming a 600 MB download to disk.
+// verifier, the peak memory of streaming a 600 MB download to disk, and the
+// wait from the second press to the text for dictations of 5, 30 and 90 s,
+// with the whole recording recognised at the press and with the recording
+// recognised in chunks while it is captured.
 #include "LocalHttpServer.h"
 #include "speech/AccurateSpeechEngine.h"
 #include "speech/AudioFile.h"
+#include "speech/ChunkedTranscription.h"
+#include "speech/SpeechDevice.h"
 #include "speech/ModelVerifier.h"
 #include "speech/RecognizerLogging.h"
 #include "speech/StreamingModelDownloader.h"
@@ -15,7 +20,11 @@
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 
+#include <QDirIterator>
+
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 using namespace dictora;
 
@@ -152,6 +161,103 @@ void benchRecognition(const QString &testdata, bool all)
     }
 }
 
+// Read speech, clip after clip with a short breath between, cut to `seconds`:
+// shaped like a dictation, with the pauses the chunking looks for.
+std::vector<float> dictation(const QString &testdata, double seconds)
+{
+    QStringList clips;
+    for (const char *folder : {"librivox", "hifitts"}) {
+        QDirIterator it(testdata + QStringLiteral("/speech/") + QLatin1String(folder), {QStringLiteral("*.wav")}, QDir::Files);
+        QStringList names;
+        while (it.hasNext())
+            names.append(it.next());
+        names.sort();
+        clips += names;
+    }
+    const size_t wanted = size_t(seconds * 16000);
+    std::vector<float> samples;
+    for (const QString &clip : clips) {
+        if (samples.size() >= wanted)
+            break;
+        const DecodedAudio audio = AudioFile::decodeToMono16k(clip);
+        samples.insert(samples.end(), audio.samples.begin(), audio.samples.end());
+        samples.insert(samples.end(), 6400, 0.0f); // 0.4 s
+    }
+    samples.resize(wanted, 0.0f);
+    return samples;
+}
+
+// Feeds the recording at the pace a microphone would (20 ms blocks), then
+// presses: the time from the press to the joined text.
+qint64 chunkedPressToText(AccurateSpeechEngine &engine, const std::vector<float> &recording, int *chunks)
+{
+    ChunkedTranscription chunker(ChunkedTranscription::recogniserFor(engine));
+    const auto started = std::chrono::steady_clock::now();
+    constexpr size_t kBlock = 320;
+    for (size_t at = 0; at < recording.size(); at += kBlock) {
+        std::this_thread::sleep_until(started + std::chrono::microseconds(qint64(at) * 1'000'000 / 16000));
+        chunker.feed(recording.data() + at, std::min(kBlock, recording.size() - at));
+    }
+    std::this_thread::sleep_until(started + std::chrono::microseconds(qint64(recording.size()) * 1'000'000 / 16000));
+    QElapsedTimer press;
+    press.start();
+    chunker.finish().waitForFinished();
+    *chunks = chunker.chunksSubmitted();
+    return press.elapsed();
+}
+
+void benchDictation(const QString &testdata, const QList<double> &lengths, const QString &modelName)
+{
+    const QString model = testdata + QStringLiteral("/models/") + modelName;
+    const QList<ComputeDevice> devices = availableComputeDevices();
+    for (const ComputeDevice &device : devices)
+        std::printf("dictation: library device %s: %s%s\n", qPrintable(device.name), qPrintable(device.description),
+            isSoftwareRasteriser(device) ? " (software rasteriser, not used)" : "");
+    QList<SpeechDevicePreference> runs{SpeechDevicePreference::cpu};
+    const SpeechDeviceChoice gpu = chooseSpeechDevice(devices, SpeechDevicePreference::gpu);
+    if (gpu.useGpu)
+        runs.prepend(SpeechDevicePreference::gpu);
+    else
+        std::printf("dictation: NO GPU FOUND (%s): GPU figures cannot be measured on this machine; CPU only\n",
+            qPrintable(gpu.reason));
+    std::printf("dictation: model %s, %d recognition threads of %d processors\n",
+        qPrintable(QFileInfo(model).fileName()),
+        AccurateSpeechEngine::threadCountFor(AccurateSpeechEngine::activeProcessorCount()),
+        AccurateSpeechEngine::activeProcessorCount());
+    std::fflush(stdout);
+
+    for (const SpeechDevicePreference preference : runs) {
+        AccurateSpeechEngine engine(preference);
+        QElapsedTimer loadTimer;
+        loadTimer.start();
+        try {
+            engine.load(model).waitForFinished();
+        } catch (const Error &error) {
+            std::printf("dictation: %s: %s\n", qPrintable(model), qPrintable(error.description()));
+            continue;
+        }
+        const QString device = engine.deviceName();
+        std::printf("dictation: [%s] model loaded%s in %lld ms\n", qPrintable(device),
+            engine.usesGpu() ? " and warmed up" : "", loadTimer.elapsed());
+        std::fflush(stdout);
+        for (const double seconds : lengths) {
+            const std::vector<float> recording = dictation(testdata, seconds);
+            QElapsedTimer whole;
+            whole.start();
+            engine.transcribe(recording, 16000).waitForFinished();
+            const qint64 before = whole.elapsed();
+            std::printf("dictation: [%s] %3.0f s  whole recording at the press: %7lld ms from press to text\n",
+                qPrintable(device), seconds, before);
+            std::fflush(stdout);
+            int chunks = 0;
+            const qint64 after = chunkedPressToText(engine, recording, &chunks);
+            std::printf("dictation: [%s] %3.0f s  chunked while recording (%d chunk%s): %7lld ms from press to text\n",
+                qPrintable(device), seconds, chunks, chunks == 1 ? "" : "s", after);
+            std::fflush(stdout);
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -159,19 +265,36 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     const QStringList arguments = app.arguments();
     if (arguments.contains(QStringLiteral("--help"))) {
-        std::printf("Usage: bench_speech [--no-recognition] [--all]\n"
-                    "Recognition needs ../shared/testdata (or DICTORA_SHARED_TESTDATA).\n");
+        std::printf("Usage: bench_speech [--no-recognition] [--all] [--dictation-only] [--lengths=5,30,90] [--model=FILE]\n"
+                    "Recognition needs ../shared/testdata (or DICTORA_SHARED_TESTDATA).\n"
+                    "--dictation-only: only the press-to-text figures (minutes on a small CPU).\n"
+                    "--model: a file in the test data's models folder for those figures\n"
+                    "         (default for-tests-ggml-large-v3-turbo-q5_0.bin, the product's shape).\n");
         return 0;
     }
     setRecognizerLibraryLogging(false);
+    const bool dictationOnly = arguments.contains(QStringLiteral("--dictation-only"));
     QTemporaryDir dir;
-    benchDownload(dir); // first, so the peak is not the models'
-    std::fflush(stdout);
-    benchHash(dir);
-    std::fflush(stdout);
+    if (!dictationOnly) {
+        benchDownload(dir); // first, so the peak is not the models'
+        std::fflush(stdout);
+        benchHash(dir);
+        std::fflush(stdout);
+    }
 
     if (arguments.contains(QStringLiteral("--no-recognition")))
         return 0;
+    QList<double> lengths{5, 30, 90};
+    QString dictationModel = QStringLiteral("for-tests-ggml-large-v3-turbo-q5_0.bin");
+    for (const QString &argument : arguments) {
+        if (argument.startsWith(QLatin1String("--model=")))
+            dictationModel = argument.section(QLatin1Char('='), 1);
+        if (!argument.startsWith(QLatin1String("--lengths=")))
+            continue;
+        lengths.clear();
+        for (const QString &value : argument.section(QLatin1Char('='), 1).split(QLatin1Char(','), Qt::SkipEmptyParts))
+            lengths.append(value.toDouble());
+    }
     QString testdata = qEnvironmentVariable("DICTORA_SHARED_TESTDATA");
     if (testdata.isEmpty())
         testdata = QStringLiteral(DICTORA_DEFAULT_TESTDATA);
@@ -179,6 +302,8 @@ int main(int argc, char **argv)
         std::printf("recognition: skipped, no test data at %s\n", qPrintable(testdata));
         return 0;
     }
-    benchRecognition(testdata, arguments.contains(QStringLiteral("--all")));
+    if (!dictationOnly)
+        benchRecognition(testdata, arguments.contains(QStringLiteral("--all")));
+    benchDictation(testdata, lengths, dictationModel);
     return 0;
 }

@@ -2,6 +2,8 @@
 
 #include "core/RuntimeLog.h"
 
+#include <utility>
+
 namespace dictora {
 
 AudioCaptureService::AudioCaptureService(RuntimeLog *log, QObject *parent)
@@ -20,11 +22,17 @@ void AudioCaptureService::write(const QString &message) const
         m_log->write(message);
 }
 
+void AudioCaptureService::setSampleSink(AudioSampleSink sink)
+{
+    m_nextSampleSink = std::move(sink);
+}
+
 void AudioCaptureService::start(AudioMeterCallback onMeterLevels, QObject *meterContext)
 {
     if (m_engine.isRunning())
         return;
     m_finalCapture->reset();
+    AudioSampleSink sampleSink = std::exchange(m_nextSampleSink, {});
 
     const PulseCaptureEngine::SourceInfo source = m_engine.defaultSource();
     if (!source.serverAnswered) {
@@ -43,6 +51,7 @@ void AudioCaptureService::start(AudioMeterCallback onMeterLevels, QObject *meter
 
     m_tapPipe = std::make_shared<AudioCaptureTapPipe>(std::move(converter), m_finalCapture, std::move(onMeterLevels),
         meterContext ? meterContext : this);
+    m_tapPipe->setSampleSink(std::move(sampleSink));
     m_engine.installTap(source.format, [pipe = m_tapPipe](const AudioBuffer &buffer) { pipe->handle(buffer); });
     m_tapInstalled = true;
     try {

@@ -42,6 +42,11 @@ public:
     void cancel();
     bool isRecording() const;
 
+    // For the next recording only: also hands every converted 16 kHz block to
+    // `sink` as it is captured (on the capture thread; the last blocks on the
+    // thread that calls stop()), so recognition can start before the stop.
+    void setSampleSink(AudioSampleSink sink);
+
     // Authorized when the sound server answers and has a default input
     // source; a denial is written to the log with its reason. Blocks until
     // the local server answers (a few milliseconds, at most the engine's
@@ -60,6 +65,7 @@ private:
     std::shared_ptr<FinalAudioCapture> m_finalCapture;
     std::shared_ptr<AudioCaptureTapPipe> m_tapPipe;
     bool m_tapInstalled = false;
+    AudioSampleSink m_nextSampleSink;
 };
 
 } // namespace dictora

@@ -100,7 +100,16 @@ void AudioCaptureTapPipe::handle(const AudioBuffer &buffer)
             return &buffer;
         });
     if (status != AudioConverter::OutputStatus::error && output->frameLength() > 0)
-        m_capture->append(*output);
+        keep(*output);
+}
+
+void AudioCaptureTapPipe::keep(const AudioBuffer &converted)
+{
+    m_capture->append(converted);
+    if (m_sampleSink) {
+        if (const float *samples = converted.floatChannelData(0))
+            m_sampleSink(samples, converted.frameLength());
+    }
 }
 
 void AudioCaptureTapPipe::finish()
@@ -118,7 +127,7 @@ void AudioCaptureTapPipe::finish()
             });
         if (status == AudioConverter::OutputStatus::error || output.frameLength() == 0)
             break;
-        m_capture->append(output);
+        keep(output);
     }
 }
 

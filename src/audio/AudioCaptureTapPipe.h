@@ -14,6 +14,8 @@
 namespace dictora {
 
 using AudioMeterCallback = std::function<void(AudioMeterLevels)>;
+// Receives each converted 16 kHz block right after the capture keeps it.
+using AudioSampleSink = std::function<void(const float *samples, size_t count)>;
 
 // One recording's path from raw capture buffers to the 16 kHz capture: meter
 // first, then conversion. Used only on the capture thread once created
@@ -26,6 +28,9 @@ public:
                         std::shared_ptr<FinalAudioCapture> capture,
                         AudioMeterCallback onMeterLevels,
                         QObject *mainThreadContext);
+
+    // Before the first buffer; called on the capture thread, then by finish().
+    void setSampleSink(AudioSampleSink sink) { m_sampleSink = std::move(sink); }
 
     void handle(const AudioBuffer &buffer);
     // Ends the recording's conversion: the resampler's last frames go into the capture.
@@ -44,6 +49,7 @@ public:
 
 private:
     void emitMeterLevelsIfNeeded(const AudioBuffer &buffer);
+    void keep(const AudioBuffer &converted);
 
     std::unique_ptr<AudioConverter> m_converter;
     AudioFormat m_outputFormat;
@@ -51,6 +57,7 @@ private:
     AudioMeterCallback m_onMeterLevels;
     QPointer<QObject> m_mainThreadContext;
     qint64 m_meterFramesSinceEmission = 0;
+    AudioSampleSink m_sampleSink;
 };
 
 } // namespace dictora

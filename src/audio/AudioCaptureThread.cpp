@@ -39,11 +39,12 @@ void AudioCaptureThread::request(Work work, Done done)
     }, Qt::QueuedConnection);
 }
 
-void AudioCaptureThread::start(AudioMeterCallback onMeterLevels, Started done)
+void AudioCaptureThread::start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples, Started done)
 {
-    request([onMeterLevels = std::move(onMeterLevels), context = this](AudioCaptureService &service) mutable
-                -> std::optional<QString> {
+    request([onMeterLevels = std::move(onMeterLevels), onSamples = std::move(onSamples), context = this](
+                AudioCaptureService &service) mutable -> std::optional<QString> {
         try {
+            service.setSampleSink(std::move(onSamples));
             service.start(std::move(onMeterLevels), context);
             return std::nullopt;
         } catch (...) {

@@ -29,8 +29,9 @@ public:
     explicit AudioCaptureThread(RuntimeLog *log = nullptr, QObject *parent = nullptr);
     ~AudioCaptureThread() override;
 
-    // Meter levels arrive on this object's thread while recording.
-    void start(AudioMeterCallback onMeterLevels, Started done);
+    // Meter levels arrive on this object's thread while recording; samples
+    // (when onSamples is set) on the capture thread as they are converted.
+    void start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples, Started done);
     void stop(Stopped done);
     void cancel();
     void requestPermission(Answered done);

@@ -16,6 +16,12 @@ public:
         QMetaObject::invokeMethod(this, [text, done = std::move(done)] { done(Result{text, 0}, QString()); },
             Qt::QueuedConnection);
     }
+    // The stream still runs the real recogniser while recording; only its words are replaced.
+    void finishStream(Done done) override
+    {
+        cancelStream();
+        transcribe({}, std::move(done));
+    }
 };
 
 } // namespace

@@ -17,6 +17,8 @@
 #include <QEventLoop>
 #include <QSettings>
 
+#include <optional>
+
 namespace dictora::cli {
 
 namespace {
@@ -29,7 +31,7 @@ constexpr int kAttempts = 3;
 QString usage()
 {
     return QStringLiteral(
-        "Usage: dictora transcribe [--raw] [--verbose] FILE\n"
+        "Usage: dictora transcribe [--raw] [--verbose] [--device cpu|gpu] FILE\n"
         "\n"
         "Recognises the speech in FILE (WAV, FLAC or Ogg) with the local accuracy model and\n"
         "prints the text. The model is checked, downloaded and verified first when needed;\n"
@@ -37,6 +39,8 @@ QString usage()
         "\n"
         "  --raw      print the recogniser's text as it is: no formatting, no snippets\n"
         "  --verbose  also show the speech library's own messages\n"
+        "  --device   cpu: recognise on the processor; gpu: on the graphics card when one\n"
+        "             is usable (the default, falling back to the processor)\n"
         "  --help     show this help\n");
 }
 
@@ -108,8 +112,22 @@ int runTranscribe(const QStringList &arguments)
 {
     bool raw = false;
     bool verbose = false;
+    std::optional<SpeechDevicePreference> device;
     QStringList files;
-    for (const QString &argument : arguments) {
+    for (qsizetype i = 0; i < arguments.size(); ++i) {
+        const QString &argument = arguments.at(i);
+        if (argument == QLatin1String("--device") || argument.startsWith(QLatin1String("--device="))) {
+            QString value = argument.section(QLatin1Char('='), 1);
+            if (argument == QLatin1String("--device")) {
+                if (++i >= arguments.size())
+                    return usageError(kVerb, QStringLiteral("--device needs a value: cpu or gpu"));
+                value = arguments.at(i);
+            }
+            device = speechDevicePreferenceFromString(value);
+            if (!device || *device == SpeechDevicePreference::automatic)
+                return usageError(kVerb, QStringLiteral("unknown device '%1' (cpu or gpu)").arg(value));
+            continue;
+        }
         if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
             printOut(usage());
             return kExitOk;
@@ -144,9 +162,21 @@ int runTranscribe(const QStringList &arguments)
     if (!audio.shortfall.isEmpty())
         printErr(QStringLiteral("dictora transcribe: %1\n").arg(audio.shortfall));
 
+    QString settingsProblem;
+    QSettings store(SettingsFile::readablePathOrNull(DataPaths::settingsFile(), &settingsProblem), QSettings::IniFormat);
+    if (!settingsProblem.isEmpty())
+        printErr(QStringLiteral("dictora transcribe: settings ignored, defaults used: %1\n").arg(settingsProblem));
     std::unique_ptr<AccuracyModelManager> manager;
     try {
-        manager = std::make_unique<AccuracyModelManager>(nullptr);
+        AccuracyModelManager::Options options;
+        options.contract = AccuracyModelContract::current();
+        options.devicePreference =
+            speechDevicePreferenceFromString(store.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
+                .value_or(SpeechDevicePreference::automatic);
+        // The option says what this run does, whatever the environment says.
+        if (device)
+            qputenv("DICTORA_SPEECH_DEVICE", rawValue(*device).toUtf8());
+        manager = std::make_unique<AccuracyModelManager>(options, nullptr);
     } catch (const Error &error) {
         printErr(QStringLiteral("dictora transcribe: %1\n").arg(error.description()));
         return kExitFailure;
@@ -157,6 +187,9 @@ int runTranscribe(const QStringList &arguments)
         return kExitFailure;
     }
 
+    if (device == SpeechDevicePreference::gpu && !manager->engine().usesGpu())
+        printErr(QStringLiteral("no usable GPU found; recognising on the CPU\n"));
+
     QFuture<AccurateSpeechResult> future = manager->transcribe(audio.samples);
     AccurateSpeechResult result;
     try {
@@ -165,16 +198,13 @@ int runTranscribe(const QStringList &arguments)
         printErr(QStringLiteral("dictora transcribe: %1\n").arg(error.description()));
         return kExitFailure;
     }
-    printErr(QStringLiteral("recognised %1 s of audio in %2 ms\n")
+    printErr(QStringLiteral("recognised %1 s of audio in %2 ms on %3\n")
                  .arg(QString::number(audio.seconds(), 'f', 1))
-                 .arg(result.durationMilliseconds));
+                 .arg(result.durationMilliseconds)
+                 .arg(manager->engine().deviceName()));
 
     QString text = result.text;
     if (!raw) {
-        QString settingsProblem;
-        QSettings store(SettingsFile::readablePathOrNull(DataPaths::settingsFile(), &settingsProblem), QSettings::IniFormat);
-        if (!settingsProblem.isEmpty())
-            printErr(QStringLiteral("dictora transcribe: settings ignored, defaults used: %1\n").arg(settingsProblem));
         const ProductPreferences preferences(store);
         text = BasicFormatter::formatTranscript(text, preferences.formattingEnabled());
         if (preferences.snippetsEnabled()) {

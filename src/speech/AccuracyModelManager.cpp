@@ -49,8 +49,13 @@ AccuracyModelManager::AccuracyModelManager(RuntimeLog *log, QObject *parent)
 }
 
 AccuracyModelManager::AccuracyModelManager(Options options, RuntimeLog *log, QObject *parent)
-    : QObject(parent), m_options(std::move(options)), m_log(log), m_engine(std::make_unique<AccurateSpeechEngine>())
+    : QObject(parent), m_options(std::move(options)), m_log(log)
 {
+    m_engine = std::make_unique<AccurateSpeechEngine>(
+        speechDevicePreferenceFromEnvironment(m_options.devicePreference), [log](const QString &message) {
+            if (log)
+                log->write(message); // RuntimeLog is safe from the engine's thread
+        });
     if (m_options.installedPath.isEmpty())
         m_options.installedPath = m_options.contract.installedPath();
     if (m_options.developmentCopyPath.isEmpty())

@@ -41,6 +41,8 @@ public:
         std::chrono::milliseconds firstPause{2000};
         std::chrono::milliseconds maximumPause{30000};
         StreamingModelDownloader::TimeLimits downloadLimits;
+        // DICTORA_SPEECH_DEVICE, when set, wins over this.
+        SpeechDevicePreference devicePreference = SpeechDevicePreference::automatic;
     };
 
     // The contract of the environment (DICTORA_MODEL_CONTRACT) or the product's;

@@ -86,9 +86,61 @@ void SerialWorkQueue::run()
     }
 }
 
-AccurateSpeechEngine::AccurateSpeechEngine()
-    : m_queue(kQueueLabel)
+AccurateSpeechEngine::AccurateSpeechEngine(SpeechDevicePreference preference, LogSink log, DeviceLister devices)
+    : m_preference(preference), m_log(std::move(log)), m_devices(std::move(devices)), m_queue(kQueueLabel)
 {
+}
+
+void AccurateSpeechEngine::log(const QString &message) const
+{
+    if (m_log)
+        m_log(message);
+}
+
+QString AccurateSpeechEngine::deviceName() const
+{
+    std::lock_guard lock(m_deviceMutex);
+    return m_deviceName;
+}
+
+bool AccurateSpeechEngine::usesGpu() const
+{
+    std::lock_guard lock(m_deviceMutex);
+    return m_onGpu;
+}
+
+void AccurateSpeechEngine::setDevice(const QString &name, bool gpu)
+{
+    {
+        std::lock_guard lock(m_deviceMutex);
+        if (m_deviceName == name && m_onGpu == gpu)
+            return; // a reload on the same device says nothing new
+        m_deviceName = name;
+        m_onGpu = gpu;
+    }
+    log(QStringLiteral("speech engine device=") + name);
+}
+
+whisper_context *AccurateSpeechEngine::initContext(const QByteArray &path, bool useGpu, int gpuIndex)
+{
+    whisper_context_params params = whisper_context_default_params();
+    params.use_gpu = useGpu;
+    params.gpu_device = gpuIndex;
+    params.flash_attn = true;
+    return whisper_init_from_file_with_params(path.constData(), params);
+}
+
+bool AccurateSpeechEngine::fallBackToCpu(const QString &why)
+{
+    log(QStringLiteral("speech engine gpu unusable, falling back to cpu reason=") + why);
+    if (m_context) {
+        whisper_free(m_context);
+        m_context = nullptr;
+    }
+    m_context = initContext(m_modelPath, false, 0);
+    if (m_context)
+        setDevice(QStringLiteral("cpu"), false);
+    return m_context != nullptr;
 }
 
 AccurateSpeechEngine::~AccurateSpeechEngine()
@@ -113,10 +165,28 @@ QFuture<void> AccurateSpeechEngine::load(const QString &modelPath)
             whisper_free(m_context);
             m_context = nullptr;
         }
-        whisper_context_params params = whisper_context_default_params();
-        params.use_gpu = true;
-        params.flash_attn = true;
-        m_context = whisper_init_from_file_with_params(path.constData(), params);
+        m_modelPath = path;
+        const SpeechDeviceChoice choice =
+            chooseSpeechDevice(m_devices ? m_devices() : QList<ComputeDevice>{}, m_preference);
+        if (!choice.useGpu && m_preference == SpeechDevicePreference::gpu)
+            log(QStringLiteral("speech engine gpu requested but unavailable reason=") + choice.reason);
+        m_context = initContext(path, choice.useGpu, choice.gpuIndex);
+        if (choice.useGpu) {
+            if (!m_context) {
+                fallBackToCpu(QStringLiteral("load failed on ") + choice.name);
+            } else {
+                // The GPU back-end compiles its pipelines on first use: pay for
+                // that now, before the model is called ready, not in the first dictation.
+                const std::vector<float> silence(kWarmUpSamples, 0.0f);
+                const int code = runFull(silence.data(), int(silence.size()));
+                if (code != 0)
+                    fallBackToCpu(QStringLiteral("first run failed on %1 code=%2").arg(choice.name).arg(code));
+                else
+                    setDevice(choice.name, true);
+            }
+        } else if (m_context) {
+            setDevice(QStringLiteral("cpu"), false);
+        }
         if (!m_context)
             promise->setException(std::make_exception_ptr(AccurateSpeechError::modelCouldNotLoad()));
         promise->finish();
@@ -136,8 +206,34 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::transcribe(std::vector<float
     return enqueue(owner, owner->data(), qsizetype(owner->size()), sampleRate);
 }
 
-QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(
-    std::shared_ptr<const void> owner, const float *samples, qsizetype sampleCount, int sampleRate)
+QFuture<AccurateSpeechResult> AccurateSpeechEngine::transcribe(
+    std::vector<float> samples, int sampleRate, std::shared_ptr<const std::atomic_bool> skip)
+{
+    auto owner = std::make_shared<const std::vector<float>>(std::move(samples));
+    return enqueue(owner, owner->data(), qsizetype(owner->size()), sampleRate, std::move(skip));
+}
+
+int AccurateSpeechEngine::runFull(const float *samples, int count)
+{
+    whisper_full_params params = whisper_full_default_params(WHISPER_SAMPLING_GREEDY);
+    params.n_threads = threadCountFor(activeProcessorCount());
+    params.translate = false;
+    params.no_context = true;
+    params.no_timestamps = true;
+    params.single_segment = false;
+    params.print_special = false;
+    params.print_progress = false;
+    params.print_realtime = false;
+    params.print_timestamps = false;
+    params.token_timestamps = false;
+    params.language = "en";
+    params.suppress_blank = true;
+    params.greedy.best_of = 1;
+    return whisper_full(m_context, params, samples, count);
+}
+
+QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<const void> owner, const float *samples,
+    qsizetype sampleCount, int sampleRate, std::shared_ptr<const std::atomic_bool> skip)
 {
     auto promise = std::make_shared<QPromise<AccurateSpeechResult>>();
     QFuture<AccurateSpeechResult> future = promise->future();
@@ -147,7 +243,12 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(
         promise->finish();
         return future;
     }
-    m_queue.post([this, promise, owner, samples, sampleCount] {
+    m_queue.post([this, promise, owner, samples, sampleCount, skip] {
+        if (skip && skip->load()) {
+            promise->addResult(AccurateSpeechResult{});
+            promise->finish();
+            return;
+        }
         if (!m_context) {
             promise->setException(std::make_exception_ptr(AccurateSpeechError::modelNotLoaded()));
             promise->finish();
@@ -155,24 +256,14 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(
         }
         const auto started = std::chrono::steady_clock::now();
 
-        whisper_full_params params = whisper_full_default_params(WHISPER_SAMPLING_GREEDY);
-        params.n_threads = threadCountFor(activeProcessorCount());
-        params.translate = false;
-        params.no_context = true;
-        params.no_timestamps = true;
-        params.single_segment = false;
-        params.print_special = false;
-        params.print_progress = false;
-        params.print_realtime = false;
-        params.print_timestamps = false;
-        params.token_timestamps = false;
-        params.language = "en";
-        params.suppress_blank = true;
-        params.greedy.best_of = 1;
-
         // The recording limit (28.8 M samples) is far below what an int holds.
         const int count = int(std::min<qsizetype>(sampleCount, std::numeric_limits<int>::max()));
-        const int code = whisper_full(m_context, params, samples, count);
+        int code = runFull(samples, count);
+        if (code != 0 && usesGpu()) {
+            // The recording is still here: run it again on the CPU rather than lose it.
+            if (fallBackToCpu(QStringLiteral("recognition failed code=%1").arg(code)))
+                code = runFull(samples, count);
+        }
         if (code != 0) {
             promise->setException(std::make_exception_ptr(AccurateSpeechError::transcriptionFailed(code)));
             promise->finish();

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "core/Error.h"
+#include "speech/SpeechDevice.h"
 
 #include <QFuture>
 #include <QList>
 #include <QString>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -69,12 +71,23 @@ private:
 // happens on the private queue, so loads and recognitions never overlap.
 // The futures may be awaited from any thread; each finishes exactly once,
 // with a value or an AccurateSpeechError.
+//
+// The device is chosen at each load: a real GPU when there is one (and the
+// preference allows), else the CPU. A GPU that fails to load or to run is
+// given up for the CPU, so a recording is never lost to a driver fault.
 class AccurateSpeechEngine {
 public:
     static constexpr int kSampleRate = 16000;
     static constexpr const char *kQueueLabel = "com.dictora.app.accurate-speech";
+    // One second of silence: enough for the GPU back-end to build its pipelines.
+    static constexpr int kWarmUpSamples = kSampleRate;
 
-    AccurateSpeechEngine();
+    using LogSink = std::function<void(const QString &message)>;
+    // The devices the library offers; replaceable so the choice can be exercised without a GPU.
+    using DeviceLister = std::function<QList<ComputeDevice>()>;
+
+    explicit AccurateSpeechEngine(SpeechDevicePreference preference = SpeechDevicePreference::automatic,
+                                  LogSink log = {}, DeviceLister devices = availableComputeDevices);
     ~AccurateSpeechEngine();
     AccurateSpeechEngine(const AccurateSpeechEngine &) = delete;
     AccurateSpeechEngine &operator=(const AccurateSpeechEngine &) = delete;
@@ -84,6 +97,14 @@ public:
     // The samples are shared with (or moved to) the queue, never copied.
     QFuture<AccurateSpeechResult> transcribe(const QList<float> &samples, int sampleRate);
     QFuture<AccurateSpeechResult> transcribe(std::vector<float> samples, int sampleRate);
+    // As above, but a work item that has not started when `skip` becomes true
+    // finishes at once with an empty result: abandoned dictations free the queue.
+    QFuture<AccurateSpeechResult> transcribe(std::vector<float> samples, int sampleRate,
+                                             std::shared_ptr<const std::atomic_bool> skip);
+
+    // "cpu" or the GPU's name; "" before the first load. Any thread.
+    QString deviceName() const;
+    bool usesGpu() const;
 
     // Recognition threads for a machine with this many processors: two are
     // left free, never fewer than 2 nor more than 8 are used.
@@ -95,9 +116,23 @@ public:
 
 private:
     // `owner` keeps `samples` alive until the work item has run.
-    QFuture<AccurateSpeechResult> enqueue(std::shared_ptr<const void> owner, const float *samples, qsizetype count, int sampleRate);
+    QFuture<AccurateSpeechResult> enqueue(std::shared_ptr<const void> owner, const float *samples, qsizetype count,
+                                          int sampleRate, std::shared_ptr<const std::atomic_bool> skip = {});
+    // On the queue only.
+    whisper_context *initContext(const QByteArray &path, bool useGpu, int gpuIndex);
+    int runFull(const float *samples, int count);
+    bool fallBackToCpu(const QString &why);
+    void setDevice(const QString &name, bool gpu);
+    void log(const QString &message) const;
 
+    SpeechDevicePreference m_preference;
+    LogSink m_log;
+    DeviceLister m_devices;
+    QByteArray m_modelPath;                // only touched on m_queue
     whisper_context *m_context = nullptr; // only touched on m_queue
+    mutable std::mutex m_deviceMutex;
+    QString m_deviceName;
+    bool m_onGpu = false;
     SerialWorkQueue m_queue;              // declared last: drained before the context is freed
 };
 

@@ -30,6 +30,17 @@ public:
     virtual void startAutomatically() = 0;
     virtual void transcribe(std::vector<float> samples, Done done) = 0;
 
+    // Recognition while recording. beginStream() returns where the captured
+    // 16 kHz samples go (any thread); an empty sink means not supported, and
+    // the whole recording then goes to transcribe() after the stop.
+    using SampleSink = std::function<void(const float *samples, size_t count)>;
+    virtual SampleSink beginStream() { return {}; }
+    // After the stop: recognises what is left and answers with the text of
+    // the whole recording; its duration covers only the wait after this call.
+    virtual void finishStream(Done done) { done(std::nullopt, QStringLiteral("No recognition was under way.")); }
+    // Discards the stream's work (silence, failure, cancelled recording).
+    virtual void cancelStream() {}
+
 Q_SIGNALS:
     void readyChanged(bool ready);
 };
@@ -47,9 +58,11 @@ public:
         OnboardingPermissionStatus status = OnboardingPermissionStatus::notDetermined;
         QString reason; // why not, when not authorized
     };
-    // What a recording reports while it runs, each on the main thread.
+    // What a recording reports while it runs: the meter on the main thread,
+    // the converted 16 kHz samples (optional) on the capture thread as they come.
     struct Listeners {
         std::function<void(AudioMeterLevels)> onMeterLevels;
+        std::function<void(const float *samples, size_t count)> onSamples;
     };
     // Empty error: recording. Otherwise the user-facing description; the
     // microphone is idle again.

@@ -214,7 +214,10 @@ void DictoraController::permissionAnswered(bool permitted)
     const QUuid sessionID = QUuid::createUuid();
     const QDateTime startedAt = QDateTime::currentDateTimeUtc();
     QPointer<DictoraController> self(this);
+    const SpeechPort::SampleSink sink = m_c.speech.beginStream();
+    m_streaming = bool(sink);
     MicrophonePort::Listeners listeners;
+    listeners.onSamples = sink;
     listeners.onMeterLevels = [self](AudioMeterLevels levels) {
         if (!self || !self->m_state.phase().is(Kind::recording))
             return;
@@ -235,6 +238,7 @@ void DictoraController::captureStarted(const std::optional<QString> &error, cons
 {
     if (error) {
         m_c.microphone.cancel();
+        cancelStream();
         transition(DictationEvent::captureFailed, *error);
         m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("recording start failed error=") + *error);
@@ -244,6 +248,7 @@ void DictoraController::captureStarted(const std::optional<QString> &error, cons
     if (!transition(DictationEvent::captureStarted)) {
         // The shortcut went missing meanwhile: no recording nobody can stop.
         m_c.microphone.cancel();
+        cancelStream();
         stopListeningDots();
         m_target.reset();
         m_operationInFlight = false;
@@ -281,20 +286,35 @@ void DictoraController::captureStopped(MicrophonePort::Captured captured, qint64
 {
     if (captured.samples.size() < kMinimumSamples || captured.rmsLevel < kMinimumRms) {
         log(QStringLiteral("accurate local transcription skipped for silence"));
+        cancelStream();
         finishWithText(QString(), 0, captureStopMs);
         return;
     }
     QPointer<DictoraController> self(this);
-    m_c.speech.transcribe(std::move(captured.samples),
-        [self, captureStopMs](std::optional<SpeechPort::Result> result, QString error) {
-            if (!self)
-                return;
-            if (!result) {
-                self->failDictation(error);
-                return;
-            }
-            self->finishWithText(result->text, result->durationMilliseconds, captureStopMs);
-        });
+    auto done = [self, captureStopMs](std::optional<SpeechPort::Result> result, QString error) {
+        if (!self)
+            return;
+        if (!result) {
+            self->failDictation(error);
+            return;
+        }
+        self->finishWithText(result->text, result->durationMilliseconds, captureStopMs);
+    };
+    if (m_streaming) {
+        // Most of a long recording is recognised already; only the rest is left.
+        m_streaming = false;
+        m_c.speech.finishStream(std::move(done));
+    } else {
+        m_c.speech.transcribe(std::move(captured.samples), std::move(done));
+    }
+}
+
+void DictoraController::cancelStream()
+{
+    if (!m_streaming)
+        return;
+    m_streaming = false;
+    m_c.speech.cancelStream();
 }
 
 void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs)
@@ -372,6 +392,7 @@ void DictoraController::saveRecord(Finalization f)
 void DictoraController::failDictation(const QString &error)
 {
     m_c.microphone.cancel();
+    cancelStream();
     TranscriptRecord record = sessionRecord(TranscriptOutcome::failed);
     record.finalizationDurationMilliseconds = millisecondsBetween(m_endedAt, record.savedAt);
     record.error = error;

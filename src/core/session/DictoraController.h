@@ -107,6 +107,7 @@ private:
     void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs);
     void saveRecord(Finalization finalization);
     void failDictation(const QString &error);
+    void cancelStream();
     // The fields every record of this session shares.
     TranscriptRecord sessionRecord(TranscriptOutcome outcome) const;
     using AppendDone = std::function<void(std::optional<QString> error)>;
@@ -126,6 +127,7 @@ private:
     std::optional<QDateTime> m_recordingStartedAt;
     std::optional<QUuid> m_recordingSessionID;
     std::optional<PasteTarget> m_target;
+    bool m_streaming = false; // the speech port recognises while recording
     bool m_operationInFlight = false;
     bool m_meterActivityLogged = false;
 

@@ -177,6 +177,9 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         log.write(QStringLiteral("snippets file unreadable, starting without snippets; a copy is kept before the next save: ")
             + snippets.loadProblem());
 
+    modelOptions.devicePreference =
+        speechDevicePreferenceFromString(settings.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
+            .value_or(SpeechDevicePreference::automatic);
     AccuracyModelManager model(modelOptions, &log);
     const std::unique_ptr<SpeechPort> speech = speechFactory(model);
     AudioCaptureThread capture(&log);

@@ -3,6 +3,7 @@
 #include "audio/AudioCaptureThread.h"
 #include "core/Async.h"
 #include "speech/AccuracyModelManager.h"
+#include "speech/ChunkedTranscription.h"
 #include "text/paste/PasteService.h"
 
 namespace dictora {
@@ -20,21 +21,47 @@ void ModelSpeechPort::startAutomatically() { m_manager.startAutomatically(); }
 
 void ModelSpeechPort::transcribe(std::vector<float> samples, Done done)
 {
-    whenReady(m_manager.transcribe(std::move(samples)), this,
-        [done = std::move(done)](QFuture<AccurateSpeechResult> finished) {
-            try {
-                const AccurateSpeechResult result = finished.result();
-                done(Result{result.text, result.durationMilliseconds}, QString());
-            } catch (...) {
-                done(std::nullopt, errorMessage(std::current_exception()));
-            }
-        });
+    deliver(m_manager.transcribe(std::move(samples)), std::move(done));
+}
+
+SpeechPort::SampleSink ModelSpeechPort::beginStream()
+{
+    cancelStream();
+    m_stream = std::make_shared<ChunkedTranscription>(ChunkedTranscription::recogniserFor(m_manager.engine()));
+    return [stream = m_stream](const float *samples, size_t count) { stream->feed(samples, count); };
+}
+
+void ModelSpeechPort::finishStream(Done done)
+{
+    if (!m_stream) {
+        SpeechPort::finishStream(std::move(done));
+        return;
+    }
+    const std::shared_ptr<ChunkedTranscription> stream = std::exchange(m_stream, {});
+    deliver(stream->finish(), std::move(done));
+}
+
+void ModelSpeechPort::cancelStream()
+{
+    if (const std::shared_ptr<ChunkedTranscription> stream = std::exchange(m_stream, {}))
+        stream->cancel();
+}
+
+void ModelSpeechPort::deliver(QFuture<AccurateSpeechResult> future, Done done)
+{
+    whenReady(std::move(future), this, [done = std::move(done)](QFuture<AccurateSpeechResult> finished) {
+        try {
+            const AccurateSpeechResult result = finished.result();
+            done(Result{result.text, result.durationMilliseconds}, QString());
+        } catch (...) {
+            done(std::nullopt, errorMessage(std::current_exception()));
+        }
+    });
 }
 
 void CaptureMicrophonePort::start(Listeners listeners, Started done)
 {
-    // Samples for recognition while recording would be a second listener here.
-    m_capture.start(std::move(listeners.onMeterLevels), std::move(done));
+    m_capture.start(std::move(listeners.onMeterLevels), std::move(listeners.onSamples), std::move(done));
 }
 
 void CaptureMicrophonePort::stop(Stopped done)

@@ -5,10 +5,14 @@
 #include <functional>
 #include <memory>
 
+#include <QFuture>
+
 namespace dictora {
 
 class AccuracyModelManager;
 class AudioCaptureThread;
+class ChunkedTranscription;
+struct AccurateSpeechResult;
 class PasteService;
 
 // The real services behind the controller's ports.
@@ -19,9 +23,15 @@ public:
     bool isReady() const override;
     void startAutomatically() override;
     void transcribe(std::vector<float> samples, Done done) override;
+    SampleSink beginStream() override;
+    void finishStream(Done done) override;
+    void cancelStream() override;
 
 protected:
+    void deliver(QFuture<AccurateSpeechResult> future, Done done);
+
     AccuracyModelManager &m_manager;
+    std::shared_ptr<ChunkedTranscription> m_stream; // shared with the capture thread's sink
 };
 
 class CaptureMicrophonePort : public MicrophonePort {

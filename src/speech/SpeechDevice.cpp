@@ -1,0 +1,121 @@
+#include "speech/SpeechDevice.h"
+
+#include <ggml-backend.h>
+
+namespace dictora {
+
+std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text)
+{
+    const QString value = text.trimmed().toLower();
+    if (value == QLatin1String("cpu"))
+        return SpeechDevicePreference::cpu;
+    if (value == QLatin1String("gpu"))
+        return SpeechDevicePreference::gpu;
+    if (value == QLatin1String("auto") || value == QLatin1String("automatic"))
+        return SpeechDevicePreference::automatic;
+    return std::nullopt;
+}
+
+QString rawValue(SpeechDevicePreference preference)
+{
+    switch (preference) {
+    case SpeechDevicePreference::cpu:
+        return QStringLiteral("cpu");
+    case SpeechDevicePreference::gpu:
+        return QStringLiteral("gpu");
+    case SpeechDevicePreference::automatic:
+        break;
+    }
+    return QStringLiteral("auto");
+}
+
+SpeechDevicePreference speechDevicePreferenceFromEnvironment(SpeechDevicePreference configured)
+{
+    return speechDevicePreferenceFromString(qEnvironmentVariable("DICTORA_SPEECH_DEVICE")).value_or(configured);
+}
+
+bool isSoftwareRasteriser(const ComputeDevice &device)
+{
+    for (const char *marker : {"llvmpipe", "lavapipe", "swiftshader", "softpipe"}) {
+        if (device.description.contains(QLatin1String(marker), Qt::CaseInsensitive)
+            || device.name.contains(QLatin1String(marker), Qt::CaseInsensitive))
+            return true;
+    }
+    return false;
+}
+
+SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference)
+{
+    SpeechDeviceChoice choice;
+    if (preference == SpeechDevicePreference::cpu) {
+        choice.reason = QStringLiteral("cpu requested");
+        return choice;
+    }
+    // The library numbers discrete and integrated GPUs together, skipped ones included.
+    struct Candidate {
+        int index;
+        const ComputeDevice *device;
+    };
+    std::optional<Candidate> discrete;
+    std::optional<Candidate> integrated;
+    int gpuIndex = 0;
+    for (const ComputeDevice &device : devices) {
+        const bool gpu = device.kind == ComputeDevice::Kind::gpu;
+        const bool igpu = device.kind == ComputeDevice::Kind::integratedGpu;
+        if (!gpu && !igpu)
+            continue;
+        const int index = gpuIndex++;
+        if (isSoftwareRasteriser(device))
+            continue;
+        if (gpu && !discrete)
+            discrete = Candidate{index, &device};
+        if (igpu && !integrated)
+            integrated = Candidate{index, &device};
+    }
+    const std::optional<Candidate> picked = discrete ? discrete : integrated;
+    if (!picked) {
+        choice.reason = QStringLiteral("no gpu found");
+        return choice;
+    }
+    choice.useGpu = true;
+    choice.gpuIndex = picked->index;
+    choice.name = picked->device->description.isEmpty() ? picked->device->name : picked->device->description;
+    return choice;
+}
+
+QList<ComputeDevice> availableComputeDevices()
+{
+    QList<ComputeDevice> devices;
+    const size_t count = ggml_backend_dev_count();
+    for (size_t i = 0; i < count; ++i) {
+        ggml_backend_dev_t handle = ggml_backend_dev_get(i);
+        if (!handle)
+            continue;
+        ComputeDevice device;
+        switch (ggml_backend_dev_type(handle)) {
+        case GGML_BACKEND_DEVICE_TYPE_CPU:
+            device.kind = ComputeDevice::Kind::cpu;
+            break;
+        case GGML_BACKEND_DEVICE_TYPE_GPU:
+            device.kind = ComputeDevice::Kind::gpu;
+            break;
+        case GGML_BACKEND_DEVICE_TYPE_IGPU:
+            device.kind = ComputeDevice::Kind::integratedGpu;
+            break;
+        case GGML_BACKEND_DEVICE_TYPE_ACCEL:
+            device.kind = ComputeDevice::Kind::accelerator;
+            break;
+        default:
+            device.kind = ComputeDevice::Kind::other;
+            break;
+        }
+        if (const char *name = ggml_backend_dev_name(handle))
+            device.name = QString::fromUtf8(name);
+        if (const char *description = ggml_backend_dev_description(handle))
+            device.description = QString::fromUtf8(description).trimmed();
+        devices.append(device);
+    }
+    return devices;
+}
+
+} // namespace dictora

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <QList>
+#include <QString>
+
+#include <optional>
+
+namespace dictora {
+
+// Where recognition should run. `automatic` takes a real GPU when there is
+// one; `gpu` asks for one explicitly (still the CPU when none is found).
+enum class SpeechDevicePreference { automatic, cpu, gpu };
+
+// The setting (in the preferences store) that can pin recognition to the CPU:
+// "cpu", or "auto" (the default).
+inline constexpr auto kSpeechDeviceSettingKey = "transcription.device";
+
+std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text);
+QString rawValue(SpeechDevicePreference preference);
+
+// DICTORA_SPEECH_DEVICE (cpu, gpu, auto) wins over `configured`; tests use it
+// to pin the CPU. An unknown value is ignored.
+SpeechDevicePreference speechDevicePreferenceFromEnvironment(SpeechDevicePreference configured);
+
+// One compute device as the speech library's back-ends list it.
+struct ComputeDevice {
+    enum class Kind { cpu, gpu, integratedGpu, accelerator, other };
+    Kind kind = Kind::other;
+    QString name;        // the back-end's name, e.g. "Vulkan0"
+    QString description; // the device's own name, e.g. "NVIDIA H100 80GB HBM3"
+
+    friend bool operator==(const ComputeDevice &, const ComputeDevice &) = default;
+};
+
+struct SpeechDeviceChoice {
+    bool useGpu = false;
+    // Position among the library's GPU devices (discrete and integrated, in
+    // its order), which is how the library numbers them.
+    int gpuIndex = 0;
+    QString name = QStringLiteral("cpu"); // the device's description, or "cpu"
+    QString reason;                       // why the CPU, when it is the CPU
+
+    friend bool operator==(const SpeechDeviceChoice &, const SpeechDeviceChoice &) = default;
+};
+
+// A discrete GPU first, else an integrated one; software rasterisers
+// (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped.
+SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference);
+
+bool isSoftwareRasteriser(const ComputeDevice &device);
+
+// The devices of the back-ends built into the speech library. The first call
+// initialises those back-ends (with Vulkan: creates an instance).
+QList<ComputeDevice> availableComputeDevices();
+
+} // namespace dictora

@@ -1,0 +1,179 @@
+// Which device recognition runs on: the choice over the library's device
+// list, the environment override, and the real library on this machine
+// (Mesa's software Vulkan driver at most), which must settle on the CPU.
+#include "speech/AccurateSpeechEngine.h"
+#include "speech/SpeechDevice.h"
+#include "support/TestSupport.h"
+
+#include <QtTest>
+
+#include <mutex>
+
+using namespace dictora;
+
+Q_DECLARE_METATYPE(QList<dictora::ComputeDevice>)
+Q_DECLARE_METATYPE(dictora::SpeechDevicePreference)
+
+namespace {
+
+using Kind = ComputeDevice::Kind;
+
+ComputeDevice device(Kind kind, const char *name, const char *description)
+{
+    return ComputeDevice{kind, QLatin1String(name), QLatin1String(description)};
+}
+
+const ComputeDevice kCpu = device(Kind::cpu, "CPU", "AMD EPYC 7763 64-Core Processor");
+const ComputeDevice kLlvmpipe = device(Kind::gpu, "Vulkan0", "llvmpipe (LLVM 15.0.6, 256 bits)");
+const ComputeDevice kLavapipe = device(Kind::integratedGpu, "Vulkan0", "Lavapipe software rasteriser");
+const ComputeDevice kH100 = device(Kind::gpu, "Vulkan1", "NVIDIA H100 80GB HBM3");
+const ComputeDevice kIntel = device(Kind::integratedGpu, "Vulkan0", "Intel(R) Iris(R) Xe Graphics");
+const ComputeDevice kRadeon = device(Kind::gpu, "Vulkan1", "AMD Radeon RX 7600");
+
+// Collects what the engine logs, from its own thread.
+struct LogLines {
+    std::mutex mutex;
+    QStringList lines;
+    AccurateSpeechEngine::LogSink sink()
+    {
+        return [this](const QString &line) {
+            std::lock_guard lock(mutex);
+            lines.append(line);
+        };
+    }
+    QStringList matching(const QString &prefix)
+    {
+        std::lock_guard lock(mutex);
+        return lines.filter(prefix);
+    }
+};
+
+} // namespace
+
+class SpeechDeviceTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void choice_data()
+    {
+        QTest::addColumn<QList<ComputeDevice>>("devices");
+        QTest::addColumn<SpeechDevicePreference>("preference");
+        QTest::addColumn<bool>("useGpu");
+        QTest::addColumn<int>("gpuIndex");
+        QTest::addColumn<QString>("name");
+
+        const auto automatic = SpeechDevicePreference::automatic;
+        QTest::newRow("no devices at all") << QList<ComputeDevice>{} << automatic << false << 0 << "cpu";
+        QTest::newRow("cpu only") << QList{kCpu} << automatic << false << 0 << "cpu";
+        QTest::newRow("llvmpipe is not a gpu") << QList{kCpu, kLlvmpipe} << automatic << false << 0 << "cpu";
+        QTest::newRow("lavapipe is not a gpu") << QList{kCpu, kLavapipe} << automatic << false << 0 << "cpu";
+        QTest::newRow("discrete gpu") << QList{kCpu, kH100} << automatic << true << 0 << "NVIDIA H100 80GB HBM3";
+        // The library counts every GPU, software ones included, when it numbers them.
+        QTest::newRow("gpu after a software one")
+            << QList{kCpu, kLlvmpipe, kH100} << automatic << true << 1 << "NVIDIA H100 80GB HBM3";
+        QTest::newRow("integrated only") << QList{kCpu, kIntel} << automatic << true << 0
+                                         << "Intel(R) Iris(R) Xe Graphics";
+        QTest::newRow("discrete wins over integrated")
+            << QList{kCpu, kIntel, kRadeon} << automatic << true << 1 << "AMD Radeon RX 7600";
+        QTest::newRow("cpu forced over a gpu") << QList{kCpu, kH100} << SpeechDevicePreference::cpu << false << 0 << "cpu";
+        QTest::newRow("gpu asked for, none there")
+            << QList{kCpu, kLlvmpipe} << SpeechDevicePreference::gpu << false << 0 << "cpu";
+        QTest::newRow("gpu asked for") << QList{kCpu, kH100} << SpeechDevicePreference::gpu << true << 0
+                                       << "NVIDIA H100 80GB HBM3";
+        QTest::newRow("accelerators are not gpus")
+            << QList{kCpu, device(Kind::accelerator, "BLAS", "OpenBLAS")} << automatic << false << 0 << "cpu";
+    }
+    void choice()
+    {
+        QFETCH(QList<ComputeDevice>, devices);
+        QFETCH(SpeechDevicePreference, preference);
+        QFETCH(bool, useGpu);
+        QFETCH(int, gpuIndex);
+        QFETCH(QString, name);
+        const SpeechDeviceChoice choice = chooseSpeechDevice(devices, preference);
+        QCOMPARE(choice.useGpu, useGpu);
+        QCOMPARE(choice.gpuIndex, gpuIndex);
+        QCOMPARE(choice.name, name);
+        QCOMPARE(choice.reason.isEmpty(), useGpu); // the CPU always says why
+    }
+
+    void environmentOverride_data()
+    {
+        QTest::addColumn<QByteArray>("environment");
+        QTest::addColumn<SpeechDevicePreference>("configured");
+        QTest::addColumn<SpeechDevicePreference>("effective");
+        QTest::newRow("unset keeps the setting") << QByteArray() << SpeechDevicePreference::cpu << SpeechDevicePreference::cpu;
+        QTest::newRow("cpu pins the cpu") << QByteArray("cpu") << SpeechDevicePreference::automatic << SpeechDevicePreference::cpu;
+        QTest::newRow("case and spaces") << QByteArray(" CPU ") << SpeechDevicePreference::gpu << SpeechDevicePreference::cpu;
+        QTest::newRow("auto lifts a pinned cpu") << QByteArray("auto") << SpeechDevicePreference::cpu << SpeechDevicePreference::automatic;
+        QTest::newRow("nonsense is ignored") << QByteArray("tpu") << SpeechDevicePreference::cpu << SpeechDevicePreference::cpu;
+    }
+    void environmentOverride()
+    {
+        QFETCH(QByteArray, environment);
+        QFETCH(SpeechDevicePreference, configured);
+        QFETCH(SpeechDevicePreference, effective);
+        const QByteArray saved = qgetenv("DICTORA_SPEECH_DEVICE");
+        if (environment.isNull())
+            qunsetenv("DICTORA_SPEECH_DEVICE");
+        else
+            qputenv("DICTORA_SPEECH_DEVICE", environment);
+        const SpeechDevicePreference result = speechDevicePreferenceFromEnvironment(configured);
+        qputenv("DICTORA_SPEECH_DEVICE", saved);
+        QCOMPARE(result, effective);
+    }
+
+    // The library as built here, on this machine: whatever Vulkan finds (at
+    // most Mesa's software driver) must leave recognition on the CPU.
+    void realLibraryFallsBackToCpu()
+    {
+        const QList<ComputeDevice> devices = availableComputeDevices();
+        QVERIFY(std::any_of(devices.begin(), devices.end(), [](const ComputeDevice &d) { return d.kind == Kind::cpu; }));
+        for (const ComputeDevice &d : devices)
+            qInfo("device %s: %s", qPrintable(d.name), qPrintable(d.description));
+        const bool realGpu = std::any_of(devices.begin(), devices.end(), [](const ComputeDevice &d) {
+            return (d.kind == Kind::gpu || d.kind == Kind::integratedGpu) && !isSoftwareRasteriser(d);
+        });
+        if (realGpu)
+            QSKIP("this machine has a real GPU");
+        QCOMPARE(chooseSpeechDevice(devices, SpeechDevicePreference::automatic).useGpu, false);
+    }
+
+    // Loads through the real library: the device is logged once per engine
+    // (a reload on the same device is silent) and the forced CPU holds.
+    void engineLogsItsDeviceOnce_data()
+    {
+        QTest::addColumn<SpeechDevicePreference>("preference");
+        QTest::addColumn<QList<ComputeDevice>>("devices");
+        QTest::addColumn<bool>("askedForGpu");
+        QTest::newRow("automatic, this machine") << SpeechDevicePreference::automatic << QList<ComputeDevice>() << false;
+        QTest::newRow("cpu forced over a listed gpu") << SpeechDevicePreference::cpu << QList{kCpu, kH100} << false;
+        QTest::newRow("gpu asked for, none usable") << SpeechDevicePreference::gpu << QList{kCpu, kLlvmpipe} << true;
+    }
+    void engineLogsItsDeviceOnce()
+    {
+        QFETCH(SpeechDevicePreference, preference);
+        QFETCH(QList<ComputeDevice>, devices);
+        QFETCH(bool, askedForGpu);
+        LogLines log;
+        AccurateSpeechEngine::DeviceLister lister = availableComputeDevices;
+        if (!devices.isEmpty())
+            lister = [devices] { return devices; };
+        {
+            AccurateSpeechEngine engine(preference, log.sink(), lister);
+            const QString model = test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.en.bin");
+            engine.load(model).waitForFinished();
+            engine.load(model).waitForFinished();
+            QCOMPARE(engine.deviceName(), QStringLiteral("cpu"));
+            QVERIFY(!engine.usesGpu());
+            const AccurateSpeechResult result = engine.transcribe(QList<float>(16000, 0.0f), 16000).result();
+            QCOMPARE(result.text, QString());
+        }
+        QCOMPARE(log.matching(QStringLiteral("speech engine device=")), QStringList{QStringLiteral("speech engine device=cpu")});
+        QCOMPARE(log.matching(QStringLiteral("speech engine gpu requested but unavailable")).size(), askedForGpu ? 2 : 0);
+    }
+};
+
+DICTORA_TEST_MAIN_WITH_TESTDATA(SpeechDeviceTest)
+
+#include "tst_speech_device.moc"
