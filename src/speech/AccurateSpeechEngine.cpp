@@ -1,5 +1,7 @@
 #include "speech/AccurateSpeechEngine.h"
 
+#include "speech/GgmlBackends.h"
+
 #include <QPromise>
 
 #include <whisper.h>
@@ -89,6 +91,7 @@ void SerialWorkQueue::run()
 AccurateSpeechEngine::AccurateSpeechEngine()
     : m_queue(kQueueLabel)
 {
+    loadGgmlBackends(); // once per process; nothing to do in a native build
 }
 
 AccurateSpeechEngine::~AccurateSpeechEngine()
