@@ -53,16 +53,15 @@ endforeach()
 add_custom_target(dictora_package_files ALL DEPENDS ${_gz})
 install(FILES ${_generated}/dictora.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT dictora)
 install(FILES ${_generated}/changelog.Debian.gz ${_generated}/copyright
-  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dictora)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/dictora COMPONENT dictora)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dictora)
 set(CPACK_PACKAGE_VENDOR "Dictora")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "Dictora Developer <dev@dictora.local>")
+set(CPACK_PACKAGE_CONTACT "Dictora Developer <developers@dictora.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "push-to-talk dictation recognised on this computer")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "push-to-talk dictation recognised on this computer
-Press one global shortcut in any application, speak, and press it again:
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "Press one global shortcut in any application, speak, and press it again:
 the speech is recognised locally with whisper.cpp, tidied, your snippets are
 expanded, and the text is pasted into the window that had the focus. Every
 dictation is kept in a private local journal that can be searched.
@@ -74,6 +73,8 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The windows need Qt's X11 platform plugin, which no linked library names.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins")
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
