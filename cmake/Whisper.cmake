@@ -100,9 +100,48 @@ set(GGML_CUDA ${DICTORA_WHISPER_CUDA} CACHE BOOL "" FORCE)
 set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)
 set(_saved_shared ${BUILD_SHARED_LIBS})
 set(BUILD_SHARED_LIBS OFF)
+# --- Portable build (the package) -------------------------------------------
+# ggml's CPU code is built once per x86-64 instruction-set level as loadable
+# modules and the best one for the processor is picked at start-up, so one
+# binary runs without AVX2 and uses AVX-512 where present. Loadable back-ends
+# need ggml and whisper as shared libraries; both go into a private folder.
+option(DICTORA_PORTABLE "Build whisper.cpp for any x86-64 processor (CPU variant chosen at run time)" OFF)
+if(DICTORA_PORTABLE)
+  set(GGML_NATIVE OFF CACHE BOOL "" FORCE)
+  set(GGML_BACKEND_DL ON CACHE BOOL "" FORCE)
+  set(GGML_CPU_ALL_VARIANTS ON CACHE BOOL "" FORCE)
+  set(BUILD_SHARED_LIBS ON)
+else()
+  set(GGML_BACKEND_DL OFF CACHE BOOL "" FORCE)
+  set(GGML_CPU_ALL_VARIANTS OFF CACHE BOOL "" FORCE)
+endif()
+# --- end portable build ------------------------------------------------------
 add_subdirectory("${_src}" "${_deps}/whisper-build" EXCLUDE_FROM_ALL SYSTEM)
 set(BUILD_SHARED_LIBS ${_saved_shared})
 
 add_library(dictora_whisper INTERFACE)
 target_link_libraries(dictora_whisper INTERFACE whisper)
 message(STATUS "Dictora: building whisper.cpp 1.9.1 from ${_src}")
+
+# --- Portable build: install the shared libraries and back-end modules ------
+# They live in <libdir>/dictora; the program finds the libraries through its
+# run path and loads the modules from there (src/speech/GgmlBackends.cpp).
+if(DICTORA_PORTABLE)
+  include(GNUInstallDirs)
+  set(DICTORA_PRIVATE_LIBDIR "${CMAKE_INSTALL_LIBDIR}/dictora")
+  set(_modules)
+  foreach(_backend IN LISTS GGML_AVAILABLE_BACKENDS)
+    if(TARGET ${_backend})
+      list(APPEND _modules ${_backend})
+    endif()
+  endforeach()
+  set_target_properties(whisper ggml ggml-base ${_modules} PROPERTIES INSTALL_RPATH "\$ORIGIN")
+  # Building whisper builds the modules too (ggml depends on each of them).
+  install(TARGETS whisper ggml ggml-base LIBRARY DESTINATION "${DICTORA_PRIVATE_LIBDIR}" NAMELINK_SKIP
+    COMPONENT dictora)
+  install(TARGETS ${_modules} LIBRARY DESTINATION "${DICTORA_PRIVATE_LIBDIR}" COMPONENT dictora)
+  target_compile_definitions(dictora_whisper INTERFACE DICTORA_GGML_BACKEND_DL
+    DICTORA_GGML_BACKEND_RELDIR="../${DICTORA_PRIVATE_LIBDIR}")
+  message(STATUS "Dictora: portable whisper.cpp, back-ends ${_modules} in ${DICTORA_PRIVATE_LIBDIR}")
+endif()
+# --- end portable build ------------------------------------------------------

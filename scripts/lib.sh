@@ -5,29 +5,49 @@ set -euo pipefail
 DICTORA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
 
-# Build tools and libraries, plus what the tests stand up: an X server with a
-# window manager, a PulseAudio server, key and speech generators, and real
-# applications to paste into. whisper.cpp's Vulkan back-end needs glslc and the
-# Vulkan headers; Mesa's software driver lets the tests run that path and see
-# it fall back to the CPU.
+# What building and running Dictora need. whisper.cpp's Vulkan back-end needs
+# glslc and the Vulkan headers to build; the loader comes with libvulkan-dev.
 DICTORA_PACKAGES=(
   build-essential cmake ninja-build pkg-config git nodejs npm ccache
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxext-dev libxi-dev libxkbcommon-dev
+  glslc libvulkan-dev spirv-headers
+)
+# What the tests stand up (scripts/test): an X server with a window manager, a
+# PulseAudio server, key and speech generators, real applications to paste
+# into, clang's fuzzing runtime, Mesa's software Vulkan driver (the GPU path
+# runs and falls back to the CPU), and the Debian tools the package is
+# checked with.
+DICTORA_TEST_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
   clang libclang-rt-14-dev
-  glslc libvulkan-dev spirv-headers mesa-vulkan-drivers
+  mesa-vulkan-drivers
+  dpkg-dev lintian appstream desktop-file-utils librsvg2-bin
+)
+# What scripts/package needs on top of the build.
+DICTORA_PACKAGING_PACKAGES=(
+  dpkg-dev lintian appstream desktop-file-utils librsvg2-bin
 )
 
 dictora_sudo() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
+# dictora_install_dependencies [test] [package]: the build packages, plus the
+# test rig and/or the packaging tools when asked.
 dictora_install_dependencies() {
+  local wanted=("${DICTORA_PACKAGES[@]}")
+  local extra
+  for extra in "$@"; do
+    case "$extra" in
+      test) wanted+=("${DICTORA_TEST_PACKAGES[@]}") ;;
+      package) wanted+=("${DICTORA_PACKAGING_PACKAGES[@]}") ;;
+    esac
+  done
   local missing=()
-  for pkg in "${DICTORA_PACKAGES[@]}"; do
+  for pkg in "${wanted[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
       missing+=("$pkg")
     fi

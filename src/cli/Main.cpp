@@ -18,7 +18,7 @@ void printHelp()
 {
     QString text = QStringLiteral("Usage: dictora [VERB] [OPTIONS]\n\n"
                                   "Without a verb, starts Dictora (or shows the window of the running one).\n\n"
-                                  "Verbs:\n");
+                                  "Options:\n  --version   print the version\n\nVerbs:\n");
     for (const cli::Verb &verb : cli::verbs())
         text += QStringLiteral("  %1%2\n").arg(QString::fromLatin1(verb.name).leftJustified(12), QString::fromLatin1(verb.summary));
     text += QStringLiteral("\nRun 'dictora VERB --help' for a verb's options.\n");
@@ -32,6 +32,10 @@ int dictora::cli::dictoraMain(int argc, char **argv, const SpeechPortFactory &sp
     if (argc < 2)
         return runApplication(argc, argv, speechFactory);
     const char *first = argv[1];
+    if (std::strcmp(first, "--version") == 0 || std::strcmp(first, "-V") == 0) {
+        cli::printOut(QStringLiteral("dictora %1\n").arg(QStringLiteral(DICTORA_VERSION)));
+        return cli::kExitOk;
+    }
     if (std::strcmp(first, "--help") == 0 || std::strcmp(first, "-h") == 0 || std::strcmp(first, "help") == 0) {
         printHelp();
         return cli::kExitOk;

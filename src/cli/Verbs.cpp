@@ -9,6 +9,7 @@ namespace dictora::cli {
 int runTranscribe(const QStringList &arguments); // TranscribeVerb.cpp
 int runFormat(const QStringList &arguments); // FormatVerb.cpp
 int runRecord(const QStringList &arguments); // RecordVerb.cpp
+int runModel(const QStringList &arguments); // ModelVerb.cpp
 
 int runToggle(const QStringList &arguments)
 {
@@ -38,6 +39,7 @@ const QList<Verb> &verbs()
         {"transcribe", "recognise the speech in an audio file and print the text", false, &runTranscribe},
         {"format", "format standard input as a dictation and apply the snippets", false, &runFormat},
         {"record", "record the microphone to a 16 kHz WAV file, showing the levels", false, &runRecord},
+        {"model", "show, install (from a file) or locate the speech model", false, &runModel},
     };
     return all;
 }

@@ -93,6 +93,28 @@ void AccuracyModelManager::retryManually()
     prepareUntilReady();
 }
 
+void AccuracyModelManager::adoptInstalledModel()
+{
+    const auto kind = m_phase.kind();
+    if (kind == AccuracyModelPhase::Kind::ready || kind == AccuracyModelPhase::Kind::loading)
+        return; // a verified file is already loaded or loading
+    log(QStringLiteral("accuracy model installed from outside; checking it path=%1").arg(m_options.installedPath));
+    abandonAttempt();
+    prepareUntilReady();
+}
+
+void AccuracyModelManager::abandonAttempt()
+{
+    // Work already queued holds the old flag and finds it set.
+    m_cancel->store(true);
+    m_cancel = std::make_shared<std::atomic_bool>(false);
+    m_retryTimer.stop();
+    if (m_downloader) {
+        m_downloader.reset();
+        QFile::remove(partialPath());
+    }
+}
+
 QFuture<AccurateSpeechResult> AccuracyModelManager::transcribe(const QList<float> &samples)
 {
     return m_engine->transcribe(samples, AccurateSpeechEngine::kSampleRate);
@@ -221,7 +243,9 @@ void AccuracyModelManager::downloadModel()
     };
     m_downloader = std::make_unique<StreamingModelDownloader>(
         partialPath(), m_options.contract.bytes, progress, m_options.downloadLimits);
-    whenReady(m_downloader->download(m_options.contract.url), this, [this, total, pending](QFuture<void> future) {
+    whenReady(m_downloader->download(m_options.contract.url), this, [this, total, pending, cancel = m_cancel](QFuture<void> future) {
+        if (cancel->load())
+            return; // abandoned
         m_downloader.reset();
         try {
             future.waitForFinished();
@@ -261,7 +285,9 @@ void AccuracyModelManager::installPartial()
 void AccuracyModelManager::loadInstalled()
 {
     setPhase(AccuracyModelPhase::loading());
-    whenReady(m_engine->load(m_options.installedPath), this, [this](QFuture<void> future) {
+    whenReady(m_engine->load(m_options.installedPath), this, [this, cancel = m_cancel](QFuture<void> future) {
+        if (cancel->load())
+            return;
         try {
             future.waitForFinished();
         } catch (...) {

@@ -64,6 +64,9 @@ public:
     void startAutomatically();
     // After needsAttention (or any time nothing runs): start over.
     void retryManually();
+    // A model was put in place from outside (`dictora model install`): drop a
+    // running download or pause and start over from the installed file.
+    void adoptInstalledModel();
     // Recognises 16 kHz mono samples with the loaded model.
     QFuture<AccurateSpeechResult> transcribe(const QList<float> &samples);
     QFuture<AccurateSpeechResult> transcribe(std::vector<float> samples); // moved, not copied
@@ -81,6 +84,7 @@ private:
     void installPartial();
     void loadInstalled();
     void attemptFailed(std::exception_ptr error);
+    void abandonAttempt();
 
     void setPhase(const AccuracyModelPhase &phase);
     void setProgress(double progress);

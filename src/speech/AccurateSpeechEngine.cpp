@@ -1,5 +1,7 @@
 #include "speech/AccurateSpeechEngine.h"
 
+#include "speech/GgmlBackends.h"
+
 #include <QPromise>
 
 #include <whisper.h>
@@ -89,6 +91,7 @@ void SerialWorkQueue::run()
 AccurateSpeechEngine::AccurateSpeechEngine(SpeechDevicePreference preference, LogSink log, DeviceLister devices)
     : m_preference(preference), m_log(std::move(log)), m_devices(std::move(devices)), m_queue(kQueueLabel)
 {
+    loadGgmlBackends(); // once per process; nothing to do in a native build
 }
 
 void AccurateSpeechEngine::log(const QString &message) const

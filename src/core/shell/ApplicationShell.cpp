@@ -274,6 +274,16 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
             controller.toggleRecording();
             return QStringLiteral("ok");
         }
+        if (command == QLatin1String("model-installed")) {
+            model.adoptInstalledModel();
+            return QStringLiteral("ok");
+        }
+        if (command == QLatin1String("model-status")) {
+            const AccuracyModelPhase phase = model.phase();
+            if (phase.kind() == AccuracyModelPhase::Kind::downloading)
+                return QStringLiteral("%1 %2%").arg(phase.statusText()).arg(qRound(model.progress() * 100));
+            return phase.statusText();
+        }
         return QStringLiteral("error: unknown command ") + command;
     });
     if (!instance.listen(&failure)) {
