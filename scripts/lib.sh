@@ -7,7 +7,8 @@ DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
 
 # Build tools and libraries, plus what the tests stand up: an X server with a
 # window manager, a PulseAudio server, key and speech generators, and real
-# applications to paste into.
+# applications to paste into; a headless Sway with a native terminal for the
+# Wayland backends.
 DICTORA_PACKAGES=(
   build-essential cmake ninja-build pkg-config git nodejs npm ccache
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
@@ -15,6 +16,7 @@ DICTORA_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
+  libwayland-dev wayland-protocols sway foot xwayland
 )
 
 dictora_sudo() {

@@ -76,6 +76,7 @@ void openSoundSettings(const RuntimeLog &log)
 
 int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory)
 {
+    Platform::chooseQtPlatform();
     QApplication app(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Dictora"));
     QApplication::setApplicationName(QStringLiteral("Dictora"));
@@ -118,6 +119,8 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     ServicePasterPort paster(pasteService);
     const std::unique_ptr<ShortcutBackend> shortcut = Platform::createShortcutBackend();
     const std::unique_ptr<PermissionProbe> permissions = Platform::createPermissionProbe();
+    for (const QString &line : Platform::takeBackendReport())
+        log.write(line);
 
     HistoryStore history(journal);
     HomeWindow window(state, preferences, history);

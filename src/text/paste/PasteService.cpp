@@ -2,10 +2,6 @@
 
 #include "platform/PlatformServices.h"
 
-#include <QClipboard>
-#include <QCoreApplication>
-#include <QGuiApplication>
-
 namespace dictora {
 
 PasteService::PasteService(const RuntimeLog &log, QObject *parent)
@@ -15,9 +11,9 @@ PasteService::PasteService(const RuntimeLog &log, QObject *parent)
       m_ownedKeystrokes(Platform::createKeystrokeSender()),
       m_windows(*m_ownedWindows),
       m_keystrokes(*m_ownedKeystrokes),
-      m_readWatcher(Platform::createClipboardReadWatcher())
+      m_clipboard(Platform::createClipboard())
 {
-    connect(m_readWatcher.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
+    connect(m_clipboard.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
 }
 
 PasteService::PasteService(const RuntimeLog &log, WindowTracker &windows, KeystrokeSender &keystrokes,
@@ -26,9 +22,9 @@ PasteService::PasteService(const RuntimeLog &log, WindowTracker &windows, Keystr
       m_log(log),
       m_windows(windows),
       m_keystrokes(keystrokes),
-      m_readWatcher(Platform::createClipboardReadWatcher())
+      m_clipboard(Platform::createClipboard())
 {
-    connect(m_readWatcher.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
+    connect(m_clipboard.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
 }
 
 PasteService::~PasteService() = default;
@@ -49,17 +45,8 @@ std::int64_t PasteService::paste(const QString &text, const PasteTarget &target)
 
     const PasteKeystroke keystroke =
         pasteKeystrokeForWindowClass(target.application.bundleIdentifier.value_or(QString()));
-    // Without a GUI application object there is no clipboard to serve from.
-    QClipboard *clipboard = qobject_cast<QGuiApplication *>(QCoreApplication::instance())
-                                ? QGuiApplication::clipboard()
-                                : nullptr;
-    if (clipboard) {
-        clipboard->clear(QClipboard::Clipboard);
-        clipboard->setText(text, QClipboard::Clipboard);
-        // xterm and urxvt paste the primary selection on Shift+Insert.
-        if (keystroke == PasteKeystroke::shiftInsert && clipboard->supportsSelection())
-            clipboard->setText(text, QClipboard::Selection);
-    }
+    // xterm and urxvt paste the primary selection on Shift+Insert.
+    m_clipboard->setText(text, keystroke == PasteKeystroke::shiftInsert);
     m_log.write(QStringLiteral("pasteboard transcript installed"));
 
     if (!target.window.isNull() && !m_windows.isActive(target.window)) {
@@ -71,7 +58,7 @@ std::int64_t PasteService::paste(const QString &text, const PasteTarget &target)
         m_log.write(QStringLiteral("paste keys still held; sending anyway"));
 
     m_lastPaste = elapsed;
-    m_awaitingRead = m_readWatcher->isWatching();
+    m_awaitingRead = m_clipboard->isWatching();
     if (!m_keystrokes.send(keystroke)) {
         m_awaitingRead = false;
         QString reason = m_keystrokes.failureReason();

@@ -13,7 +13,7 @@
 
 namespace dictora {
 
-class ClipboardReadWatcher;
+class Clipboard;
 class KeystrokeSender;
 class WindowTracker;
 
@@ -55,7 +55,7 @@ private:
     std::unique_ptr<KeystrokeSender> m_ownedKeystrokes;
     WindowTracker &m_windows;
     KeystrokeSender &m_keystrokes;
-    std::unique_ptr<ClipboardReadWatcher> m_readWatcher;
+    std::unique_ptr<Clipboard> m_clipboard;
     QElapsedTimer m_lastPaste;
     bool m_awaitingRead = false;
 };
