@@ -7,21 +7,24 @@ DICTORA_BUILD=${DICTORA_BUILD:-$DICTORA_ROOT/build}
 
 # What building and running Dictora need. whisper.cpp's Vulkan back-end needs
 # glslc and the Vulkan headers to build; the loader comes with libvulkan-dev.
+# The Wayland backends need libwayland-client and its scanner.
 DICTORA_PACKAGES=(
   build-essential cmake ninja-build pkg-config git nodejs npm ccache
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxext-dev libxi-dev libxkbcommon-dev
   glslc libvulkan-dev spirv-headers
+  libwayland-dev wayland-protocols
 )
 # What the tests stand up (scripts/test): an X server with a window manager, a
 # PulseAudio server, key and speech generators, real applications to paste
-# into, clang's fuzzing runtime, Mesa's software Vulkan driver (the GPU path
+# into, a headless Sway with a native terminal, clang's fuzzing runtime, Mesa's software Vulkan driver (the GPU path
 # runs and falls back to the CPU), and the Debian tools the package is
 # checked with.
 DICTORA_TEST_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
+  sway foot xwayland
   clang libclang-rt-14-dev
   mesa-vulkan-drivers
   dpkg-dev lintian appstream desktop-file-utils librsvg2-bin

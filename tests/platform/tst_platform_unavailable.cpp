@@ -67,7 +67,7 @@ private Q_SLOTS:
         RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
         auto tracker = Platform::createWindowTracker();
         auto keys = Platform::createKeystrokeSender();
-        PasteService service(log, *tracker, *keys, Platform::createClipboardReadWatcher());
+        PasteService service(log, *tracker, *keys, Platform::createClipboard());
         QVERIFY(!service.captureTarget().has_value());
         PasteTarget target;
         target.application = TargetApplication{QStringLiteral("Editor"), QStringLiteral("Mousepad"), 1234};

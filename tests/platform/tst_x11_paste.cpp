@@ -4,6 +4,7 @@
 #include "platform/x11/X11KeystrokeSender.h"
 #include "platform/x11/X11WindowTracker.h"
 #include "support/TestSupport.h"
+#include "platform/Clipboard.h"
 #include "text/paste/PasteService.h"
 
 #include <QApplication>
@@ -175,7 +176,7 @@ private Q_SLOTS:
         RuntimeLog log(logPath);
         x11::X11WindowTracker windows;
         x11::X11KeystrokeSender keys;
-        PasteService service(log, windows, keys, std::make_unique<x11::X11ClipboardReadWatcher>());
+        PasteService service(log, windows, keys, std::make_unique<QtClipboard>(std::make_unique<x11::X11ClipboardReadWatcher>()));
         QSignalSpy delivered(&service, &PasteService::delivered);
 
         PasteTarget target;
@@ -234,7 +235,7 @@ private Q_SLOTS:
         RuntimeLog log(logPath);
         x11::X11WindowTracker windows;
         x11::X11KeystrokeSender keys;
-        PasteService service(log, windows, keys, std::make_unique<x11::X11ClipboardReadWatcher>());
+        PasteService service(log, windows, keys, std::make_unique<QtClipboard>(std::make_unique<x11::X11ClipboardReadWatcher>()));
 
         PasteTarget target;
         {

@@ -135,6 +135,7 @@ void openSoundSettings(const RuntimeLog &log)
 
 int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory)
 {
+    Platform::chooseQtPlatform();
     QApplication app(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Dictora"));
     QApplication::setApplicationName(QStringLiteral("Dictora"));
@@ -186,11 +187,13 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     CaptureMicrophonePort microphone(capture);
     const std::unique_ptr<WindowTracker> windows = Platform::createWindowTracker();
     const std::unique_ptr<KeystrokeSender> keystrokes = Platform::createKeystrokeSender();
-    PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboardReadWatcher());
+    PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboard());
     ServicePasterPort paster(pasteService);
     const std::unique_ptr<ShortcutBackend> shortcut = Platform::createShortcutBackend();
     const std::unique_ptr<PermissionProbe> permissions = Platform::createPermissionProbe();
     const std::unique_ptr<OverlayWindowHints> overlayHints = Platform::createOverlayWindowHints();
+    for (const QString &line : Platform::takeBackendReport())
+        log.write(line);
 
     HistoryStore history(journal);
     HomeWindow window(state, preferences, history);

@@ -1,28 +1,25 @@
 #include "text/paste/PasteService.h"
 
-#include "platform/ClipboardReadWatcher.h"
+#include "platform/Clipboard.h"
 #include "platform/WindowTracker.h"
 
-#include <QClipboard>
-#include <QCoreApplication>
-#include <QGuiApplication>
 #include <QPointer>
 
 namespace dictora {
 
 PasteService::PasteService(const RuntimeLog &log, WindowTracker &windows, KeystrokeSender &keystrokes,
-                           std::unique_ptr<ClipboardReadWatcher> readWatcher, QObject *parent)
+                           std::unique_ptr<Clipboard> clipboard, QObject *parent)
     : QObject(parent),
       m_log(log),
       m_windows(windows),
       m_keystrokes(keystrokes),
-      m_readWatcher(std::move(readWatcher))
+      m_clipboard(std::move(clipboard))
 {
     m_poll.setInterval(pollInterval);
     m_poll.setTimerType(Qt::PreciseTimer);
     connect(&m_poll, &QTimer::timeout, this, &PasteService::advance);
-    if (m_readWatcher)
-        connect(m_readWatcher.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
+    if (m_clipboard)
+        connect(m_clipboard.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
 }
 
 PasteService::~PasteService() = default;
@@ -109,21 +106,13 @@ void PasteService::dispatch()
     m_queue.pop_front();
     m_busy = false;
 
-    // Without a GUI application object there is no clipboard to serve from.
-    QClipboard *clipboard = qobject_cast<QGuiApplication *>(QCoreApplication::instance())
-                                ? QGuiApplication::clipboard()
-                                : nullptr;
-    if (clipboard) {
-        clipboard->clear(QClipboard::Clipboard);
-        clipboard->setText(request.text, QClipboard::Clipboard);
-        // xterm and urxvt paste the primary selection on Shift+Insert.
-        if (request.keystroke == PasteKeystroke::shiftInsert && clipboard->supportsSelection())
-            clipboard->setText(request.text, QClipboard::Selection);
-    }
+    // xterm and urxvt paste the primary selection on Shift+Insert.
+    if (m_clipboard)
+        m_clipboard->setText(request.text, request.keystroke == PasteKeystroke::shiftInsert);
     m_log.write(QStringLiteral("pasteboard transcript installed"));
 
     m_lastPaste = request.elapsed;
-    m_awaitingRead = m_readWatcher && m_readWatcher->isWatching();
+    m_awaitingRead = m_clipboard && m_clipboard->isWatching();
     if (!m_keystrokes.send(request.keystroke)) {
         m_awaitingRead = false;
         const QString reason = m_keystrokes.failureReason();

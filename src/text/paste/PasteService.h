@@ -17,7 +17,7 @@
 
 namespace dictora {
 
-class ClipboardReadWatcher;
+class Clipboard;
 class WindowTracker;
 
 // Puts a finished transcript on the clipboard and types the paste keystroke
@@ -31,10 +31,11 @@ public:
     // Dispatch time: milliseconds from paste() to the keystroke.
     using Done = std::function<void(qint64 milliseconds)>;
 
-    // The tracker, the sender and the watcher are this desktop's (see
-    // PlatformServices); the first two must outlive the service.
+    // The tracker, the sender and the clipboard are this desktop's (see
+    // PlatformServices); the first two must outlive the service. Without a
+    // clipboard only the keystroke goes out.
     PasteService(const RuntimeLog &log, WindowTracker &windows, KeystrokeSender &keystrokes,
-                 std::unique_ptr<ClipboardReadWatcher> readWatcher, QObject *parent = nullptr);
+                 std::unique_ptr<Clipboard> clipboard, QObject *parent = nullptr);
     ~PasteService() override;
 
     // The frontmost window of another application, as a paste target.
@@ -77,9 +78,7 @@ private:
     const RuntimeLog &m_log;
     WindowTracker &m_windows;
     KeystrokeSender &m_keystrokes;
-    std::unique_ptr<ClipboardReadWatcher> m_readWatcher;
-    std::deque<Request> m_queue;
-    QTimer m_poll;
+class Clipboard;
     QElapsedTimer m_lastPaste;
     bool m_busy = false; // the front request is under way
     bool m_awaitingRead = false;

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "platform/ClipboardReadWatcher.h"
+
+#include <memory>
+
+namespace dictora {
+
+// Where the paste takes its text from, and the watch on who reads it. Most
+// sessions serve it through the toolkit's clipboard; some compositors need
+// this process to offer it over a protocol of their own.
+class Clipboard : public ClipboardReadWatcher {
+    Q_OBJECT
+public:
+    using ClipboardReadWatcher::ClipboardReadWatcher;
+
+    // Replaces what the clipboard holds with text, and the primary selection
+    // too when asked (terminals that paste it on Shift+Insert). False when
+    // nothing could be offered.
+    virtual bool setText(const QString &text, bool alsoPrimary) = 0;
+};
+
+// The toolkit's clipboard (QClipboard), with reads reported by `reads`
+// where the session lets them be seen.
+class QtClipboard final : public Clipboard {
+    Q_OBJECT
+public:
+    explicit QtClipboard(std::unique_ptr<ClipboardReadWatcher> reads, QObject *parent = nullptr);
+    ~QtClipboard() override;
+
+    bool isWatching() const override { return m_reads && m_reads->isWatching(); }
+    bool setText(const QString &text, bool alsoPrimary) override;
+
+private:
+    std::unique_ptr<ClipboardReadWatcher> m_reads;
+};
+
+} // namespace dictora
