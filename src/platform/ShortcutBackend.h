@@ -8,7 +8,8 @@
 namespace dictora {
 
 // A system-wide key binding for one shortcut. `pressed` fires once per key
-// press of exactly that chord; held-key repeats and releases never fire.
+// press of exactly that chord and `released` once when that key comes up;
+// held-key repeats fire neither.
 class ShortcutBackend : public QObject {
     Q_OBJECT
 public:
@@ -27,6 +28,11 @@ public:
 
 Q_SIGNALS:
     void pressed();
+    void released();
+    // The binding became active or stopped working without an install() call
+    // (a backend whose binding completes after a consent dialog); listeners
+    // verify again.
+    void installationChanged();
 };
 
 } // namespace dictora
