@@ -39,6 +39,7 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     , m_preferences(preferences)
     , m_c(std::move(collaborators))
     , m_onboarding(!preferences.hasCompletedOnboarding())
+    , m_gesture(state, [&preferences] { return preferences.holdToTalk(); })
 {
     m_permissionRetryTimer.setInterval(m_c.shortcutRetryMs);
     connect(&m_permissionRetryTimer, &QTimer::timeout, this, &DictoraController::installCurrentShortcutSilently);
@@ -65,7 +66,10 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
         m_state.setListeningDotPhase((m_state.listeningDotPhase() + 1) % 3);
     });
 
-    connect(&m_c.shortcut, &ShortcutBackend::pressed, this, &DictoraController::toggleRecording);
+    // Key down toggles; with hold to talk, a long hold's key up toggles back.
+    connect(&m_c.shortcut, &ShortcutBackend::pressed, &m_gesture, &ShortcutGesture::press);
+    connect(&m_c.shortcut, &ShortcutBackend::released, &m_gesture, &ShortcutGesture::release);
+    connect(&m_gesture, &ShortcutGesture::toggleRequested, this, &DictoraController::toggleRecording);
 }
 
 DictoraController::~DictoraController() = default;

@@ -3,6 +3,7 @@
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
+#include "core/ShortcutGesture.h"
 #include "core/session/DictationPorts.h"
 #include "history/TranscriptJournal.h"
 #include "onboarding/OnboardingModel.h"
@@ -48,6 +49,8 @@ public:
     ~DictoraController() override;
 
     OnboardingModel &onboarding() { return m_onboarding; }
+    // Key down and up of the shortcut, also from a desktop's own binding.
+    ShortcutGesture &shortcutGesture() { return m_gesture; }
     DictoraState &state() { return m_state; }
     bool isOperationInFlight() const { return m_operationInFlight; }
 
@@ -86,6 +89,7 @@ private:
     ProductPreferences &m_preferences;
     Collaborators m_c;
     OnboardingModel m_onboarding;
+    ShortcutGesture m_gesture;
 
     std::optional<QDateTime> m_recordingStartedAt;
     std::optional<QUuid> m_recordingSessionID;

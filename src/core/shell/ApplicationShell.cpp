@@ -200,6 +200,14 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
             controller.toggleRecording();
             return QStringLiteral("ok");
         }
+        if (command == QLatin1String("press")) {
+            controller.shortcutGesture().press();
+            return QStringLiteral("ok");
+        }
+        if (command == QLatin1String("release")) {
+            controller.shortcutGesture().release();
+            return QStringLiteral("ok");
+        }
         return QStringLiteral("error: unknown command ") + command;
     });
     if (!instance.listen(&failure)) {

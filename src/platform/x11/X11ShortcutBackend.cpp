@@ -249,7 +249,8 @@ void X11ShortcutBackend::readEvents()
         return;
     Display *display = m_connection->display();
     bool mappingChanged = false;
-    int pressedCount = 0;
+    // In arrival order, so a quick tap reads press then release.
+    std::vector<bool> transitions; // true = press
     {
         XErrorTrap trap(display);
         while (XPending(display) > 0) {
@@ -285,6 +286,8 @@ void X11ShortcutBackend::readEvents()
                         continue;
                     }
                 }
+                if (m_keyHeld)
+                    transitions.push_back(false);
                 m_keyHeld = false;
                 continue;
             }
@@ -295,15 +298,19 @@ void X11ShortcutBackend::readEvents()
                 continue;
             }
             m_keyHeld = true;
-            ++pressedCount;
+            transitions.push_back(true);
         }
     }
     if (mappingChanged)
         renewGrabs();
     if (XQLength(display) > 0)
         queueRead();
-    for (int i = 0; i < pressedCount; ++i)
-        Q_EMIT pressed();
+    for (bool press : transitions) {
+        if (press)
+            Q_EMIT pressed();
+        else
+            Q_EMIT released();
+    }
 }
 
 } // namespace dictora::x11
