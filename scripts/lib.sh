@@ -15,6 +15,8 @@ DICTORA_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
+  dbus python3-dbus python3-gi libglib2.0-bin gnome-settings-daemon-common
+  kwin-wayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
 )
 
 dictora_sudo() {

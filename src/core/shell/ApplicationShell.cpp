@@ -15,6 +15,7 @@
 #include "overlay/DictoraStatusItemController.h"
 #include "overlay/MicOverlayPanel.h"
 #include "platform/PlatformServices.h"
+#include "platform/portal/PortalPlatform.h"
 #include "speech/AccuracyModelManager.h"
 #include "audio/AudioCaptureService.h"
 #include "text/paste/PasteService.h"
@@ -149,6 +150,9 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         auto *sheet = new ShortcutSettingsView(preferences,
             [&controller](const GlobalShortcut &candidate) { return controller.updateKeyboardShortcut(candidate); },
             [&controller] { controller.continueAccessibility(); }, &window);
+        const PortalPlatform::BindingHint hint =
+            PortalPlatform::bindingHint(*shortcut, preferences.keyboardShortcut(), preferences.holdToTalk());
+        sheet->setDesktopBinding(hint.text, hint.actionLabel, hint.action);
         sheet->setAttribute(Qt::WA_DeleteOnClose);
         sheet->open();
     });
@@ -162,7 +166,18 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     OnboardingActions onboardingActions;
     onboardingActions.requestMicrophone = [&controller] { controller.requestOnboardingMicrophonePermission(); };
     onboardingActions.openMicrophoneSettings = [&log] { openSoundSettings(log); };
-    onboardingActions.openAccessibilitySettings = [&controller] { controller.continueAccessibility(); };
+    // What the desktop needs (portal consent, a binding, uinput access), then another try.
+    onboardingActions.openAccessibilitySettings = [&] {
+        const PermissionCheck check = permissions->accessibility(shortcut.get());
+        const QString advice = PortalPlatform::runPermissionAction(
+            check.action, shortcut.get(), nullptr, preferences.keyboardShortcut(), preferences.holdToTalk());
+        if (!advice.isEmpty())
+            log.write(QStringLiteral("permission step needs the user: ") + advice);
+        controller.continueAccessibility();
+    };
+    onboardingActions.accessibilityButtonText = [&] {
+        return PortalPlatform::permissionActionLabel(permissions->accessibility(shortcut.get()).action);
+    };
     onboardingActions.retryDownload = [&model] { model.retryManually(); };
     onboardingActions.openSnippets = openSnippets;
     onboardingActions.finish = [&controller] { controller.finishOnboarding(); };

@@ -11,14 +11,16 @@ namespace dictora::portal {
 
 namespace {
 
-uint portalVersionOnPrivateConnection(const QString &interface)
+uint portalVersionOnPrivateConnection(const QString &busAddress, const QString &interface)
 {
     // A connection of our own: the shared one belongs to the GUI thread.
     static QAtomicInteger<quint64> counter;
     const QString name = QStringLiteral("dictora-probe-%1").arg(counter.fetchAndAddRelaxed(1));
     uint version = 0;
     {
-        const QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
+        const QDBusConnection connection = busAddress.isEmpty()
+            ? QDBusConnection::connectToBus(QDBusConnection::SessionBus, name)
+            : QDBusConnection::connectToBus(busAddress, name);
         version = interfaceVersion(connection, interface);
     }
     QDBusConnection::disconnectFromBus(name);
@@ -64,7 +66,7 @@ PermissionCheck DesktopPermissionProbe::keystrokeCheck() const
     using Keystroke = SessionMechanisms::Keystroke;
     switch (m_mechanisms.keystroke) {
     case Keystroke::remoteDesktop: {
-        if (portalVersionOnPrivateConnection(QStringLiteral("org.freedesktop.portal.RemoteDesktop")) == 0) {
+        if (portalVersionOnPrivateConnection(m_mechanisms.busAddress, QStringLiteral("org.freedesktop.portal.RemoteDesktop")) == 0) {
             const QString uinput = UinputKeystrokeSender::accessProblem();
             if (uinput.isEmpty())
                 return PermissionCheck::granted();

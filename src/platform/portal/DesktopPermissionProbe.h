@@ -19,6 +19,8 @@ struct SessionMechanisms {
     // Whether the user already allowed typing (a restore token is kept, or
     // the session is running). Called off the GUI thread: must be thread-safe.
     std::function<bool()> typingAllowed;
+    // The bus the portal is on; empty for the session bus.
+    QString busAddress;
 };
 
 // Says what a Wayland desktop still needs from the user: the portal's
