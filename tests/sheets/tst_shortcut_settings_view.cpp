@@ -273,7 +273,7 @@ private Q_SLOTS:
             QVERIFY(hold && !hold->isChecked());
             press(view.findChild<ShortcutCaptureField *>(), Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK,
                   QStringLiteral("\x0b"));
-            QTest::mouseClick(hold, Qt::LeftButton);
+            QTest::mouseClick(hold, Qt::LeftButton, {}, QPoint(8, hold->height() / 2)); // on the box
             QVERIFY(preferences.holdToTalk());
             QVERIFY(view.candidate());
             QCOMPARE(updates, 0);

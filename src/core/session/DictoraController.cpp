@@ -70,6 +70,8 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     connect(&m_c.shortcut, &ShortcutBackend::pressed, &m_gesture, &ShortcutGesture::press);
     connect(&m_c.shortcut, &ShortcutBackend::released, &m_gesture, &ShortcutGesture::release);
     connect(&m_gesture, &ShortcutGesture::toggleRequested, this, &DictoraController::toggleRecording);
+    // A binding confirmed (or refused) in the desktop's dialog: try again now, not at the next retry tick.
+    connect(&m_c.shortcut, &ShortcutBackend::installationChanged, this, &DictoraController::installCurrentShortcutSilently);
 }
 
 DictoraController::~DictoraController() = default;

@@ -57,6 +57,11 @@ BindingHint bindingHint(ShortcutBackend &backend, const GlobalShortcut &shortcut
         const QString bound = portalBackend->triggerDescription();
         if (!bound.isEmpty())
             return {QStringLiteral("The desktop runs Dictora on: %1 (change it in the desktop's shortcut settings).").arg(bound), {}, {}};
+        if (portalBackend->stage() == portal::PortalShortcutBackend::Stage::bound) {
+            // KDE Plasma 5.27 registers the shortcut without a key and leaves the choice to its settings.
+            return {QStringLiteral("The desktop has registered \"Start or stop a dictation\" without a key: choose "
+                                   "one in the desktop's shortcut settings."), {}, {}};
+        }
         return {QStringLiteral("The desktop has not confirmed a key yet."), QStringLiteral("Ask the Desktop Again"),
             [portalBackend, shortcut] {
                 portalBackend->uninstall();

@@ -1,6 +1,7 @@
 #include "FakePortal.h"
 
 #include <QDBusMessage>
+#include <QDBusPendingReply>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStandardPaths>
@@ -86,10 +87,23 @@ void FakePortal::control(const QString &method, const QVariantList &arguments)
     call.setArguments(arguments);
     const QDBusMessage reply = bus.call(call, QDBus::Block, 5000);
     if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty())
-        m_lastReply = reply.arguments().first().toString();
+        m_lastReply = reply.arguments().first();
 }
 
-void FakePortal::press(const QString &shortcutId) { control(QStringLiteral("Press"), {shortcutId}); }
+qint64 FakePortal::press(const QString &shortcutId)
+{
+    m_lastReply.clear();
+    control(QStringLiteral("Press"), {shortcutId});
+    return m_lastReply.toLongLong();
+}
+QDBusPendingCall FakePortal::pressAsync(const QString &shortcutId)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(kPortalService), QLatin1String(kPortalPath),
+        QLatin1String(kControl), QStringLiteral("Press"));
+    call << shortcutId;
+    return connect(QStringLiteral("fake-portal-control")).asyncCall(call);
+}
+
 void FakePortal::release(const QString &shortcutId) { control(QStringLiteral("Release"), {shortcutId}); }
 void FakePortal::changeTrigger(const QString &trigger, const QString &shortcutId)
 {
@@ -105,7 +119,7 @@ QJsonArray FakePortal::calls()
 {
     m_lastReply.clear();
     control(QStringLiteral("Calls"));
-    return QJsonDocument::fromJson(m_lastReply.toUtf8()).array();
+    return QJsonDocument::fromJson(m_lastReply.toString().toUtf8()).array();
 }
 
 QJsonArray FakePortal::calls(const QString &method)

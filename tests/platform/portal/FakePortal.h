@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusPendingCall>
 #include <QJsonArray>
 #include <QProcess>
 #include <QString>
@@ -27,7 +28,11 @@ public:
     QDBusConnection connect(const QString &name);
 
     // Control of the fake: keys, answers to the dialogs, the call log.
-    void press(const QString &shortcutId = QStringLiteral("dictate"));
+    // When the fake sent Activated (CLOCK_MONOTONIC, ns); 0 when the call failed.
+    qint64 press(const QString &shortcutId = QStringLiteral("dictate"));
+    // The same without waiting, so the caller's event loop stays free; the
+    // reply carries the time.
+    QDBusPendingCall pressAsync(const QString &shortcutId = QStringLiteral("dictate"));
     void release(const QString &shortcutId = QStringLiteral("dictate"));
     void changeTrigger(const QString &trigger, const QString &shortcutId = QStringLiteral("dictate"));
     void setAnswers(const QString &bind, const QString &consent);
@@ -44,7 +49,7 @@ private:
     QString m_address;
     QString m_error;
     QStringList m_connections;
-    QString m_lastReply;
+    QVariant m_lastReply;
 };
 
 } // namespace dictora::test

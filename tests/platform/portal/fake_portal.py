@@ -11,6 +11,7 @@ object lets the test press keys and read back every call it received.
 import argparse
 import json
 import sys
+import time
 
 import dbus
 import dbus.mainloop.glib
@@ -227,11 +228,15 @@ class Portal(RemoteDesktopPart):
     def shortcut_sessions(self):
         return [s for s in self.sessions.values() if s.kind == "shortcuts"]
 
-    @dbus.service.method(CONTROL, in_signature="s")
+    # Returns CLOCK_MONOTONIC (ns) just before the signal goes out, the same
+    # clock a client's QElapsedTimer reads, so key-down latency can be measured.
+    @dbus.service.method(CONTROL, in_signature="s", out_signature="x")
     def Press(self, shortcut_id):
+        emitted = time.clock_gettime_ns(time.CLOCK_MONOTONIC)
         for s in self.shortcut_sessions():
             if shortcut_id in s.shortcuts:
                 self.Activated(dbus.ObjectPath(s.path), shortcut_id, dbus.UInt64(0), dbus.Dictionary({}, signature="sv"))
+        return dbus.Int64(emitted)
 
     @dbus.service.method(CONTROL, in_signature="s")
     def Release(self, shortcut_id):
