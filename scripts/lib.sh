@@ -15,7 +15,9 @@ DICTORA_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
-  dbus python3-dbus python3-gi libglib2.0-bin gnome-settings-daemon-common
+  # Portals: a fake one on a private bus (python3-dbus), GNOME's keybinding
+  # schema, and headless KWin with the real portal and its KDE backend.
+  dbus python3-dbus python3-gi libglib2.0-bin gnome-settings-daemon-common libcap2-bin
   kwin-wayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
 )
 
