@@ -17,14 +17,18 @@ DICTORA_PACKAGES=(
 )
 # What the tests stand up (scripts/test): an X server with a window manager, a
 # PulseAudio server, key and speech generators, real applications to paste
-# into, a headless Sway with a native terminal, clang's fuzzing runtime, Mesa's software Vulkan driver (the GPU path
-# runs and falls back to the CPU), and the Debian tools the package is
-# checked with.
+# into, a headless Sway with a native terminal, clang's fuzzing runtime,
+# Mesa's software Vulkan driver (the GPU path runs and falls back to the
+# CPU), and the Debian tools the package is checked with.
 DICTORA_TEST_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
   sway foot xwayland
+  # Portals: a fake one on a private bus (python3-dbus), GNOME's keybinding
+  # schema, and headless KWin with the real portal and its KDE backend.
+  dbus python3-dbus python3-gi libglib2.0-bin gnome-settings-daemon-common libcap2-bin
+  kwin-wayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
   clang libclang-rt-14-dev
   mesa-vulkan-drivers
   dpkg-dev lintian appstream desktop-file-utils librsvg2-bin

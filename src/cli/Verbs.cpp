@@ -11,30 +11,57 @@ int runFormat(const QStringList &arguments); // FormatVerb.cpp
 int runRecord(const QStringList &arguments); // RecordVerb.cpp
 int runModel(const QStringList &arguments); // ModelVerb.cpp
 
-int runToggle(const QStringList &arguments)
+namespace {
+// One line to the running instance; its "error…" replies are failures.
+int sendInstanceCommand(const QString &verb, const QString &help, const QStringList &arguments)
 {
     if (arguments.contains(QStringLiteral("--help"))) {
-        printOut(QStringLiteral("Usage: dictora toggle\n\nStarts or stops a dictation in the running Dictora.\n"));
+        printOut(help);
         return kExitOk;
     }
     if (!arguments.isEmpty())
-        return usageError(QStringLiteral("toggle"), QStringLiteral("unexpected argument '%1'").arg(arguments.first()));
-    const auto reply = sendToRunningInstance(DataPaths::instanceSocket(), QStringLiteral("toggle"));
+        return usageError(verb, QStringLiteral("unexpected argument '%1'").arg(arguments.first()));
+    const auto reply = sendToRunningInstance(DataPaths::instanceSocket(), verb);
     if (!reply) {
-        printErr(QStringLiteral("dictora toggle: Dictora is not running.\n"));
+        printErr(QStringLiteral("dictora %1: Dictora is not running.\n").arg(verb));
         return kExitFailure;
     }
     if (reply->startsWith(QLatin1String("error"))) {
-        printErr(QStringLiteral("dictora toggle: %1\n").arg(*reply));
+        printErr(QStringLiteral("dictora %1: %2\n").arg(verb, *reply));
         return kExitFailure;
     }
     return kExitOk;
+}
+} // namespace
+
+int runToggle(const QStringList &arguments)
+{
+    return sendInstanceCommand(QStringLiteral("toggle"),
+        QStringLiteral("Usage: dictora toggle\n\nStarts or stops a dictation in the running Dictora.\n"), arguments);
+}
+
+// For desktops whose key bindings run one command on key down and another
+// on key up: with hold to talk on, holding the key records until release.
+int runPress(const QStringList &arguments)
+{
+    return sendInstanceCommand(QStringLiteral("press"),
+        QStringLiteral("Usage: dictora press\n\nTells the running Dictora that the shortcut key went down "
+                       "(bind it to the key's press;\n\"dictora release\" to its release).\n"),
+        arguments);
+}
+
+int runRelease(const QStringList &arguments)
+{
+    return sendInstanceCommand(QStringLiteral("release"),
+        QStringLiteral("Usage: dictora release\n\nTells the running Dictora that the shortcut key came up.\n"), arguments);
 }
 
 const QList<Verb> &verbs()
 {
     static const QList<Verb> all{
         {"toggle", "start or stop a dictation in the running Dictora", false, &runToggle},
+        {"press", "the shortcut key went down (for a desktop's own key binding)", false, &runPress},
+        {"release", "the shortcut key came up (for a desktop's own key binding)", false, &runRelease},
         {"history", "list, search and archive the History", false, &runHistory},
         {"transcribe", "recognise the speech in an audio file and print the text", false, &runTranscribe},
         {"format", "format standard input as a dictation and apply the snippets", false, &runFormat},

@@ -17,6 +17,8 @@ struct Verb {
 const QList<Verb> &verbs();
 
 int runToggle(const QStringList &arguments);
+int runPress(const QStringList &arguments);
+int runRelease(const QStringList &arguments);
 int runHistory(const QStringList &arguments);
 
 } // namespace dictora::cli

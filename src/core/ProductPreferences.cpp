@@ -109,6 +109,8 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_shortcut = GlobalShortcut::loadOrDefault(value(kShortcutKey).toString().toUtf8());
     m_formatting = readBool(value(kFormattingKey)).value_or(true);
     m_snippets = readBool(value(kSnippetsKey)).value_or(true);
+    m_holdToTalk = readBool(value(kHoldToTalkKey)).value_or(false);
+    m_remoteDesktopToken = value(kRemoteDesktopTokenKey).toString();
 }
 
 double ProductPreferences::clampOpacity(double value)
@@ -180,6 +182,19 @@ void ProductPreferences::setSnippetsEnabled(bool value)
     m_snippets = value;
     store(kSnippetsKey, value);
     Q_EMIT snippetsEnabledChanged(value);
+}
+
+void ProductPreferences::setHoldToTalk(bool value)
+{
+    m_holdToTalk = value;
+    store(kHoldToTalkKey, value);
+    Q_EMIT holdToTalkChanged(value);
+}
+
+void ProductPreferences::setRemoteDesktopRestoreToken(const QString &value)
+{
+    m_remoteDesktopToken = value;
+    store(kRemoteDesktopTokenKey, value);
 }
 
 } // namespace dictora

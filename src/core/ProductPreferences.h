@@ -31,6 +31,8 @@ public:
     static constexpr auto kShortcutKey = "keyboard.shortcut.v1";
     static constexpr auto kFormattingKey = "transcription.formatting.enabled";
     static constexpr auto kSnippetsKey = "transcription.snippets.enabled";
+    static constexpr auto kHoldToTalkKey = "keyboard.shortcut.holdToTalk";
+    static constexpr auto kRemoteDesktopTokenKey = "portal.remoteDesktop.restoreToken";
     static constexpr double kMinimumOpacity = 0.2;
     static constexpr double kMaximumOpacity = 1.0;
 
@@ -45,6 +47,10 @@ public:
     GlobalShortcut keyboardShortcut() const { return m_shortcut; }
     bool formattingEnabled() const { return m_formatting; }
     bool snippetsEnabled() const { return m_snippets; }
+    // Off: the shortcut toggles. On: holding it records until it is released.
+    bool holdToTalk() const { return m_holdToTalk; }
+    // The desktop's proof that the user already allowed Dictora to type; empty when none.
+    QString remoteDesktopRestoreToken() const { return m_remoteDesktopToken; }
 
     void setMicrophoneLocation(ScreenAnchor value);
     void setMicrophoneSize(OverlaySize value);
@@ -54,6 +60,8 @@ public:
     void setKeyboardShortcut(const GlobalShortcut &value);
     void setFormattingEnabled(bool value);
     void setSnippetsEnabled(bool value);
+    void setHoldToTalk(bool value);
+    void setRemoteDesktopRestoreToken(const QString &value);
 
     static double clampOpacity(double value);
 
@@ -66,6 +74,7 @@ Q_SIGNALS:
     void keyboardShortcutChanged(const dictora::GlobalShortcut &value);
     void formattingEnabledChanged(bool value);
     void snippetsEnabledChanged(bool value);
+    void holdToTalkChanged(bool value);
 
 private:
     void store(const char *key, const QVariant &value);
@@ -79,6 +88,8 @@ private:
     GlobalShortcut m_shortcut = GlobalShortcut::defaultShortcut();
     bool m_formatting = true;
     bool m_snippets = true;
+    bool m_holdToTalk = false;
+    QString m_remoteDesktopToken;
 };
 
 } // namespace dictora

@@ -52,6 +52,35 @@ private Q_SLOTS:
         QCOMPARE(records.first().value("transcript").toString(), QStringLiteral("Toggled from a shell"));
         QCOMPARE(records.first().value("targetApplication")["processIdentifier"].toInteger(), editor.pid());
     }
+
+    // A desktop binding that runs "dictora press" on key down and "dictora
+    // release" on key up, with hold to talk on: the release ends the dictation.
+    void holdToTalkThroughPressAndRelease()
+    {
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        run->writeSettings({{QStringLiteral("keyboard.shortcut.holdToTalk"), true}});
+        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("held to talk"));
+        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
+        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+
+        TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
+        QVERIFY2(editor.start(&why), qPrintable(why));
+
+        QString output;
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("press")}, &output), 0);
+        QVERIFY2(run->waitForLines(QStringLiteral("recording started session="), 1, 30000, &why), qPrintable(why));
+        const QString clip = speechClip(scratch->path(), 1.5, &why);
+        QVERIFY2(!clip.isEmpty() && playIntoMicrophone(clip, &why), qPrintable(why));
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("release")}, &output), 0);
+        QVERIFY2(run->waitForLines(QStringLiteral("recording completed outcome="), 1, 60000, &why), qPrintable(why));
+
+        QString received;
+        QVERIFY2(editor.readBack(QStringLiteral("Held to talk"), &received),
+            qPrintable(QStringLiteral("the editor holds \"%1\"; log:\n%2").arg(received, run->logText())));
+        QCOMPARE(run->records().size(), 1);
+        QCOMPARE(run->records().first().value("outcome").toString(), QStringLiteral("pasted"));
+    }
 };
 
 DICTORA_E2E_TEST_MAIN(TestE2eToggle)

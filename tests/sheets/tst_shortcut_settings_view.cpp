@@ -5,6 +5,7 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QTemporaryDir>
+#include <QCheckBox>
 #include <QtTest>
 
 using namespace dictora;
@@ -256,6 +257,53 @@ private Q_SLOTS:
         ShortcutSettingsView next(preferences, update, {});
         QCOMPARE(next.currentText(), QStringLiteral("Ctrl+Alt+K"));
         QVERIFY(!next.candidate());
+    }
+
+    // Hold to talk is stored at once and leaves the captured candidate alone.
+    void holdToTalkIsStoredWithoutUpdate()
+    {
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        int updates = 0;
+        const auto update = [&](const GlobalShortcut &) { return ++updates, ShortcutUpdateResult::updated(); };
+        {
+            ShortcutSettingsView view(preferences, update, {});
+            view.show();
+            auto *hold = view.findChild<QCheckBox *>(QStringLiteral("holdToTalk"));
+            QVERIFY(hold && !hold->isChecked());
+            press(view.findChild<ShortcutCaptureField *>(), Qt::Key_K, Qt::ControlModifier | Qt::AltModifier, kXK,
+                  QStringLiteral("\x0b"));
+            QTest::mouseClick(hold, Qt::LeftButton, {}, QPoint(8, hold->height() / 2)); // on the box
+            QVERIFY(preferences.holdToTalk());
+            QVERIFY(view.candidate());
+            QCOMPARE(updates, 0);
+        }
+        QVERIFY(ProductPreferences(*settings).holdToTalk());
+        ShortcutSettingsView again(preferences, update, {});
+        QVERIFY(again.findChild<QCheckBox *>(QStringLiteral("holdToTalk"))->isChecked());
+    }
+
+    void desktopBindingSection()
+    {
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        ShortcutSettingsView view(preferences, [](const GlobalShortcut &) { return ShortcutUpdateResult::updated(); }, {});
+        view.show();
+        auto *text = view.findChild<QLabel *>(QStringLiteral("desktopBinding"));
+        auto *action = view.findChild<QPushButton *>(QStringLiteral("desktopAction"));
+        QVERIFY(!text->isVisible() && !action->isVisible());
+
+        view.setDesktopBinding(QStringLiteral("Add to ~/.config/sway/config:\nbindsym grave exec dictora toggle"));
+        QVERIFY(text->isVisible() && !action->isVisible()); // nothing to click where the user edits a file
+        int added = 0;
+        view.setDesktopBinding(QStringLiteral("Dictora can add a GNOME keyboard shortcut."), QStringLiteral("Add GNOME Shortcut"),
+            [&] { ++added; });
+        QVERIFY(action->isVisible());
+        QTest::mouseClick(action, Qt::LeftButton);
+        QCOMPARE(added, 1);
+        saveShot(view, QStringLiteral("shortcut-desktop-binding"));
+        view.setDesktopBinding({});
+        QVERIFY(!text->isVisible() && !action->isVisible());
     }
 };
 

@@ -81,6 +81,7 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     , m_onboarding(!preferences.hasCompletedOnboarding())
     , m_readiness(m_c.shortcut, m_c.permissions, m_c.microphone, m_onboarding, m_preferences, m_c.log,
           {m_c.shortcutRetryMs, m_c.permissionPollMs})
+    , m_gesture(state, [&preferences] { return preferences.holdToTalk(); })
 {
     connect(&m_readiness, &ReadinessMonitor::shortcutInstalled, this,
         [this] { transition(DictationEvent::shortcutInstalled); });
@@ -98,7 +99,10 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
         m_state.setListeningDotPhase((m_state.listeningDotPhase() + 1) % 3);
     });
 
-    connect(&m_c.shortcut, &ShortcutBackend::pressed, this, &DictoraController::toggleRecording);
+    // Key down toggles; with hold to talk, a long hold's key up toggles back.
+    connect(&m_c.shortcut, &ShortcutBackend::pressed, &m_gesture, &ShortcutGesture::press);
+    connect(&m_c.shortcut, &ShortcutBackend::released, &m_gesture, &ShortcutGesture::release);
+    connect(&m_gesture, &ShortcutGesture::toggleRequested, this, &DictoraController::toggleRecording);
 }
 
 DictoraController::~DictoraController() = default;

@@ -3,6 +3,7 @@
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
+#include "core/ShortcutGesture.h"
 #include "core/session/DictationPorts.h"
 #include "core/session/ReadinessMonitor.h"
 #include "history/TranscriptJournal.h"
@@ -65,6 +66,8 @@ public:
     ~DictoraController() override;
 
     OnboardingModel &onboarding() { return m_onboarding; }
+    // Key down and up of the shortcut, also from a desktop's own binding.
+    ShortcutGesture &shortcutGesture() { return m_gesture; }
     DictoraState &state() { return m_state; }
     ReadinessMonitor &readiness() { return m_readiness; }
     bool isOperationInFlight() const { return m_operationInFlight; }
@@ -123,6 +126,7 @@ private:
     Collaborators m_c;
     OnboardingModel m_onboarding;
     ReadinessMonitor m_readiness;
+    ShortcutGesture m_gesture;
 
     std::optional<QDateTime> m_recordingStartedAt;
     std::optional<QUuid> m_recordingSessionID;

@@ -54,6 +54,8 @@ public:
     // The last answers' reasons, for the onboarding screens; empty when granted.
     QString microphoneReason() const { return m_microphone.reason; }
     QString accessibilityReason() const;
+    // What the button beside that reason does (PermissionAction); empty when retrying is all.
+    QString accessibilityAction() const { return m_desktop && !m_desktop->authorized ? m_desktop->action : QString(); }
 
 Q_SIGNALS:
     // The shortcut is installed and verified (the phase leaves needsAccessibility).

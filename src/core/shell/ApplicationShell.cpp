@@ -18,6 +18,7 @@
 #include "overlay/DictoraStatusItemController.h"
 #include "overlay/MicOverlayPanel.h"
 #include "platform/services/PlatformServices.h"
+#include "platform/portal/PortalPlatform.h"
 #include "speech/AccuracyModelManager.h"
 #include "audio/AudioCaptureThread.h"
 #include "text/paste/PasteService.h"
@@ -225,6 +226,9 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         auto *sheet = new ShortcutSettingsView(preferences,
             [&controller](const GlobalShortcut &candidate) { return controller.updateKeyboardShortcut(candidate); },
             [&controller] { controller.continueAccessibility(); }, &window);
+        const PortalPlatform::BindingHint hint =
+            PortalPlatform::bindingHint(*shortcut, preferences.keyboardShortcut(), preferences.holdToTalk());
+        sheet->setDesktopBinding(hint.text, hint.actionLabel, hint.action);
         sheet->setAttribute(Qt::WA_DeleteOnClose);
         sheet->open();
     });
@@ -238,7 +242,17 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     OnboardingActions onboardingActions;
     onboardingActions.requestMicrophone = [&controller] { controller.requestOnboardingMicrophonePermission(); };
     onboardingActions.openMicrophoneSettings = [&log] { openSoundSettings(log); };
-    onboardingActions.openAccessibilitySettings = [&controller] { controller.continueAccessibility(); };
+    // What the desktop needs (portal consent, a binding, uinput access), then another try.
+    onboardingActions.openAccessibilitySettings = [&] {
+        const QString advice = PortalPlatform::runPermissionAction(controller.readiness().accessibilityAction(),
+            shortcut.get(), keystrokes.get(), preferences.keyboardShortcut(), preferences.holdToTalk());
+        if (!advice.isEmpty())
+            log.write(QStringLiteral("permission step needs the user: ") + advice);
+        controller.continueAccessibility();
+    };
+    onboardingActions.accessibilityButtonText = [&] {
+        return PortalPlatform::permissionActionLabel(controller.readiness().accessibilityAction());
+    };
     onboardingActions.retryDownload = [&model] { model.retryManually(); };
     onboardingActions.openSnippets = openSnippets;
     onboardingActions.finish = [&controller] { controller.finishOnboarding(); };
@@ -286,6 +300,14 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
             if (phase.kind() == AccuracyModelPhase::Kind::downloading)
                 return QStringLiteral("%1 %2%").arg(phase.statusText()).arg(qRound(model.progress() * 100));
             return phase.statusText();
+        }
+        if (command == QLatin1String("press")) {
+            controller.shortcutGesture().press();
+            return QStringLiteral("ok");
+        }
+        if (command == QLatin1String("release")) {
+            controller.shortcutGesture().release();
+            return QStringLiteral("ok");
         }
         return QStringLiteral("error: unknown command ") + command;
     });

@@ -2,6 +2,7 @@
 
 #include "home/sheets/ShortcutCaptureField.h"
 
+#include <QCheckBox>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
@@ -20,6 +21,8 @@ ShortcutSettingsView::ShortcutSettingsView(ProductPreferences &preferences, Upda
                                            std::function<void()> onContinueAccessibility, QWidget *parent)
     : QDialog(parent), m_preferences(preferences), m_onUpdate(std::move(onUpdate)),
       m_onContinueAccessibility(std::move(onContinueAccessibility)), m_current(new QLabel(this)),
+      m_holdToTalk(new QCheckBox(QStringLiteral("Hold to talk"), this)), m_desktopBinding(new QLabel(this)),
+      m_desktopActionButton(new QPushButton(this)),
       m_field(new ShortcutCaptureField(this)), m_validation(new QLabel(this)), m_feedbackRow(new QWidget(this)),
       m_feedbackIcon(new QLabel(m_feedbackRow)), m_feedbackText(new QLabel(m_feedbackRow)),
       m_continue(new QPushButton(QStringLiteral("Continue"), m_feedbackRow)),
@@ -67,10 +70,22 @@ ShortcutSettingsView::ShortcutSettingsView(ProductPreferences &preferences, Upda
     feedbackLayout->addWidget(m_feedbackText, 1);
     feedbackLayout->addWidget(m_continue, 0, Qt::AlignTop);
 
+    m_holdToTalk->setObjectName(QStringLiteral("holdToTalk"));
+    m_holdToTalk->setToolTip(QStringLiteral("Hold the shortcut while you speak; releasing it stops. A quick tap still "
+                                            "starts and stops a dictation."));
+    m_holdToTalk->setChecked(m_preferences.holdToTalk());
+    m_holdToTalk->setFocusPolicy(Qt::NoFocus); // keys belong to the capture field
+    m_desktopBinding->setObjectName(QStringLiteral("desktopBinding"));
+    m_desktopBinding->setWordWrap(true);
+    m_desktopBinding->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_desktopBinding->hide();
+    m_desktopActionButton->setObjectName(QStringLiteral("desktopAction"));
+    m_desktopActionButton->hide();
+
     m_cancel->setObjectName(QStringLiteral("cancel"));
     m_update->setObjectName(QStringLiteral("update"));
     // Return is a key to capture, never a button press.
-    for (QPushButton *button : {m_cancel, m_update, m_continue}) {
+    for (QPushButton *button : {m_cancel, m_update, m_continue, m_desktopActionButton}) {
         button->setAutoDefault(false);
         button->setDefault(false);
         button->setFocusPolicy(Qt::TabFocus);
@@ -88,6 +103,9 @@ ShortcutSettingsView::ShortcutSettingsView(ProductPreferences &preferences, Upda
     layout->addWidget(m_field);
     layout->addWidget(m_validation);
     layout->addWidget(m_feedbackRow);
+    layout->addWidget(m_holdToTalk);
+    layout->addWidget(m_desktopBinding);
+    layout->addWidget(m_desktopActionButton, 0, Qt::AlignLeft);
     layout->addStretch(1);
     layout->addLayout(buttons);
 
@@ -102,6 +120,11 @@ ShortcutSettingsView::ShortcutSettingsView(ProductPreferences &preferences, Upda
     connect(m_cancel, &QPushButton::clicked, this, &QDialog::reject);
     connect(m_update, &QPushButton::clicked, this, &ShortcutSettingsView::applyCandidate);
     connect(m_continue, &QPushButton::clicked, this, &ShortcutSettingsView::continueAccessibility);
+    connect(m_holdToTalk, &QCheckBox::toggled, &m_preferences, &ProductPreferences::setHoldToTalk);
+    connect(m_desktopActionButton, &QPushButton::clicked, this, [this] {
+        if (m_desktopAction)
+            m_desktopAction();
+    });
     connect(&m_preferences, &ProductPreferences::keyboardShortcutChanged, this, [this](const GlobalShortcut &now) {
         // The controller installs the waiting candidate once permission arrives.
         if (m_feedback == Feedback::waitingForPermission && m_candidate && *m_candidate == now) {
@@ -203,6 +226,20 @@ void ShortcutSettingsView::refresh()
     m_feedbackIcon->setVisible(m_feedback == Feedback::permissionRequired);
     m_continue->setVisible(m_feedback == Feedback::permissionRequired);
     m_update->setEnabled(canUpdate());
+}
+
+void ShortcutSettingsView::setDesktopBinding(const QString &text, const QString &actionLabel, std::function<void()> action)
+{
+    m_desktopBinding->setText(text);
+    m_desktopBinding->setVisible(!text.isEmpty());
+    m_desktopAction = std::move(action);
+    m_desktopActionButton->setText(actionLabel);
+    m_desktopActionButton->setVisible(!text.isEmpty() && !actionLabel.isEmpty() && m_desktopAction);
+}
+
+QString ShortcutSettingsView::desktopBindingText() const
+{
+    return m_desktopBinding->text();
 }
 
 } // namespace dictora

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 
+class QCheckBox;
 class QLabel;
 class QPushButton;
 
@@ -39,6 +40,12 @@ public:
     // The "Continue" button of the permission notice.
     void continueAccessibility();
 
+    // Where the desktop owns the key: what it reports as bound, or the line
+    // the user adds to the compositor's configuration; an optional button
+    // that sets it up. Empty text hides the section.
+    void setDesktopBinding(const QString &text, const QString &actionLabel = {}, std::function<void()> action = {});
+    QString desktopBindingText() const;
+
 private:
     void setFeedback(Feedback feedback, const QString &failure = {});
     void refresh();
@@ -51,7 +58,12 @@ private:
     QString m_failure;
     bool m_keyRejected = false;
 
+    std::function<void()> m_desktopAction;
+
     QLabel *m_current;
+    QCheckBox *m_holdToTalk;
+    QLabel *m_desktopBinding;
+    QPushButton *m_desktopActionButton;
     ShortcutCaptureField *m_field;
     QLabel *m_validation;
     QWidget *m_feedbackRow;

@@ -377,6 +377,8 @@ void OnboardingView::refreshPermissions()
         shell->setEyebrow(QStringLiteral("STEP 2 OF 2"));
         shell->setHeadline(QStringLiteral("TURN ON DICTORA."));
         shell->setDetail(reason(m_actions.accessibilityReason));
+        const QString buttonText = reason(m_actions.accessibilityButtonText);
+        m_accessibilitySettings->setText(buttonText.isEmpty() ? QStringLiteral("OPEN ACCESSIBILITY SETTINGS") : buttonText);
         m_guidance->show();
         m_accessibilitySettings->show();
     } else if (m_model.accuracyModelReady()) {

@@ -40,6 +40,9 @@ struct OnboardingActions {
     // Why a permission is not granted yet, in the user's words (empty when fine).
     std::function<QString()> microphoneReason;
     std::function<QString()> accessibilityReason;
+    // What the accessibility button does on this desktop ("ALLOW TYPING");
+    // empty keeps "OPEN ACCESSIBILITY SETTINGS".
+    std::function<QString()> accessibilityButtonText;
 };
 
 // Where the speech model stands while onboarding waits for it.

@@ -1,13 +1,20 @@
 #include "platform/services/PlatformServices.h"
 
+#include "platform/portal/PortalPlatform.h"
+#include "platform/portal/UinputKeystrokeSender.h"
 #include "platform/x11/X11Platform.h"
 #ifdef DICTORA_HAVE_WAYLAND
 #include "platform/wayland/WaylandPlatform.h"
 #endif
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QMutex>
+#include <QSaveFile>
+#include <QStandardPaths>
 
 #include <functional>
 #include <vector>
@@ -50,6 +57,59 @@ struct Backend {
 bool always(const DesktopSession &) { return true; }
 [[maybe_unused]] bool waylandSession(const DesktopSession &s) { return s.wayland; }
 
+// The portal's permission to type, kept so the desktop asks only once.
+QString remoteDesktopTokenPath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
+           + QStringLiteral("/Dictora/remote-desktop-token");
+}
+
+portal::RemoteDesktopKeystrokeSender::TokenStore remoteDesktopTokens()
+{
+    return {
+        [] {
+            QFile file(remoteDesktopTokenPath());
+            return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
+        },
+        [](const QString &token) {
+            QDir().mkpath(QFileInfo(remoteDesktopTokenPath()).path());
+            QSaveFile file(remoteDesktopTokenPath());
+            if (file.open(QIODevice::WriteOnly)) {
+                file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+                file.write(token.toUtf8());
+                file.commit();
+            }
+        },
+    };
+}
+
+// What a Wayland desktop without the wlroots protocols offers, asked once:
+// the rows below and the permission check must agree on it.
+portal::SessionMechanisms portalMechanisms()
+{
+    static const portal::SessionMechanisms mechanisms = [] {
+        portal::SessionMechanisms m;
+        m.desktop = portal::currentDesktop();
+        using Shortcut = portal::SessionMechanisms::Shortcut;
+        using Keystroke = portal::SessionMechanisms::Keystroke;
+        if (PortalPlatform::hasGlobalShortcutsPortal())
+            m.shortcut = Shortcut::portal;
+        else if (m.desktop == portal::Desktop::gnome)
+            m.shortcut = Shortcut::gnomeKeybinding;
+        else
+            m.shortcut = Shortcut::compositorBinding;
+        m.keystroke = PortalPlatform::hasRemoteDesktopPortal() ? Keystroke::remoteDesktop : Keystroke::uinput;
+        m.typingAllowed = [] { return QFile::exists(remoteDesktopTokenPath()); };
+        return m;
+    }();
+    return mechanisms;
+}
+
+bool portalShortcut(const DesktopSession &s)
+{
+    return s.wayland && portalMechanisms().shortcut == portal::SessionMechanisms::Shortcut::portal;
+}
+
 template <typename T>
 std::unique_ptr<T> choose(const char *service, const std::vector<Backend<T>> &table)
 {
@@ -83,6 +143,11 @@ void chooseQtPlatform()
 std::unique_ptr<ShortcutBackend> createShortcutBackend(QObject *parent)
 {
     return choose<ShortcutBackend>("shortcut", {
+        {"portal-global-shortcuts", portalShortcut,
+            [parent](QString *) { return PortalPlatform::createPortalShortcutBackend(parent); }},
+        {"desktop-binding", waylandSession, [parent](QString *) {
+            return PortalPlatform::createDesktopBindingShortcutBackend(portal::currentDesktop(), parent);
+        }},
         {"x11-key-grab", always, [parent](QString *) { return X11Platform::createShortcutBackend(parent); }},
     });
 }
@@ -103,6 +168,17 @@ std::unique_ptr<KeystrokeSender> createKeystrokeSender()
 #ifdef DICTORA_HAVE_WAYLAND
         {"wayland-virtual-keyboard", waylandSession, WaylandPlatform::createKeystrokeSender},
 #endif
+        {"portal-remote-desktop", waylandSession, [](QString *why) -> std::unique_ptr<KeystrokeSender> {
+            if (portalMechanisms().keystroke != portal::SessionMechanisms::Keystroke::remoteDesktop) {
+                *why = QStringLiteral("the desktop portal offers no RemoteDesktop interface");
+                return nullptr;
+            }
+            return PortalPlatform::createRemoteDesktopKeystrokeSender(remoteDesktopTokens());
+        }},
+        {"uinput", waylandSession, [](QString *why) -> std::unique_ptr<KeystrokeSender> {
+            *why = portal::UinputKeystrokeSender::accessProblem();
+            return why->isEmpty() ? PortalPlatform::createUinputKeystrokeSender() : nullptr;
+        }},
         {"x11-xtest", always, [](QString *) { return X11Platform::createKeystrokeSender(); }},
     });
 }
@@ -113,6 +189,8 @@ std::unique_ptr<PermissionProbe> createPermissionProbe()
 #ifdef DICTORA_HAVE_WAYLAND
         {"wayland-wlroots", waylandSession, WaylandPlatform::createPermissionProbe},
 #endif
+        {"portal-desktop", waylandSession,
+            [](QString *) { return PortalPlatform::createPermissionProbe(portalMechanisms()); }},
         {"x11", always, [](QString *) { return X11Platform::createPermissionProbe(); }},
     });
 }

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "platform/KeystrokeSender.h"
+#include "platform/PermissionProbe.h"
+#include "platform/ShortcutBackend.h"
+#include "platform/portal/DesktopBinding.h"
+#include "platform/portal/DesktopPermissionProbe.h"
+#include "platform/portal/RemoteDesktopKeystrokeSender.h"
+
+#include <memory>
+
+// Factories for the session-choice table: each backend talks to the user's
+// session bus and fails with a reason where the desktop lacks what it needs.
+namespace dictora::PortalPlatform {
+
+// Whether the desktop's portal offers the interface (a short blocking call).
+bool hasGlobalShortcutsPortal();
+bool hasRemoteDesktopPortal();
+
+std::unique_ptr<ShortcutBackend> createPortalShortcutBackend(QObject *parent = nullptr);
+std::unique_ptr<ShortcutBackend> createDesktopBindingShortcutBackend(portal::Desktop desktop, QObject *parent = nullptr);
+std::unique_ptr<KeystrokeSender> createRemoteDesktopKeystrokeSender(portal::RemoteDesktopKeystrokeSender::TokenStore tokens);
+std::unique_ptr<KeystrokeSender> createUinputKeystrokeSender();
+std::unique_ptr<PermissionProbe> createPermissionProbe(portal::SessionMechanisms mechanisms);
+
+// For the shortcut sheet: what the desktop reports as bound (portal), or what
+// to add to its configuration (desktop binding), with a button where Dictora
+// can do it itself. Empty for backends that grab the key themselves.
+struct BindingHint {
+    QString text;
+    QString actionLabel;
+    std::function<void()> action;
+};
+BindingHint bindingHint(ShortcutBackend &backend, const GlobalShortcut &shortcut, bool holdToTalk);
+
+// The button text for a check's action (PermissionAction), in the
+// onboarding's capitals; empty for an unknown or empty action.
+QString permissionActionLabel(const QString &action);
+// Does what the button promises. `keystrokes` may be null (then the portal
+// asks for consent at the first paste). Returns what to tell the user when
+// Dictora cannot do it itself (the line to add, the command to run), else empty.
+QString runPermissionAction(const QString &action, ShortcutBackend *shortcut, KeystrokeSender *keystrokes,
+    const GlobalShortcut &current, bool holdToTalk);
+
+} // namespace dictora::PortalPlatform

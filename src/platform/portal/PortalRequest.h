@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QDBusObjectPath>
+#include <QObject>
+#include <QPointer>
+#include <QVariantMap>
+
+#include <functional>
+
+namespace dictora::portal {
+
+inline constexpr auto kService = "org.freedesktop.portal.Desktop";
+inline constexpr auto kPath = "/org/freedesktop/portal/desktop";
+inline constexpr auto kRequestInterface = "org.freedesktop.portal.Request";
+inline constexpr auto kSessionInterface = "org.freedesktop.portal.Session";
+
+// How a portal request ended (the Response signal's first argument).
+enum class ResponseCode : uint { success = 0, cancelled = 1, other = 2 };
+
+// "dictora_<n>_<random>": unique per process, valid in an object path.
+QString newHandleToken();
+// ":1.42" -> "1_42", the sender part of request and session paths.
+QString senderPathPart(const QDBusConnection &connection);
+QString requestPath(const QDBusConnection &connection, const QString &token);
+QString sessionPath(const QDBusConnection &connection, const QString &token);
+
+// The portal's version of an interface, 0 when the portal or the interface
+// is missing. Blocks for at most `timeoutMs`.
+uint interfaceVersion(const QDBusConnection &connection, const QString &interface, int timeoutMs = 2000);
+
+// One call that answers through a Request object: subscribes to the Response
+// on the path the portal will use before calling, so a fast reply is never
+// missed, then follows the path the portal actually returns. Deletes itself
+// after calling `done` (also when the call itself fails: code `other` and an
+// "error" entry holding the D-Bus error text).
+class PortalRequest : public QObject {
+    Q_OBJECT
+public:
+    using Done = std::function<void(ResponseCode code, const QVariantMap &results)>;
+
+    // `options` receives the handle_token; the method's last argument must be the options.
+    static void call(const QDBusConnection &connection, const QString &interface, const QString &method,
+        QVariantList argumentsBeforeOptions, QVariantMap options, QObject *context, Done done);
+
+private Q_SLOTS:
+    void onResponse(uint response, const QVariantMap &results);
+
+private:
+    PortalRequest(const QDBusConnection &connection, QObject *context, Done done);
+    bool listen(const QString &path);
+    void unlisten();
+    void finish(ResponseCode code, const QVariantMap &results);
+
+    QDBusConnection m_connection;
+    QString m_path;
+    QPointer<QObject> m_context;
+    Done m_done;
+    bool m_finished = false;
+};
+
+} // namespace dictora::portal

@@ -1,0 +1,65 @@
+#include "platform/portal/PortalTrigger.h"
+
+#include "shortcut/KeyCodes.h"
+
+#include <QHash>
+
+namespace dictora::portal {
+
+std::optional<QString> keysymName(int evdev)
+{
+    static const QHash<int, QString> names = [] {
+        QHash<int, QString> n;
+        const auto row = [&n](int first, const char *letters) {
+            for (int i = 0; letters[i]; ++i)
+                n.insert(first + i, QString(QLatin1Char(letters[i])));
+        };
+        row(16, "qwertyuiop");
+        row(30, "asdfghjkl");
+        row(44, "zxcvbnm");
+        row(2, "1234567890");
+        for (int f = 1; f <= 10; ++f)
+            n.insert(58 + f, QStringLiteral("F%1").arg(f));
+        n.insert(87, QStringLiteral("F11"));
+        n.insert(88, QStringLiteral("F12"));
+        for (int f = 13; f <= 24; ++f)
+            n.insert(183 + f - 13, QStringLiteral("F%1").arg(f));
+        const std::pair<int, const char *> named[] = {{41, "grave"}, {12, "minus"}, {13, "equal"},
+            {26, "bracketleft"}, {27, "bracketright"}, {43, "backslash"}, {39, "semicolon"}, {40, "apostrophe"},
+            {51, "comma"}, {52, "period"}, {53, "slash"}, {57, "space"}, {28, "Return"}, {15, "Tab"},
+            {1, "Escape"}, {14, "BackSpace"}, {110, "Insert"}, {111, "Delete"}, {102, "Home"}, {107, "End"},
+            {104, "Prior"}, {109, "Next"}, {105, "Left"}, {106, "Right"}, {103, "Up"}, {108, "Down"},
+            {86, "less"}, {119, "Pause"}, {70, "Scroll_Lock"}, {99, "Print"}};
+        for (const auto &[code, name] : named)
+            n.insert(code, QLatin1String(name));
+        return n;
+    }();
+    const auto it = names.constFind(evdev);
+    if (it == names.constEnd())
+        return std::nullopt;
+    return *it;
+}
+
+std::optional<QString> preferredTrigger(const GlobalShortcut &shortcut)
+{
+    const std::optional<int> evdev = KeyCodes::evdevFromKeyCode(shortcut.keyCode);
+    if (!evdev)
+        return std::nullopt;
+    const std::optional<QString> key = keysymName(*evdev);
+    if (!key)
+        return std::nullopt;
+    QStringList parts;
+    const GlobalShortcutModifiers m = shortcut.modifiers;
+    if (m.contains(GlobalShortcutModifiers::control))
+        parts << QStringLiteral("CTRL");
+    if (m.contains(GlobalShortcutModifiers::option))
+        parts << QStringLiteral("ALT");
+    if (m.contains(GlobalShortcutModifiers::shift))
+        parts << QStringLiteral("SHIFT");
+    if (m.contains(GlobalShortcutModifiers::command))
+        parts << QStringLiteral("LOGO");
+    parts << *key;
+    return parts.join(QLatin1Char('+'));
+}
+
+} // namespace dictora::portal

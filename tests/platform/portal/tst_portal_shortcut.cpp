@@ -1,0 +1,211 @@
+#include "FakePortal.h"
+#include "platform/portal/PortalShortcutBackend.h"
+#include "platform/portal/PortalTrigger.h"
+#include "support/TestSupport.h"
+
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QtTest>
+
+using namespace dictora;
+using dictora::portal::PortalShortcutBackend;
+using dictora::test::FakePortal;
+
+namespace {
+GlobalShortcut shortcut(std::int64_t keyCode, std::uint8_t modifiers, const QString &label)
+{
+    return GlobalShortcut{keyCode, GlobalShortcutModifiers{modifiers}, label};
+}
+const GlobalShortcut kCtrlAltK = shortcut(40, GlobalShortcutModifiers::control | GlobalShortcutModifiers::option, "K");
+const GlobalShortcut kBacktick = GlobalShortcut::defaultShortcut();
+
+bool waitForAnswer(QSignalSpy &spy, int count = 1)
+{
+    return spy.count() >= count || QTest::qWaitFor([&] { return spy.count() >= count; }, 10000);
+}
+} // namespace
+
+class TestPortalShortcut : public QObject {
+    Q_OBJECT
+
+    int m_connection = 0;
+    QDBusConnection clientOf(FakePortal &portal) { return portal.connect(QStringLiteral("client-%1").arg(++m_connection)); }
+
+private Q_SLOTS:
+    void triggerSyntax_data()
+    {
+        QTest::addColumn<qint64>("keyCode");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("trigger");
+        const int ctrl = GlobalShortcutModifiers::control, alt = GlobalShortcutModifiers::option,
+                  shift = GlobalShortcutModifiers::shift, super = GlobalShortcutModifiers::command;
+        QTest::newRow("backtick alone") << qint64(50) << 0 << "grave";
+        QTest::newRow("ctrl+alt+k") << qint64(40) << (ctrl | alt) << "CTRL+ALT+k";
+        QTest::newRow("modifier order is fixed") << qint64(40) << (super | shift | alt | ctrl) << "CTRL+ALT+SHIFT+LOGO+k";
+        QTest::newRow("super+f5") << qint64(96) << super << "LOGO+F5";
+        QTest::newRow("ctrl+space") << qint64(49) << ctrl << "CTRL+space";
+        QTest::newRow("digit") << qint64(18) << ctrl << "CTRL+1";
+        QTest::newRow("unknown key") << qint64(999) << ctrl << QString();
+    }
+
+    void triggerSyntax()
+    {
+        QFETCH(qint64, keyCode);
+        QFETCH(int, modifiers);
+        QFETCH(QString, trigger);
+        const auto got = portal::preferredTrigger(shortcut(keyCode, std::uint8_t(modifiers), "x"));
+        QCOMPARE(got.value_or(QString()), trigger);
+    }
+
+    // The whole conversation: session, list, bind with the preferred
+    // trigger, the desktop's answer, then key down and up.
+    void bindsThenReportsPressAndRelease()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
+        PortalShortcutBackend backend(clientOf(portal));
+        QCOMPARE(backend.portalVersion(), 1u);
+        QSignalSpy changed(&backend, &ShortcutBackend::installationChanged);
+
+        QVERIFY(!backend.install(kCtrlAltK)); // the desktop has not answered yet
+        QVERIFY(backend.failureReason().contains("Confirm"));
+        QVERIFY(waitForAnswer(changed));
+        QVERIFY(backend.verifyInstalled(kCtrlAltK));
+        QVERIFY(!backend.verifyInstalled(kBacktick));
+        QVERIFY(backend.install(kCtrlAltK));
+        QVERIFY(backend.failureReason().isEmpty());
+        QCOMPARE(backend.triggerDescription(), QStringLiteral("Ctrl+Alt+k"));
+
+        const QJsonArray binds = portal.calls("GlobalShortcuts.BindShortcuts");
+        QCOMPARE(binds.size(), 1);
+        const QJsonArray entry = binds[0].toArray()[1].toArray()[0].toArray();
+        QCOMPARE(entry[0].toString(), QStringLiteral("dictate"));
+        QCOMPARE(entry[1].toObject()["preferred_trigger"].toString(), QStringLiteral("CTRL+ALT+k"));
+        QVERIFY(binds[0].toArray()[3].toObject()["handle_token"].toString().startsWith("dictora_"));
+
+        QSignalSpy pressed(&backend, &ShortcutBackend::pressed);
+        QSignalSpy released(&backend, &ShortcutBackend::released);
+        portal.press();
+        QVERIFY(waitForAnswer(pressed));
+        portal.press(); // held: the desktop repeats, we do not
+        portal.release();
+        QVERIFY(waitForAnswer(released));
+        QCOMPARE(pressed.count(), 1);
+        QCOMPARE(released.count(), 1);
+    }
+
+    void declinedDialogIsReportedAndNotRepeated()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start({"--bind-answer", "cancel"}), qPrintable(portal.errorText()));
+        PortalShortcutBackend backend(clientOf(portal));
+        QSignalSpy changed(&backend, &ShortcutBackend::installationChanged);
+        QVERIFY(!backend.install(kBacktick));
+        QVERIFY(waitForAnswer(changed));
+        QCOMPARE(backend.stage(), PortalShortcutBackend::Stage::refused);
+        QVERIFY(backend.failureReason().contains("declined"));
+        QVERIFY(!backend.verifyInstalled(kBacktick));
+
+        // The controller retries every second; that must not reopen the dialog.
+        QVERIFY(!backend.install(kBacktick));
+        QTest::qWait(100);
+        QCOMPARE(portal.calls("GlobalShortcuts.BindShortcuts").size(), 1);
+
+        // Choosing a shortcut again asks again, and now the user agrees.
+        portal.setAnswers("accept", "accept");
+        QVERIFY(!backend.install(kCtrlAltK));
+        QVERIFY(waitForAnswer(changed, 2));
+        QVERIFY(backend.verifyInstalled(kCtrlAltK));
+        QCOMPARE(portal.calls("GlobalShortcuts.BindShortcuts").size(), 2);
+    }
+
+    // A desktop that remembers the shortcut from an earlier run lists it:
+    // no second dialog.
+    void rememberedShortcutNeedsNoDialog()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
+        {
+            PortalShortcutBackend first(clientOf(portal));
+            QSignalSpy changed(&first, &ShortcutBackend::installationChanged);
+            first.install(kBacktick);
+            QVERIFY(waitForAnswer(changed));
+        }
+        PortalShortcutBackend second(clientOf(portal));
+        QSignalSpy changed(&second, &ShortcutBackend::installationChanged);
+        second.install(kBacktick);
+        QVERIFY(waitForAnswer(changed));
+        QVERIFY(second.verifyInstalled(kBacktick));
+        QCOMPARE(second.triggerDescription(), QStringLiteral("grave"));
+        QCOMPARE(portal.calls("GlobalShortcuts.BindShortcuts").size(), 1);
+        QCOMPARE(portal.calls("GlobalShortcuts.ListShortcuts").size(), 2);
+    }
+
+    void desktopChangesAndSessionEnd()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
+        PortalShortcutBackend backend(clientOf(portal));
+        QSignalSpy changed(&backend, &ShortcutBackend::installationChanged);
+        backend.install(kBacktick);
+        QVERIFY(waitForAnswer(changed));
+
+        portal.changeTrigger("Meta+D"); // changed in the desktop's settings
+        QVERIFY(waitForAnswer(changed, 2));
+        QCOMPARE(backend.triggerDescription(), QStringLiteral("Meta+D"));
+        QVERIFY(backend.verifyInstalled(kBacktick));
+
+        portal.closeSessions();
+        QVERIFY(waitForAnswer(changed, 3));
+        QVERIFY(!backend.verifyInstalled(kBacktick));
+        QVERIFY(!backend.failureReason().isEmpty());
+
+        // Keys of a closed session do nothing.
+        QSignalSpy pressed(&backend, &ShortcutBackend::pressed);
+        portal.press();
+        QTest::qWait(100);
+        QCOMPARE(pressed.count(), 0);
+
+        // Installing again opens a fresh session.
+        QVERIFY(!backend.install(kBacktick));
+        QVERIFY(waitForAnswer(changed, 4));
+        QVERIFY(backend.verifyInstalled(kBacktick));
+        QCOMPARE(portal.calls("GlobalShortcuts.CreateSession").size(), 2);
+    }
+
+    void desktopWithoutGlobalShortcuts()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start({"--shortcuts-version", "0"}), qPrintable(portal.errorText()));
+        PortalShortcutBackend backend(clientOf(portal));
+        QCOMPARE(backend.portalVersion(), 0u);
+        QVERIFY(!backend.install(kBacktick));
+        QVERIFY(backend.failureReason().contains("dictora toggle"));
+        QVERIFY(portal.calls("GlobalShortcuts.CreateSession").isEmpty());
+    }
+
+    void uninstallClosesTheSession()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
+        PortalShortcutBackend backend(clientOf(portal));
+        QSignalSpy changed(&backend, &ShortcutBackend::installationChanged);
+        backend.install(kBacktick);
+        QVERIFY(waitForAnswer(changed));
+        backend.uninstall();
+        backend.uninstall();
+        QVERIFY(!backend.verifyInstalled(kBacktick));
+        QVERIFY(QTest::qWaitFor([&] { return portal.calls("Session.Close").size() == 1; }, 5000));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    if (const QString reason = FakePortal::unavailableReason(); !reason.isEmpty())
+        return dictora::test::skipAll(qPrintable(reason));
+    TestPortalShortcut tc;
+    return QTest::qExec(&tc, argc, argv);
+}
+
+#include "tst_portal_shortcut.moc"
