@@ -26,9 +26,10 @@ DICTORA_TEST_PACKAGES=(
   python3
   sway foot xwayland
   # Portals: a fake one on a private bus (python3-dbus), GNOME's keybinding
-  # schema, and headless KWin with the real portal and its KDE backend.
+  # schema, and headless KWin and Mutter with the real portal and their backends.
   dbus python3-dbus python3-gi libglib2.0-bin gnome-settings-daemon-common libcap2-bin
   kwin-wayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
+  mutter xdg-desktop-portal-gnome xdg-desktop-portal-gtk
   clang libclang-rt-14-dev
   mesa-vulkan-drivers
   dpkg-dev lintian appstream desktop-file-utils librsvg2-bin

@@ -5,16 +5,41 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
 #include <QSignalSpy>
+#include <QXmlStreamReader>
 #include <QtTest>
 
 using namespace dictora;
 using dictora::portal::PortalShortcutBackend;
 using dictora::portal::RemoteDesktopKeystrokeSender;
 
-// The real xdg-desktop-portal with KDE's backend, in a headless KWin. Its
-// consent dialogs cannot be clicked here, so each conversation is followed up
-// to the dialog: every step before it must be answered by the real portal.
+namespace {
+// The objects the portal holds for us under `kind` ("request" or "session"):
+// an open session, and a request still waiting for its Response.
+QStringList portalObjects(const QString &kind)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    const QString path = QStringLiteral("%1/%2/%3").arg(QLatin1String(portal::kPath), kind, portal::senderPathPart(bus));
+    QDBusInterface node(QLatin1String(portal::kService), path, QStringLiteral("org.freedesktop.DBus.Introspectable"), bus);
+    const QDBusReply<QString> xml = node.call(QStringLiteral("Introspect"));
+    QStringList children;
+    QXmlStreamReader reader(xml.value());
+    while (reader.readNextStartElement()) {
+        if (reader.name() == QLatin1String("node") && reader.attributes().hasAttribute(QStringLiteral("name")))
+            children << reader.attributes().value(QStringLiteral("name")).toString();
+        if (reader.name() != QLatin1String("node"))
+            reader.skipCurrentElement();
+    }
+    return children;
+}
+} // namespace
+
+// The real xdg-desktop-portal with the desktop's backend, in a headless KWin
+// or Mutter. Consent dialogs cannot be clicked here, so each conversation is
+// followed up to the dialog: every step before it must be answered by the
+// real portal.
 class TestRealPortal : public QObject {
     Q_OBJECT
 
@@ -34,7 +59,9 @@ private Q_SLOTS:
             "org.freedesktop.portal.ScreenCast"};
         for (const QString &name : interfaces)
             qInfo("%s version %u", qPrintable(name), portal::interfaceVersion(bus, name, 20000));
-        QVERIFY(portal::interfaceVersion(bus, interfaces[0]) >= 1);
+        // GNOME offers GlobalShortcuts from 48 on; Debian 12 has 43.
+        if (qEnvironmentVariable("XDG_CURRENT_DESKTOP") == "KDE")
+            QVERIFY(portal::interfaceVersion(bus, interfaces[0]) >= 1);
         QVERIFY(portal::interfaceVersion(bus, interfaces[1]) >= 1);
     }
 
@@ -46,8 +73,12 @@ private Q_SLOTS:
     {
         using Stage = PortalShortcutBackend::Stage;
         PortalShortcutBackend backend(QDBusConnection::sessionBus());
-        QVERIFY(backend.portalVersion() >= 1);
         QVERIFY(!backend.install(GlobalShortcut::defaultShortcut()));
+        if (backend.portalVersion() == 0) {
+            // Older GNOME: the desktop-binding backend takes over; the reason says what to bind.
+            QVERIFY(backend.failureReason().contains("dictora toggle"));
+            QSKIP("this desktop's portal has no GlobalShortcuts");
+        }
         const auto settled = [&] { return backend.stage() == Stage::binding || backend.stage() == Stage::bound; };
         QVERIFY2(QTest::qWaitFor(settled, 20000), qPrintable(backend.failureReason()));
         QTest::qWait(1000);
@@ -71,8 +102,14 @@ private Q_SLOTS:
         qInfo("RemoteDesktop persistence: %s", sender.portalVersion() >= 2 ? "restore tokens" : "none (asks every run)");
         sender.start();
         QCOMPARE(sender.stage(), Stage::starting);
-        QTest::qWaitFor([&] { return sender.stage() != Stage::starting; }, 3000);
+        (void)QTest::qWaitFor([&] { return sender.stage() != Stage::starting; }, 3000);
         QVERIFY2(sender.stage() == Stage::starting || sender.stage() == Stage::started, qPrintable(sender.failureReason()));
+        if (sender.stage() == Stage::starting) {
+            // CreateSession and SelectDevices were answered; only Start waits, on the dialog.
+            QTRY_COMPARE_WITH_TIMEOUT(portalObjects(QStringLiteral("request")).size(), 1, 5000);
+            QCOMPARE(portalObjects(QStringLiteral("session")).size(), 1);
+            qInfo("waiting for the desktop's dialog");
+        }
         if (sender.stage() == Stage::started) {
             qInfo("remote input session started without a dialog");
             QVERIFY(sender.send(PasteKeystroke::controlV));
@@ -84,8 +121,8 @@ private Q_SLOTS:
 
 int main(int argc, char **argv)
 {
-    if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || qEnvironmentVariable("XDG_CURRENT_DESKTOP") != "KDE")
-        return dictora::test::skipAll("not inside a KDE session (run through with-kwin-portal)");
+    if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || qEnvironmentVariableIsEmpty("XDG_CURRENT_DESKTOP"))
+        return dictora::test::skipAll("not inside a desktop session (run through with-desktop-portal)");
     QCoreApplication app(argc, argv);
     TestRealPortal tc;
     return QTest::qExec(&tc, argc, argv);
