@@ -3,9 +3,11 @@
 #include "history/HistoryFilter.h"
 
 #include <QSet>
+#include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
 #include <ctime>
+#include <numeric>
 #include <thread>
 
 namespace dictora {
@@ -61,20 +63,17 @@ HistoryIndex HistoryIndex::build(QList<TranscriptRecord> records, int threads)
     if (threads <= 0)
         threads = int(std::max(1u, std::thread::hardware_concurrency()));
     const qsizetype workers = count < 4096 ? 1 : threads;
-    std::vector<std::thread> pool;
-    for (qsizetype w = 0; w < workers; ++w) {
-        const qsizetype from = count * w / workers, to = count * (w + 1) / workers;
-        const auto work = [&index, &keys, from, to] {
-            for (qsizetype i = from; i < to; ++i)
-                keys[i] = HistoryFilter::searchKey(index.records.at(i).transcript);
-        };
-        if (w + 1 == workers)
-            work();
-        else
-            pool.emplace_back(work);
-    }
-    for (auto &t : pool)
-        t.join();
+    // Normalising every transcript costs as much as decoding it: one slice per core.
+    std::vector<qsizetype> slices(static_cast<size_t>(workers));
+    std::iota(slices.begin(), slices.end(), qsizetype(0));
+    const auto work = [&index, &keys, count, workers](qsizetype w) {
+        for (qsizetype i = count * w / workers, to = count * (w + 1) / workers; i < to; ++i)
+            keys[i] = HistoryFilter::searchKey(index.records.at(i).transcript);
+    };
+    if (workers == 1)
+        work(0);
+    else
+        QtConcurrent::blockingMap(slices, work);
     qsizetype length = 0;
     for (const QString &key : keys)
         length += key.size() + 1;

@@ -186,33 +186,40 @@ private Q_SLOTS:
     void practiceFollowsThePhase_data()
     {
         QTest::addColumn<QList<DictoraPhase>>("phases");
+        QTest::addColumn<bool>("revisit");
         QTest::addColumn<QString>("headline");
         QTest::addColumn<QString>("detail");
         QTest::addColumn<bool>("flashing");
 
-        QTest::newRow("before recording") << QList<DictoraPhase>{} << QStringLiteral("PRESS THIS KEY.")
+        QTest::newRow("before recording") << QList<DictoraPhase>{} << false << QStringLiteral("PRESS THIS KEY.")
                                           << QStringLiteral("It is directly below Esc. One press starts your mic.") << true;
         QTest::newRow("microphone starting")
-            << QList<DictoraPhase>{DictoraPhase::preparing()} << QStringLiteral("YOUR MIC IS OPENING.")
+            << QList<DictoraPhase>{DictoraPhase::preparing()} << false << QStringLiteral("YOUR MIC IS OPENING.")
             << QStringLiteral("Do nothing. You will see your voice move.") << false;
-        QTest::newRow("recording") << QList<DictoraPhase>{DictoraPhase::preparing(), DictoraPhase::recording()}
+        QTest::newRow("recording") << QList<DictoraPhase>{DictoraPhase::preparing(), DictoraPhase::recording()} << false
                                    << QStringLiteral("FINISH SPEAKING. THEN PRESS THIS AGAIN.")
                                    << QStringLiteral("Speak one short sentence. When finished, press the flashing key.")
                                    << true;
         QTest::newRow("transcribing")
-            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing()}
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing()} << false
             << QStringLiteral("SAVING YOUR WORDS.") << QStringLiteral("Do nothing. It is being written safely to this computer.")
             << false;
         QTest::newRow("empty result")
-            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing(), DictoraPhase::idle()}
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing(), DictoraPhase::idle()} << false
             << QStringLiteral("PRESS Ctrl+Alt+K TO TRY AGAIN.") << QString() << true;
         QTest::newRow("failed result")
-            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::error(QStringLiteral("No microphone."))}
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::error(QStringLiteral("No microphone."))} << false
             << QStringLiteral("PRESS Ctrl+Alt+K TO TRY AGAIN.") << QStringLiteral("No microphone.") << true;
+        // Coming back to practice later starts over.
+        QTest::newRow("empty result, then a fresh visit")
+            << QList<DictoraPhase>{DictoraPhase::recording(), DictoraPhase::finalizing(), DictoraPhase::idle()} << true
+            << QStringLiteral("PRESS THIS KEY.") << QStringLiteral("It is directly below Esc. One press starts your mic.")
+            << true;
     }
     void practiceFollowsThePhase()
     {
         QFETCH(QList<DictoraPhase>, phases);
+        QFETCH(bool, revisit);
         QFETCH(QString, headline);
         QFETCH(QString, detail);
         QFETCH(bool, flashing);
@@ -226,12 +233,71 @@ private Q_SLOTS:
         view.show();
         for (const DictoraPhase &phase : phases)
             f.state.setPhase(phase);
+        if (revisit) {
+            f.model.setStage(OnboardingStage::savedProof);
+            f.model.setStage(OnboardingStage::practice);
+        }
         QCOMPARE(view.currentScreen()->headline(), headline);
         QCOMPARE(view.currentScreen()->detail(), detail);
         auto *keyboard = view.currentScreen()->findChild<KeyboardIllustration *>(QStringLiteral("keyboard"));
         QVERIFY(keyboard);
         QCOMPARE(keyboard->isFlashing(), flashing);
         saveShot(view, QStringLiteral("4-practice-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+    }
+
+    // Preferences also change from the tray and the settings sheet while a
+    // screen is open; the screen shows the new value at once.
+    void screensFollowPreferencesChangedElsewhere_data()
+    {
+        QTest::addColumn<int>("stage");
+        QTest::addColumn<QString>("change");
+        QTest::addColumn<QString>("widget");
+        QTest::addColumn<QByteArray>("property");
+        QTest::addColumn<QVariant>("expected");
+
+        QTest::newRow("shortcut on the last screen") << int(OnboardingStage::ready) << QStringLiteral("shortcut")
+                                                     << QStringLiteral("detail") << QByteArray("text")
+                                                     << QVariant(QStringLiteral("Press Ctrl+Alt+K"));
+        QTest::newRow("shortcut after a practice try") << int(OnboardingStage::practice) << QStringLiteral("shortcut")
+                                                       << QStringLiteral("headline") << QByteArray("text")
+                                                       << QVariant(QStringLiteral("PRESS Ctrl+Alt+K TO TRY AGAIN."));
+        QTest::newRow("location") << int(OnboardingStage::microphonePosition) << QStringLiteral("location")
+                                  << QStringLiteral("spot-topRight") << QByteArray("checked") << QVariant(true);
+        QTest::newRow("size") << int(OnboardingStage::microphonePosition) << QStringLiteral("size")
+                              << QStringLiteral("size-small") << QByteArray("checked") << QVariant(true);
+        QTest::newRow("opacity") << int(OnboardingStage::microphonePosition) << QStringLiteral("opacity")
+                                 << QStringLiteral("opacity") << QByteArray("value") << QVariant(60);
+    }
+    void screensFollowPreferencesChangedElsewhere()
+    {
+        QFETCH(int, stage);
+        QFETCH(QString, change);
+        QFETCH(QString, widget);
+        QFETCH(QByteArray, property);
+        QFETCH(QVariant, expected);
+
+        Fixture f;
+        f.model.setStage(OnboardingStage(stage));
+        OnboardingView view(f.model, f.state, f.preferences, f.journal, f.actions());
+        view.show();
+        if (OnboardingStage(stage) == OnboardingStage::practice) {
+            f.state.setPhase(DictoraPhase::recording());
+            f.state.setPhase(DictoraPhase::idle());
+        }
+        auto *target = view.currentScreen()->findChild<QWidget *>(widget);
+        QVERIFY(target);
+        QVERIFY(target->property(property) != expected);
+
+        if (change == QLatin1String("shortcut"))
+            f.preferences.setKeyboardShortcut(
+                {40, {GlobalShortcutModifiers::control | GlobalShortcutModifiers::option}, QStringLiteral("K")});
+        else if (change == QLatin1String("location"))
+            f.preferences.setMicrophoneLocation(ScreenAnchor::topRight);
+        else if (change == QLatin1String("size"))
+            f.preferences.setMicrophoneSize(OverlaySize::small);
+        else
+            f.preferences.setMicrophoneOpacity(0.6);
+        QCOMPARE(target->property(property), expected);
     }
 
     void leavingSearchMidwayLeavesHistorySearchAlone()

@@ -2,6 +2,7 @@
 
 #include "onboarding/ui/BundledFonts.h"
 
+#include <QFrame>
 #include <QLabel>
 #include <QPushButton>
 #include <QVBoxLayout>
@@ -84,6 +85,24 @@ QPushButton *makeDisplayButton(const QString &text, const QString &objectName, Q
     button->setMinimumHeight(44);
     button->setCursor(Qt::PointingHandCursor);
     return button;
+}
+
+QLabel *makePlainLabel(const QString &text, const QString &objectName, QWidget *parent)
+{
+    auto *label = new QLabel(text, parent);
+    label->setObjectName(objectName);
+    label->setWordWrap(true);
+    label->setTextFormat(Qt::PlainText);
+    return label;
+}
+
+QFrame *makeCard(QWidget *parent)
+{
+    auto *card = new QFrame(parent);
+    card->setFrameShape(QFrame::StyledPanel);
+    card->setAutoFillBackground(true);
+    card->setBackgroundRole(QPalette::Base);
+    return card;
 }
 
 } // namespace dictora

@@ -2,6 +2,7 @@
 
 #include <QWidget>
 
+class QFrame;
 class QLabel;
 class QPushButton;
 class QVBoxLayout;
@@ -33,5 +34,9 @@ private:
 
 // A big capitals button in the display face.
 QPushButton *makeDisplayButton(const QString &text, const QString &objectName, QWidget *parent = nullptr);
+// A wrapping plain-text label; screen texts may hold user words, never markup.
+QLabel *makePlainLabel(const QString &text, const QString &objectName, QWidget *parent);
+// A raised panel on the base colour, for example content.
+QFrame *makeCard(QWidget *parent);
 
 } // namespace dictora
