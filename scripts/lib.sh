@@ -18,7 +18,7 @@ DICTORA_TEST_PACKAGES=(
   xvfb xauth openbox x11-utils x11-xserver-utils xdotool xterm l3afpad trayer
   pulseaudio pulseaudio-utils espeak-ng sox
   python3
-  dpkg-dev lintian appstream desktop-file-utils librsvg2-bin
+  dpkg-dev lintian appstream desktop-file-utils librsvg2-bin man-db
 )
 # What scripts/package needs on top of the build.
 DICTORA_PACKAGING_PACKAGES=(
