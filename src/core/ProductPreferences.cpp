@@ -109,6 +109,7 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_shortcut = GlobalShortcut::loadOrDefault(value(kShortcutKey).toString().toUtf8());
     m_formatting = readBool(value(kFormattingKey)).value_or(true);
     m_snippets = readBool(value(kSnippetsKey)).value_or(true);
+    m_startsAtLogin = readBool(value(kStartAtLoginKey)).value_or(false);
 }
 
 double ProductPreferences::clampOpacity(double value)
@@ -180,6 +181,15 @@ void ProductPreferences::setSnippetsEnabled(bool value)
     m_snippets = value;
     store(kSnippetsKey, value);
     Q_EMIT snippetsEnabledChanged(value);
+}
+
+void ProductPreferences::setStartsAtLogin(bool value)
+{
+    if (m_startsAtLogin == value)
+        return;
+    m_startsAtLogin = value;
+    store(kStartAtLoginKey, value);
+    Q_EMIT startsAtLoginChanged(value);
 }
 
 } // namespace dictora

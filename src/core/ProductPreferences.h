@@ -31,6 +31,7 @@ public:
     static constexpr auto kShortcutKey = "keyboard.shortcut.v1";
     static constexpr auto kFormattingKey = "transcription.formatting.enabled";
     static constexpr auto kSnippetsKey = "transcription.snippets.enabled";
+    static constexpr auto kStartAtLoginKey = "application.startAtLogin.enabled";
     static constexpr double kMinimumOpacity = 0.2;
     static constexpr double kMaximumOpacity = 1.0;
 
@@ -45,6 +46,7 @@ public:
     GlobalShortcut keyboardShortcut() const { return m_shortcut; }
     bool formattingEnabled() const { return m_formatting; }
     bool snippetsEnabled() const { return m_snippets; }
+    bool startsAtLogin() const { return m_startsAtLogin; }
 
     void setMicrophoneLocation(ScreenAnchor value);
     void setMicrophoneSize(OverlaySize value);
@@ -54,6 +56,8 @@ public:
     void setKeyboardShortcut(const GlobalShortcut &value);
     void setFormattingEnabled(bool value);
     void setSnippetsEnabled(bool value);
+    // Only records the choice; StartAtLogin writes the autostart entry.
+    void setStartsAtLogin(bool value);
 
     static double clampOpacity(double value);
 
@@ -66,6 +70,7 @@ Q_SIGNALS:
     void keyboardShortcutChanged(const dictora::GlobalShortcut &value);
     void formattingEnabledChanged(bool value);
     void snippetsEnabledChanged(bool value);
+    void startsAtLoginChanged(bool value);
 
 private:
     void store(const char *key, const QVariant &value);
@@ -79,6 +84,7 @@ private:
     GlobalShortcut m_shortcut = GlobalShortcut::defaultShortcut();
     bool m_formatting = true;
     bool m_snippets = true;
+    bool m_startsAtLogin = false;
 };
 
 } // namespace dictora
