@@ -32,7 +32,7 @@ DICTORA_TEST_PACKAGES=(
   mutter xdg-desktop-portal-gnome xdg-desktop-portal-gtk
   clang libclang-rt-14-dev
   mesa-vulkan-drivers
-  dpkg-dev lintian appstream desktop-file-utils librsvg2-bin
+  dpkg-dev lintian appstream desktop-file-utils librsvg2-bin man-db
 )
 # What scripts/package needs on top of the build.
 DICTORA_PACKAGING_PACKAGES=(

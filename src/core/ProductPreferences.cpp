@@ -110,7 +110,7 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_formatting = readBool(value(kFormattingKey)).value_or(true);
     m_snippets = readBool(value(kSnippetsKey)).value_or(true);
     m_holdToTalk = readBool(value(kHoldToTalkKey)).value_or(false);
-    m_remoteDesktopToken = value(kRemoteDesktopTokenKey).toString();
+    m_startsAtLogin = readBool(value(kStartAtLoginKey)).value_or(false);
 }
 
 double ProductPreferences::clampOpacity(double value)
@@ -191,10 +191,13 @@ void ProductPreferences::setHoldToTalk(bool value)
     Q_EMIT holdToTalkChanged(value);
 }
 
-void ProductPreferences::setRemoteDesktopRestoreToken(const QString &value)
+void ProductPreferences::setStartsAtLogin(bool value)
 {
-    m_remoteDesktopToken = value;
-    store(kRemoteDesktopTokenKey, value);
+    if (m_startsAtLogin == value)
+        return;
+    m_startsAtLogin = value;
+    store(kStartAtLoginKey, value);
+    Q_EMIT startsAtLoginChanged(value);
 }
 
 } // namespace dictora

@@ -32,7 +32,7 @@ public:
     static constexpr auto kFormattingKey = "transcription.formatting.enabled";
     static constexpr auto kSnippetsKey = "transcription.snippets.enabled";
     static constexpr auto kHoldToTalkKey = "keyboard.shortcut.holdToTalk";
-    static constexpr auto kRemoteDesktopTokenKey = "portal.remoteDesktop.restoreToken";
+    static constexpr auto kStartAtLoginKey = "application.startAtLogin.enabled";
     static constexpr double kMinimumOpacity = 0.2;
     static constexpr double kMaximumOpacity = 1.0;
 
@@ -49,8 +49,7 @@ public:
     bool snippetsEnabled() const { return m_snippets; }
     // Off: the shortcut toggles. On: holding it records until it is released.
     bool holdToTalk() const { return m_holdToTalk; }
-    // The desktop's proof that the user already allowed Dictora to type; empty when none.
-    QString remoteDesktopRestoreToken() const { return m_remoteDesktopToken; }
+    bool startsAtLogin() const { return m_startsAtLogin; }
 
     void setMicrophoneLocation(ScreenAnchor value);
     void setMicrophoneSize(OverlaySize value);
@@ -61,7 +60,8 @@ public:
     void setFormattingEnabled(bool value);
     void setSnippetsEnabled(bool value);
     void setHoldToTalk(bool value);
-    void setRemoteDesktopRestoreToken(const QString &value);
+    // Only records the choice; StartAtLogin writes the autostart entry.
+    void setStartsAtLogin(bool value);
 
     static double clampOpacity(double value);
 
@@ -75,6 +75,7 @@ Q_SIGNALS:
     void formattingEnabledChanged(bool value);
     void snippetsEnabledChanged(bool value);
     void holdToTalkChanged(bool value);
+    void startsAtLoginChanged(bool value);
 
 private:
     void store(const char *key, const QVariant &value);
@@ -89,7 +90,7 @@ private:
     bool m_formatting = true;
     bool m_snippets = true;
     bool m_holdToTalk = false;
-    QString m_remoteDesktopToken;
+    bool m_startsAtLogin = false;
 };
 
 } // namespace dictora

@@ -3,6 +3,8 @@
 #include "home/Style.h"
 
 #include <QButtonGroup>
+#include <QCoreApplication>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QLabel>
@@ -205,6 +207,11 @@ AppearanceSheet::AppearanceSheet(ProductPreferences &preferences, QWidget *paren
     , m_opacity(new QSlider(Qt::Horizontal, this))
     , m_opacityValue(new QLabel(this))
     , m_icon(new Style::ToggleSwitch(this))
+    , m_login(preferences,
+          QGuiApplication::desktopFileName().isEmpty() ? QStringLiteral("dictora") : QGuiApplication::desktopFileName(),
+          QCoreApplication::applicationFilePath())
+    , m_startAtLogin(new Style::ToggleSwitch(this))
+    , m_loginFailure(new QLabel(this))
 {
     setObjectName(QStringLiteral("AppearanceSheet"));
     setWindowTitle(QStringLiteral("Appearance"));
@@ -245,6 +252,17 @@ AppearanceSheet::AppearanceSheet(ProductPreferences &preferences, QWidget *paren
     iconRow->addWidget(new QLabel(QStringLiteral("Show microphone icon"), this), 1);
     iconRow->addWidget(m_icon);
 
+    m_startAtLogin->setObjectName(QStringLiteral("startAtLogin"));
+    m_startAtLogin->setAccessibleName(QStringLiteral("Start at login"));
+    auto *loginRow = new QHBoxLayout;
+    loginRow->addWidget(new QLabel(QStringLiteral("Start at login"), this), 1);
+    loginRow->addWidget(m_startAtLogin);
+    m_loginFailure->setObjectName(QStringLiteral("startAtLoginFailure"));
+    m_loginFailure->setWordWrap(true);
+    m_loginFailure->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_loginFailure->setStyleSheet(QStringLiteral("color: %1;").arg(Style::colors().warning.name()));
+    m_loginFailure->hide();
+
     auto *done = new QPushButton(QStringLiteral("Done"), this);
     done->setProperty("role", "primary");
     done->setDefault(true);
@@ -269,6 +287,10 @@ AppearanceSheet::AppearanceSheet(ProductPreferences &preferences, QWidget *paren
     layout->addLayout(opacityRow);
     layout->addSpacing(6);
     layout->addLayout(iconRow);
+    layout->addSpacing(12);
+    layout->addWidget(sectionTitle(QStringLiteral("General"), this));
+    layout->addLayout(loginRow);
+    layout->addWidget(m_loginFailure);
     layout->addStretch(1);
     layout->addLayout(buttons);
 
@@ -278,11 +300,29 @@ AppearanceSheet::AppearanceSheet(ProductPreferences &preferences, QWidget *paren
     connect(m_sizes, &QButtonGroup::idClicked, this, [this](int id) { m_preferences.setMicrophoneSize(OverlaySize(id)); });
     connect(m_opacity, &QSlider::valueChanged, this, [this](int v) { m_preferences.setMicrophoneOpacity(v / 100.0); });
     connect(m_icon, &QAbstractButton::toggled, &m_preferences, &ProductPreferences::setShowsMicrophoneIcon);
+    connect(m_startAtLogin, &QAbstractButton::toggled, this, &AppearanceSheet::switchStartAtLogin);
 
     connect(&m_preferences, &ProductPreferences::microphoneLocationChanged, this, &AppearanceSheet::sync);
     connect(&m_preferences, &ProductPreferences::microphoneSizeChanged, this, &AppearanceSheet::sync);
     connect(&m_preferences, &ProductPreferences::microphoneOpacityChanged, this, &AppearanceSheet::sync);
     connect(&m_preferences, &ProductPreferences::showsMicrophoneIconChanged, this, &AppearanceSheet::sync);
+    connect(&m_preferences, &ProductPreferences::startsAtLoginChanged, this, &AppearanceSheet::sync);
+}
+
+void AppearanceSheet::showEvent(QShowEvent *event)
+{
+    // The entry may have been added or removed elsewhere since last time.
+    m_login.refresh();
+    sync();
+    QDialog::showEvent(event);
+}
+
+void AppearanceSheet::switchStartAtLogin(bool on)
+{
+    const QString failure = m_login.setEnabled(on);
+    m_loginFailure->setText(failure);
+    m_loginFailure->setVisible(!failure.isEmpty());
+    sync();
 }
 
 QAbstractButton *AppearanceSheet::sizeButton(OverlaySize size) const
@@ -305,6 +345,11 @@ void AppearanceSheet::sync()
         const QSignalBlocker block(m_icon);
         m_icon->setChecked(m_preferences.showsMicrophoneIcon());
         m_icon->update();
+    }
+    if (m_startAtLogin->isChecked() != m_preferences.startsAtLogin()) {
+        const QSignalBlocker block(m_startAtLogin);
+        m_startAtLogin->setChecked(m_preferences.startsAtLogin());
+        m_startAtLogin->update();
     }
 }
 

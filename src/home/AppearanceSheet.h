@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/ProductPreferences.h"
+#include "core/StartAtLogin.h"
 
 #include <QAbstractButton>
 #include <QDialog>
@@ -42,8 +43,9 @@ private:
     ScreenAnchor m_anchor = ScreenAnchor::bottomMiddle;
 };
 
-// The indicator's position, size, opacity and icon. Every change is written
-// to the preferences at once; the live indicator follows them by itself.
+// The indicator's position, size, opacity and icon, and whether Dictora starts
+// at login. Every change is written to the preferences at once; the live
+// indicator follows them by itself.
 class AppearanceSheet : public QDialog {
     Q_OBJECT
 public:
@@ -52,12 +54,19 @@ public:
     ScreenAnchorPicker *anchorPicker() const { return m_picker; }
     QSlider *opacitySlider() const { return m_opacity; }
     Style::ToggleSwitch *iconSwitch() const { return m_icon; }
+    Style::ToggleSwitch *startAtLoginSwitch() const { return m_startAtLogin; }
+    // Why the last change to "Start at login" failed; hidden when it worked.
+    QLabel *startAtLoginFailure() const { return m_loginFailure; }
     QAbstractButton *sizeButton(OverlaySize size) const;
 
     static QString sizeTitle(OverlaySize size);
 
+protected:
+    void showEvent(QShowEvent *event) override;
+
 private:
     void sync();
+    void switchStartAtLogin(bool on);
 
     ProductPreferences &m_preferences;
     ScreenAnchorPicker *m_picker;
@@ -65,6 +74,9 @@ private:
     QSlider *m_opacity;
     QLabel *m_opacityValue;
     Style::ToggleSwitch *m_icon;
+    StartAtLogin m_login;
+    Style::ToggleSwitch *m_startAtLogin;
+    QLabel *m_loginFailure;
 };
 
 } // namespace dictora

@@ -2,6 +2,7 @@
 #include "core/ProductPreferences.h"
 #include "home/AppearanceSheet.h"
 #include "home/Style.h"
+#include "support/TestSupport.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -16,6 +17,8 @@ class AppearanceSheetTest : public QObject {
     Q_OBJECT
 
 private:
+    // Start at login writes into $XDG_CONFIG_HOME, so each case gets its own.
+    std::unique_ptr<test::IsolatedHome> m_home;
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<ProductPreferences> m_preferences;
@@ -29,6 +32,7 @@ private Q_SLOTS:
 
     void init()
     {
+        m_home = std::make_unique<test::IsolatedHome>();
         m_dir = std::make_unique<QTemporaryDir>();
         m_settings = std::make_unique<QSettings>(m_dir->filePath(QStringLiteral("defaults.ini")), QSettings::IniFormat);
         m_preferences = std::make_unique<ProductPreferences>(*m_settings);
@@ -42,6 +46,7 @@ private Q_SLOTS:
         m_sheet.reset();
         m_preferences.reset();
         m_settings.reset();
+        m_home.reset();
     }
 
     void clickingASpotMovesTheIndicator_data()
@@ -143,6 +148,50 @@ private Q_SLOTS:
         // A change made elsewhere (the onboarding, a second sheet) shows here.
         m_preferences->setShowsMicrophoneIcon(true);
         QVERIFY(m_sheet->iconSwitch()->isChecked());
+    }
+
+    void startAtLoginSwitch_data()
+    {
+        QTest::addColumn<QByteArray>("existing");
+        QTest::addColumn<bool>("blocked");
+        QTest::addColumn<bool>("onWhenOpened");
+        QTest::addColumn<bool>("onAfterClick");
+        QTest::newRow("off, click writes the entry") << QByteArray() << false << false << true;
+        QTest::newRow("entry written by hand, click removes it")
+            << QByteArray("[Desktop Entry]\nType=Application\nExec=dictora\n") << false << true << false;
+        QTest::newRow("folder cannot be created") << QByteArray() << true << false << false;
+    }
+
+    void startAtLoginSwitch()
+    {
+        QFETCH(QByteArray, existing);
+        QFETCH(bool, blocked);
+        QFETCH(bool, onWhenOpened);
+        QFETCH(bool, onAfterClick);
+        const QString folder = m_home->path() + QStringLiteral("/config/autostart");
+        const QString entry = folder + QStringLiteral("/dictora.desktop");
+        if (!existing.isEmpty())
+            QVERIFY(test::writeFile(entry, existing));
+        if (blocked)
+            QVERIFY(test::writeFile(folder, "in the way\n"));
+        // Opening again reads what is on disk now.
+        m_sheet->hide();
+        m_sheet->show();
+        QCOMPARE(m_sheet->startAtLoginSwitch()->isChecked(), onWhenOpened);
+        QCOMPARE(m_preferences->startsAtLogin(), onWhenOpened);
+
+        QTest::mouseClick(m_sheet->startAtLoginSwitch(), Qt::LeftButton);
+        QCOMPARE(m_sheet->startAtLoginSwitch()->isChecked(), onAfterClick);
+        QCOMPARE(reread().startsAtLogin(), onAfterClick);
+        QCOMPARE(QFileInfo(entry).isFile(), onAfterClick);
+        if (onAfterClick)
+            QVERIFY(test::readFile(entry).contains("Exec=" + QCoreApplication::applicationFilePath().toUtf8() + '\n'));
+        QLabel *failure = m_sheet->startAtLoginFailure();
+        QCOMPARE(failure->isVisible(), blocked);
+        if (blocked) {
+            QVERIFY2(failure->text().contains(folder), qPrintable(failure->text()));
+            QCOMPARE(test::readFile(folder), QByteArray("in the way\n"));
+        }
     }
 };
 

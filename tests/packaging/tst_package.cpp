@@ -1,0 +1,194 @@
+#include "support/TestSupport.h"
+
+#include <QDirIterator>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+struct Ran {
+    int exitCode = -1;
+    QString out;
+};
+
+Ran runTool(const QString &program, const QStringList &arguments, const QByteArray &input = {},
+    const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    Ran ran;
+    if (!process.waitForFinished(300000))
+        return ran;
+    ran.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    ran.out = QString::fromUtf8(process.readAll());
+    return ran;
+}
+
+} // namespace
+
+// Builds the .deb with CPack, unpacks it with dpkg -x into a scratch root and
+// checks what a user's machine would get.
+class PackageTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_work;
+    QString m_deb;
+    QString m_root;
+    QStringList m_files; // relative to the root
+
+    QString unpacked(const QString &relative) const { return m_root + QLatin1Char('/') + relative; }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_work.isValid());
+        const Ran pack = runTool(QStringLiteral(DICTORA_CPACK),
+            {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("--config"), QStringLiteral(DICTORA_CPACK_CONFIG),
+                QStringLiteral("-B"), m_work.path()});
+        QVERIFY2(pack.exitCode == 0, qPrintable(pack.out));
+        const QStringList debs = QDir(m_work.path()).entryList({QStringLiteral("dictora_*.deb")});
+        QCOMPARE(debs.size(), 1);
+        m_deb = m_work.filePath(debs.first());
+        m_root = m_work.filePath(QStringLiteral("root"));
+        const Ran unpack = runTool(QStringLiteral("dpkg"), {QStringLiteral("-x"), m_deb, m_root});
+        QVERIFY2(unpack.exitCode == 0, qPrintable(unpack.out));
+        QDirIterator it(m_root, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        while (it.hasNext())
+            m_files.append(QDir(m_root).relativeFilePath(it.next()));
+        m_files.sort();
+    }
+
+    void fileIsPackaged_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::newRow("program") << "usr/bin/dictora";
+        QTest::newRow("launcher") << "usr/share/applications/dictora.desktop";
+        QTest::newRow("metainfo") << "usr/share/metainfo/" DICTORA_APP_ID ".metainfo.xml";
+        QTest::newRow("manual") << "usr/share/man/man1/dictora.1.gz";
+        QTest::newRow("copyright") << "usr/share/doc/dictora/copyright";
+        QTest::newRow("changelog") << "usr/share/doc/dictora/changelog.Debian.gz";
+        QTest::newRow("scalable icon") << "usr/share/icons/hicolor/scalable/apps/dictora.svg";
+        for (const QString &size : QStringLiteral(DICTORA_ICON_SIZES).split(u',')) {
+            const QString path = QStringLiteral("usr/share/icons/hicolor/%1x%1/apps/dictora.png").arg(size);
+            QTest::newRow(qPrintable(size + QStringLiteral(" px icon"))) << path;
+        }
+    }
+
+    void fileIsPackaged()
+    {
+        QFETCH(QString, path);
+        QVERIFY2(m_files.contains(path), qPrintable(m_files.join(u'\n')));
+    }
+
+    // Nothing for developers or tests, and no autostart for every user.
+    void nothingElseIsPackaged()
+    {
+        for (const QString &file : m_files) {
+            QVERIFY2(!file.contains(QStringLiteral("scripted")), qPrintable(file));
+            QVERIFY2(!file.startsWith(QStringLiteral("etc/")), qPrintable(file));
+            QVERIFY2(!file.startsWith(QStringLiteral("usr/include/")), qPrintable(file));
+            QVERIFY2(!file.endsWith(QStringLiteral(".a")) && !file.endsWith(QStringLiteral(".cmake")), qPrintable(file));
+            QVERIFY2(!file.contains(QStringLiteral("/tests/")) && !file.contains(QStringLiteral("bench")), qPrintable(file));
+        }
+        const QString modules = QStringLiteral("usr/" DICTORA_LIBDIR "/dictora/libggml-cpu-");
+        const qsizetype cpuVariants = m_files.filter(modules).size();
+#ifdef DICTORA_PORTABLE
+        QVERIFY2(cpuVariants >= 5, qPrintable(m_files.join(u'\n')));
+        QVERIFY(m_files.contains(QStringLiteral("usr/" DICTORA_LIBDIR "/dictora/libggml-cpu-x64.so")));
+#else
+        QCOMPARE(cpuVariants, 0);
+#endif
+    }
+
+    void iconsHaveTheirSize()
+    {
+        for (const QString &size : QStringLiteral(DICTORA_ICON_SIZES).split(u',')) {
+            const QImage icon(unpacked(QStringLiteral("usr/share/icons/hicolor/%1x%1/apps/dictora.png").arg(size)));
+            QCOMPARE(icon.width(), size.toInt());
+            QCOMPARE(icon.height(), size.toInt());
+        }
+    }
+
+    void validators_data()
+    {
+        QTest::addColumn<QString>("tool");
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("desktop entry") << "desktop-file-validate" << QStringList{"usr/share/applications/dictora.desktop"};
+        QTest::newRow("metainfo") << "appstreamcli"
+                                  << QStringList{"validate", "--no-net", "usr/share/metainfo/" DICTORA_APP_ID ".metainfo.xml"};
+        QTest::newRow("manual page") << "man" << QStringList{"--warnings", "-l", "-Tutf8", "usr/share/man/man1/dictora.1.gz"};
+        QTest::newRow("package") << "lintian" << QStringList{"--fail-on", "error", "DEB"};
+    }
+
+    void validators()
+    {
+        QFETCH(QString, tool);
+        QFETCH(QStringList, arguments);
+        if (QStandardPaths::findExecutable(tool).isEmpty())
+            QFAIL(qPrintable(tool + QStringLiteral(" is missing: scripts/test installs it")));
+        for (QString &argument : arguments) {
+            if (argument == QLatin1String("DEB"))
+                argument = m_deb;
+            else if (argument.startsWith(QLatin1String("usr/")))
+                argument = unpacked(argument);
+        }
+        const Ran ran = runTool(tool, arguments);
+        QVERIFY2(ran.exitCode == 0, qPrintable(ran.out));
+        if (tool == QLatin1String("man"))
+            QVERIFY2(!ran.out.contains(QStringLiteral("warning")), qPrintable(ran.out));
+    }
+
+    // Depends comes from the libraries the program really links.
+    void dependsOnLinkedLibraries()
+    {
+        const Ran fields = runTool(QStringLiteral("dpkg-deb"), {QStringLiteral("-f"), m_deb, QStringLiteral("Depends")});
+        QCOMPARE(fields.exitCode, 0);
+        for (const char *library : {"libc6", "libqt6core6", "libqt6widgets6", "libpulse0", "libsoxr0", "libxtst6", "qt6-qpa-plugins"})
+            QVERIFY2(fields.out.contains(QLatin1String(library)), qPrintable(fields.out));
+    }
+
+    void unpackedProgramRuns_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("input");
+        QTest::newRow("--version") << QStringList{"--version"} << QByteArray();
+        QTest::newRow("format") << QStringList{"format"} << QByteArray("um so the list is one apples two pears\n");
+        QTest::newRow("model path") << QStringList{"model", "path"} << QByteArray();
+    }
+
+    // The packed (stripped) program answers exactly as the one built here.
+    void unpackedProgramRuns()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, input);
+        dictora::test::IsolatedHome home;
+        const Ran packed = runTool(unpacked(QStringLiteral("usr/bin/dictora")), arguments, input);
+        const Ran built = runTool(QStringLiteral(DICTORA_EXECUTABLE), arguments, input);
+        QVERIFY2(packed.exitCode == 0, qPrintable(packed.out));
+        QVERIFY(!packed.out.isEmpty());
+        QCOMPARE(packed.out, built.out);
+        if (arguments.first() == QLatin1String("--version"))
+            QCOMPARE(packed.out, QStringLiteral("dictora " DICTORA_VERSION "\n"));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    for (const char *tool : {"dpkg-deb", "dpkg"}) {
+        if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty())
+            return dictora::test::skipAll("dpkg-deb is missing: the package cannot be built here");
+    }
+    QGuiApplication app(argc, argv);
+    PackageTest tc;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&tc, argc, argv);
+}
+
+#include "tst_package.moc"
