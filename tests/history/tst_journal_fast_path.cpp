@@ -180,7 +180,10 @@ private Q_SLOTS:
         QCOMPARE(journal.readAll(), expected);
         for (const auto &[first, chunk] : {std::pair<qint64, qint64>{1, 3000}, {100, 37 * 1024}, {4096, 65536}, {1 << 30, 1 << 30}}) {
             QList<QList<TranscriptRecord>> batches;
-            journal.readNewestFirst(first, chunk, [&](const QByteArray &lines) {
+            bool last = false, afterLast = false;
+            journal.readNewestFirst(first, chunk, [&](const QByteArray &lines, bool more) {
+                afterLast = afterLast || last;
+                last = !more;
                 batches.prepend(TranscriptJournal::decodeLines(lines));
                 return true;
             });
@@ -188,6 +191,7 @@ private Q_SLOTS:
             for (const auto &batch : batches)
                 scanned.append(batch);
             QCOMPARE(scanned, expected);
+            QVERIFY(last && !afterLast); // only the oldest batch says nothing more is coming
         }
     }
 
