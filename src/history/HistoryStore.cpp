@@ -16,7 +16,7 @@ namespace {
 
 // The newest lines come first, in a small batch, so a long History shows its
 // top rows at once; the rest is read in larger batches behind it.
-constexpr qint64 kFirstPageBytes = 128 * 1024;
+constexpr qint64 kFirstPageBytes = 64 * 1024;
 constexpr qint64 kBatchBytes = 8 * 1024 * 1024;
 
 } // namespace
@@ -155,16 +155,16 @@ void HistoryStore::startLoad()
         try {
             QList<QList<TranscriptRecord>> batches; // newest first
             qsizetype total = 0;
-            journal.readNewestFirst(kFirstPageBytes, kBatchBytes, [&](const QByteArray &lines) {
-                // The newest page is shown once there is more to read; a short
-                // journal arrives whole.
-                if (firstPage && batches.size() == 1) {
+            journal.readNewestFirst(kFirstPageBytes, kBatchBytes, [&](const QByteArray &lines, bool more) {
+                batches.append(TranscriptJournal::decodeLines(lines));
+                total += batches.last().size();
+                // The newest page is shown at once when there is more to read;
+                // a short journal arrives whole.
+                if (firstPage && more && batches.size() == 1) {
                     post([page = HistoryIndex::build(batches.first(), 1)](HistoryStore &store) mutable {
                         store.applyFirstPage(std::move(page));
                     });
                 }
-                batches.append(TranscriptJournal::decodeLines(lines));
-                total += batches.last().size();
                 return true;
             });
             QList<TranscriptRecord> records;

@@ -44,7 +44,7 @@ void TranscriptJournal::scanNewestFirst(qint64 size, qint64 firstChunkBytes, qin
         unfinished.clear();
         if (from > 0)
             unfinished.append(block.left(from));
-        if (!lines.isEmpty() && !sink(lines))
+        if (!lines.isEmpty() && !sink(lines, start > 0))
             return;
     }
 }

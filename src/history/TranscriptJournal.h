@@ -53,12 +53,13 @@ public:
 
     // Whole lines of the journal, newest first: `sink` gets the bytes of
     // about `chunkBytes` of complete lines at a time (the first batch at most
-    // `firstChunkBytes`), each batch in file order; returning false stops.
+    // `firstChunkBytes`), each batch in file order, with whether older lines
+    // remain; returning false stops.
     // Decoding them with decodeLines gives, batch by batch, exactly what
     // readAll gives. The lock is held only to open the file and take its size:
     // the journal grows only past that size, or is replaced by a rename, so
     // the bytes before it never change under the open file.
-    using LineSink = std::function<bool(const QByteArray &lines)>;
+    using LineSink = std::function<bool(const QByteArray &lines, bool more)>;
     void readNewestFirst(qint64 firstChunkBytes, qint64 chunkBytes, const LineSink &sink) const;
     // The same scan over any `size` bytes that `read(offset, length)` returns.
     using ByteSource = std::function<QByteArray(qint64 offset, qint64 length)>;

@@ -1,5 +1,6 @@
 // The fast ways of reading the journal against the reference: the canonical
-// line decoder against the general one, the newest-first scan against
+// line decoder against the general one (tricky lines, every fuzz seed torn
+// anywhere, every one-byte edit of a full line), the newest-first scan against
 // readAll, and the History store against a line-by-line decode, on generated
 // journals full of damaged lines.
 #include "HistoryTestRecords.h"
@@ -8,15 +9,51 @@
 #include "history/TranscriptHistoryArchive.h"
 #include "support/TestSupport.h"
 
+#include <QDir>
 #include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
 
 using namespace dictora;
+using dictora::test::readFile;
 using dictora::test::writeFile;
 
 namespace {
+
+// Empty when the journal's decoders read `line` as the general one does: the
+// canonical path, where it answers, with the same record, and the reader's
+// decode always with the general decoder's answer.
+QString decoderMismatch(const QByteArray &line)
+{
+    const auto general = TranscriptRecord::fromJson(line);
+    const auto fast = JournalLineDecoder::decodeCanonical(line);
+    const auto says = [&line](const char *what) {
+        return QString::fromLatin1(what) + QStringLiteral(" (%1 bytes): ").arg(line.size())
+            + QString::fromLatin1(line.left(400).toPercentEncoding("{}\":,[]-_.! "));
+    };
+    if (fast && !general)
+        return says("only the canonical decoder accepts");
+    if (fast && !(*fast == *general))
+        return says("the canonical decoder reads a different record from");
+    if (JournalLineDecoder::decode(line) != general)
+        return says("the journal's decoder differs from the general one on");
+    return {};
+}
+
+// A line with every field, as the journal writes it.
+QByteArray fullLine()
+{
+    TranscriptRecord r = test::recordSavedAt(test::utc("2026-11-15T10:00:00.123Z"), QString::fromUtf8("caf\u00e9 \U0001F600"),
+        QStringLiteral("{e621e1f8-c36c-495a-93fc-0c247a3e6e5f}"));
+    r.targetApplication = TargetApplication{QStringLiteral("Text Editor"), QStringLiteral("gedit"), 42};
+    r.error = QStringLiteral("No external target application was focused when recording began.");
+    r.earsDurationMilliseconds = 640;
+    r.transcriptionEngine = QStringLiteral("exact-local-large-v3-turbo-q5_0");
+    r.finalizationDurationMilliseconds = 812;
+    r.pasteDispatchDurationMilliseconds = 35;
+    return r.toJsonLine();
+}
 
 // What the journal must yield: every line decoded on its own by the general decoder.
 QList<TranscriptRecord> referenceRead(const QByteArray &bytes)
@@ -148,6 +185,39 @@ private Q_SLOTS:
         QTest::newRow("id lower case") << QByteArray(good).replace(uuidString(r.id).toLatin1(), uuidString(r.id).toLower().toLatin1()) << true;
         QTest::newRow("nil id") << QByteArray(good).replace(uuidString(r.id).toLatin1(), "00000000-0000-0000-0000-000000000000") << false;
         QTest::newRow("cut") << good.left(good.size() - 1) << false;
+        QTest::newRow("CRLF") << good + '\r' << false;
+        QTest::newRow("BOM") << "\xef\xbb\xbf" + good << false;
+        QTest::newRow("leading space") << ' ' + good << false;
+        QTest::newRow("two records fused") << good + good << false;
+        QTest::newRow("record then garbage") << good + "x" << false;
+        QTest::newRow("upper-case hex escape") << with("caf\xc3\xa9", "caf\\u00E9") << true;
+        QTest::newRow("control escapes") << with("caf\xc3\xa9", "\\b\\f\\r\\u001f") << true;
+        QTest::newRow("raw four-byte UTF-8") << with("caf\xc3\xa9", "\xf0\x9f\x98\x80") << true;
+        QTest::newRow("escaped surrogate pair then text") << with("caf\xc3\xa9", "\\uD83D\\uDE00x\\u00e9") << false;
+        QTest::newRow("reversed surrogate pair") << with("caf\xc3\xa9", "\\ude00\\ud83d") << false;
+        QTest::newRow("bad escape") << with("caf\xc3\xa9", "\\x41") << false;
+        QTest::newRow("short unicode escape") << with("caf\xc3\xa9", "\\u00e") << false;
+        QTest::newRow("escaped outcome") << with("\"pasted\"", "\"pa\\u0073ted\"") << true;
+        QTest::newRow("escaped key") << with("\"outcome\"", "\"o\\u0075tcome\"") << false;
+        QTest::newRow("empty transcript") << with("\"caf\xc3\xa9\"", "\"\"") << true;
+        QTest::newRow("negative duration") << with("\"earsDurationMilliseconds\":640", "\"earsDurationMilliseconds\":-640") << true;
+        QTest::newRow("15 digits") << with("\"earsDurationMilliseconds\":640", "\"earsDurationMilliseconds\":999999999999999") << true;
+        QTest::newRow("pid lowest int32") << with("\"processIdentifier\":42", "\"processIdentifier\":-2147483648") << true;
+        QTest::newRow("pid below int32") << with("\"processIdentifier\":42", "\"processIdentifier\":-2147483649") << false;
+        QTest::newRow("duplicate key, same value") << with("\"outcome\":\"pasted\"", "\"outcome\":\"pasted\",\"outcome\":\"pasted\"") << false;
+        QTest::newRow("duplicate key, other value") << with("\"outcome\":\"pasted\"", "\"outcome\":\"failed\",\"outcome\":\"pasted\"") << false;
+        QTest::newRow("duplicate key, bad then good") << with("\"outcome\":\"pasted\"", "\"outcome\":7,\"outcome\":\"pasted\"") << false;
+        QTest::newRow("duplicate key in target") << with("\"name\":\"Text Editor\"", "\"name\":\"A\",\"name\":\"Text Editor\"") << false;
+        QTest::newRow("target keys out of order") << with("\"bundleIdentifier\":\"gedit\",\"name\":\"Text Editor\"", "\"name\":\"Text Editor\",\"bundleIdentifier\":\"gedit\"") << false;
+        QTest::newRow("unknown key in target") << with("\"processIdentifier\":42}", "\"processIdentifier\":42,\"zz\":{}}") << false;
+        QTest::newRow("unknown key last") << good.chopped(1) + ",\"zzz\":[1,{\"a\":null}]}" << false;
+        QTest::newRow("target without name") << with("\"name\":\"Text Editor\",", "") << false;
+        QTest::newRow("target without bundle") << with("\"bundleIdentifier\":\"gedit\",", "") << true;
+        const qsizetype target = good.indexOf("{\"bundleIdentifier\"");
+        QTest::newRow("target null") << QByteArray(good).replace(target, good.indexOf('}', target) + 1 - target, "null") << false;
+        QTest::newRow("missing required key") << with("\"outcome\":\"pasted\",", "") << false;
+        QTest::newRow("empty object") << QByteArray("{}") << false;
+        QTest::newRow("empty line") << QByteArray() << false;
     }
     void canonicalDecoderAgreesWithGeneral()
     {
@@ -161,6 +231,70 @@ private Q_SLOTS:
             QCOMPARE(*fast, *general);
         }
         QCOMPARE(JournalLineDecoder::decode(line), general);
+    }
+
+    // Every seed the fuzzers start from, each line of it whole and cut at
+    // every byte as a crash in the middle of an append leaves it.
+    void seedLinesDecodeAlike_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        const QString root = QFINDTESTDATA("../fuzz/corpus");
+        QVERIFY2(!root.isEmpty(), "the fuzz seed corpora are missing");
+        int seeds = 0;
+        for (const QString &corpus : {QStringLiteral("record"), QStringLiteral("journal"), QStringLiteral("archive")}) {
+            const QDir dir(root + QLatin1Char('/') + corpus);
+            for (const QFileInfo &file : dir.entryInfoList(QDir::Files, QDir::Name)) {
+                QByteArray bytes = readFile(file.filePath());
+                if (corpus == QLatin1String("journal"))
+                    bytes.remove(0, 2); // two bytes choose the fuzzer's chunk sizes
+                QTest::addRow("%s/%s", qPrintable(corpus), qPrintable(file.fileName())) << bytes;
+                ++seeds;
+            }
+        }
+        QVERIFY2(seeds > 100, "too few fuzz seeds found");
+    }
+    void seedLinesDecodeAlike()
+    {
+        QFETCH(QByteArray, bytes);
+        // Lines longer than a record (deep nesting) are cut at a few hundred places.
+        const auto step = [](qsizetype size) { return size <= 1024 ? 1 : size / 256; };
+        for (const QByteArray &line : bytes.split('\n')) {
+            for (qsizetype n = line.size(); n >= 0; n -= step(line.size())) {
+                const QString mismatch = decoderMismatch(line.left(n));
+                QVERIFY2(mismatch.isEmpty(), qPrintable(mismatch));
+            }
+        }
+        // As a file, torn anywhere.
+        for (qsizetype n = bytes.size(); n >= 0; n -= step(bytes.size()))
+            QCOMPARE(TranscriptJournal::decodeLines(bytes.left(n)), referenceRead(bytes.left(n)));
+    }
+
+    // One byte of a full line changed, dropped or doubled, at every position.
+    void everyByteEditDecodesAlike_data()
+    {
+        QTest::addColumn<QByteArray>("with"); // replacement; empty: drop, "*": double
+        QTest::newRow("dropped") << QByteArray();
+        QTest::newRow("doubled") << QByteArray("*");
+        for (const char *b : {"\"", "\\", ",", ":", "{", "}", "[", " ", "0", "9", "-", ".", "e", "u", "n", "\r",
+                 "\x01", "\x80", "\xc3", "\xff"})
+            QTest::addRow("0x%02x", unsigned(static_cast<unsigned char>(*b))) << QByteArray(b);
+    }
+    void everyByteEditDecodesAlike()
+    {
+        QFETCH(QByteArray, with);
+        const QByteArray line = fullLine();
+        QVERIFY(JournalLineDecoder::decodeCanonical(line)); // the unedited line takes the fast path
+        for (qsizetype i = 0; i < line.size(); ++i) {
+            QByteArray edited = line;
+            if (with.isEmpty())
+                edited.remove(i, 1);
+            else if (with == "*")
+                edited.insert(i, line.at(i));
+            else
+                edited[i] = with.at(0);
+            const QString mismatch = decoderMismatch(edited);
+            QVERIFY2(mismatch.isEmpty(), qPrintable(QStringLiteral("at byte %1: ").arg(i) + mismatch));
+        }
     }
 
     void readerEqualsLineByLineDecode_data()
@@ -180,7 +314,10 @@ private Q_SLOTS:
         QCOMPARE(journal.readAll(), expected);
         for (const auto &[first, chunk] : {std::pair<qint64, qint64>{1, 3000}, {100, 37 * 1024}, {4096, 65536}, {1 << 30, 1 << 30}}) {
             QList<QList<TranscriptRecord>> batches;
-            journal.readNewestFirst(first, chunk, [&](const QByteArray &lines) {
+            bool last = false, afterLast = false;
+            journal.readNewestFirst(first, chunk, [&](const QByteArray &lines, bool more) {
+                afterLast = afterLast || last;
+                last = !more;
                 batches.prepend(TranscriptJournal::decodeLines(lines));
                 return true;
             });
@@ -188,6 +325,7 @@ private Q_SLOTS:
             for (const auto &batch : batches)
                 scanned.append(batch);
             QCOMPARE(scanned, expected);
+            QVERIFY(last && !afterLast); // only the oldest batch says nothing more is coming
         }
     }
 

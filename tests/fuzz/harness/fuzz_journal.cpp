@@ -37,18 +37,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     QList<QList<TranscriptRecord>> batches;
     qint64 delivered = 0;
+    bool finished = false;
     TranscriptJournal::scanNewestFirst(
         bytes.size(), firstChunk, chunk,
         [&](qint64 offset, qint64 length) {
             FUZZ_CHECK(offset >= 0 && length > 0 && offset + length <= bytes.size(), "read outside the file");
             return bytes.mid(offset, length);
         },
-        [&](const QByteArray &lines) {
+        [&](const QByteArray &lines, bool more) {
+            FUZZ_CHECK(!finished, "a batch after the one that said it was the last");
+            finished = !more;
             delivered += lines.size();
             batches.prepend(TranscriptJournal::decodeLines(lines));
             return true;
         });
     FUZZ_CHECK(delivered == bytes.size(), "the scan must hand over every byte once");
+    FUZZ_CHECK(finished == !bytes.isEmpty(), "the last batch says so");
     QList<TranscriptRecord> scanned;
     for (const auto &batch : batches)
         scanned.append(batch);
