@@ -1,5 +1,7 @@
 #include "speech/SpeechDevice.h"
 
+#include "speech/GgmlBackends.h"
+
 #include <ggml-backend.h>
 
 namespace dictora {
@@ -85,6 +87,8 @@ SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, Speec
 
 QList<ComputeDevice> availableComputeDevices()
 {
+    // The portable build's back-ends are modules: none is listed before they load.
+    loadGgmlBackends();
     QList<ComputeDevice> devices;
     const size_t count = ggml_backend_dev_count();
     for (size_t i = 0; i < count; ++i) {
