@@ -57,31 +57,23 @@ void SearchProofScreen::start()
     m_field->clear();
     m_results->clear();
     m_word = firstSearchWord(m_model.practiceTranscript());
-    m_records.clear();
-    m_keys.clear();
+    m_index = {};
     if (!m_journal) {
         m_typing.start();
         return;
     }
-    struct Read {
-        QList<TranscriptRecord> records;
-        QList<QString> keys;
-    };
     runElsewhere(this,
         [journal = *m_journal] {
-            Read read;
+            QList<TranscriptRecord> records;
             try {
-                read.records = journal.readAll();
+                records = journal.readAll();
             } catch (...) {
                 // Unreadable: the animation still shows the practice text.
             }
-            for (const TranscriptRecord &record : read.records)
-                read.keys.append(HistoryFilter::searchKey(record.transcript));
-            return read;
+            return HistoryIndex::build(std::move(records));
         },
-        [this](Read read) {
-            m_records = std::move(read.records);
-            m_keys = std::move(read.keys);
+        [this](HistoryIndex index) {
+            m_index = std::move(index);
             // The user may have moved on while the journal was read.
             if (m_model.stage() == OnboardingStage::searchProof && !m_finished)
                 m_typing.start();
@@ -120,10 +112,11 @@ void SearchProofScreen::showResults(bool final)
 {
     const QString practice = m_model.practiceTranscript();
     QList<TranscriptRecord> found;
-    if (!m_records.isEmpty()) {
+    if (!m_index.records.isEmpty()) {
         HistoryQuery query;
         query.search = m_field->text();
-        found = HistoryFilter::apply(m_records, m_keys, query);
+        for (int i : HistoryFilter::select(m_index, query))
+            found.append(m_index.records.at(i));
     } else if (practice.contains(m_field->text(), Qt::CaseInsensitive)) {
         TranscriptRecord record;
         record.transcript = practice;

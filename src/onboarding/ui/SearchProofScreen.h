@@ -1,5 +1,6 @@
 #pragma once
 
+#include "history/HistoryIndex.h"
 #include "history/TranscriptJournal.h"
 #include "onboarding/OnboardingModel.h"
 #include "onboarding/ui/OnboardingStageShell.h"
@@ -45,8 +46,7 @@ private:
     QPushButton *m_next;
     QTimer m_typing;
     QString m_word;
-    QList<TranscriptRecord> m_records;
-    QList<QString> m_keys;
+    HistoryIndex m_index; // the search's own copy of the journal
     bool m_finished = false;
 };
 
