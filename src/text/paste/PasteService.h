@@ -78,7 +78,9 @@ private:
     const RuntimeLog &m_log;
     WindowTracker &m_windows;
     KeystrokeSender &m_keystrokes;
-class Clipboard;
+    std::unique_ptr<Clipboard> m_clipboard;
+    std::deque<Request> m_queue;
+    QTimer m_poll;
     QElapsedTimer m_lastPaste;
     bool m_busy = false; // the front request is under way
     bool m_awaitingRead = false;
