@@ -3,6 +3,7 @@
 #include "support/TestSupport.h"
 #include "text/paste/PasteService.h"
 
+#include <QDBusMessage>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -36,6 +37,15 @@ void stop(QProcess &process)
     if (!process.waitForFinished(3000))
         process.kill();
     process.waitForFinished(3000);
+}
+
+bool kwinHasScript(const QString &pluginName)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+        QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("isScriptLoaded"));
+    call << pluginName;
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 5000);
+    return reply.arguments().value(0).toBool();
 }
 
 QString frontmostClass(WindowTracker &tracker)
@@ -81,6 +91,10 @@ private Q_SLOTS:
 
         if (namesWindows)
             return; // what KWin names is the next test's business
+        const kde::KWinWindowTracker kwin;
+        QVERIFY(!kwin.isUsable());
+        QVERIFY2(kwin.failureReason().contains(QLatin1String("org.kde.KWin")), qPrintable(kwin.failureReason()));
+
         // Where the desktop names nothing the dictation still has a target:
         // the window focused at paste time, with no name made up for it.
         QTemporaryDir dir;
@@ -109,8 +123,11 @@ private Q_SLOTS:
         if (QStandardPaths::findExecutable(QStringLiteral("l3afpad")).isEmpty())
             DICTORA_RIG_MISSING("l3afpad is not installed (the native Wayland window used as a target)");
 
-        kde::KWinWindowTracker tracker;
+        auto owned = std::make_unique<kde::KWinWindowTracker>();
+        kde::KWinWindowTracker &tracker = *owned;
         QVERIFY2(tracker.isUsable(), qPrintable(tracker.failureReason()));
+        const QString script = tracker.scriptName();
+        QVERIFY(kwinHasScript(script));
 
         std::unique_ptr<QProcess> alpha = startEditor(QStringLiteral("dictora-alpha"));
         QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-alpha"), 20000);
@@ -136,6 +153,9 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(tracker.isActive(wanted.window), 10000);
             QCOMPARE(*tracker.frontmostWindow(), wanted);
         }
+        // Each activation's script leaves KWin once it has run.
+        for (int n = 1; n <= 3; ++n)
+            QTRY_VERIFY_WITH_TIMEOUT(!kwinHasScript(script + QStringLiteral("-activate-%1").arg(n)), 5000);
 
         // Handles it never gave out activate nothing.
         tracker.requestActivation(WindowHandle{9999});
@@ -147,6 +167,10 @@ private Q_SLOTS:
         stop(*alpha);
         QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-beta"), 10000);
         stop(*beta);
+
+        // Nothing of ours stays in the user's KWin.
+        owned.reset();
+        QVERIFY(!kwinHasScript(script));
     }
 };
 

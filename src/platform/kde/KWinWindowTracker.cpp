@@ -122,10 +122,12 @@ KWinWindowTracker::~KWinWindowTracker()
     if (!m_reports)
         return;
     m_bus.unregisterObject(m_objectPath);
-    if (m_failure.isEmpty())
-        unloadScript(m_trackerName);
+    // Waited for (briefly): at exit a message merely queued is lost, and
+    // KWin would keep our script until it restarts.
     for (const QString &name : std::as_const(m_pendingActivations))
         unloadScript(name);
+    if (m_failure.isEmpty())
+        unloadScript(m_trackerName, true);
 }
 
 QString KWinWindowTracker::scriptHeader() const
@@ -179,9 +181,13 @@ bool KWinWindowTracker::loadTrackerScript(bool wait)
     return true;
 }
 
-void KWinWindowTracker::unloadScript(const QString &pluginName)
+void KWinWindowTracker::unloadScript(const QString &pluginName, bool wait)
 {
-    m_bus.send(scriptingCall(QStringLiteral("unloadScript"), {pluginName}));
+    const QDBusMessage unload = scriptingCall(QStringLiteral("unloadScript"), {pluginName});
+    if (wait)
+        m_bus.call(unload, QDBus::Block, 1000);
+    else
+        m_bus.send(unload);
     QFile::remove(m_scripts.filePath(pluginName + QStringLiteral(".js")));
 }
 

@@ -30,6 +30,8 @@ public:
     // False when KWin is not on the bus or would not load the script.
     bool isUsable() const { return m_failure.isEmpty(); }
     QString failureReason() const { return m_failure; }
+    // The plugin name KWin knows our script by; activation scripts add "-activate-N".
+    QString scriptName() const { return m_trackerName; }
 
     std::optional<FrontmostWindow> frontmostWindow() override;
     bool isActive(WindowHandle window) override;
@@ -48,7 +50,7 @@ private:
     void onActivationDone(const QString &pluginName);
     bool loadTrackerScript(bool wait);
     QString writeScript(const QString &name, const QString &body);
-    void unloadScript(const QString &pluginName);
+    void unloadScript(const QString &pluginName, bool wait = false);
     QString scriptHeader() const;
 
     QDBusConnection m_bus;
