@@ -172,6 +172,37 @@ private Q_SLOTS:
         owned.reset();
         QVERIFY(!kwinHasScript(script));
     }
+
+    // A process that died with our pid left its script in KWin under the
+    // name we are about to use: we take the name over rather than go without.
+    void kwinTakesOverAScriptLeftBehind()
+    {
+        if (currentDesktop() != QLatin1String("kde"))
+            QSKIP("KWin runs only in the KDE session");
+        QString next;
+        {
+            const kde::KWinWindowTracker probe;
+            QVERIFY2(probe.isUsable(), qPrintable(probe.failureReason()));
+            const QString name = probe.scriptName();
+            const qsizetype dash = name.lastIndexOf(u'-');
+            next = name.left(dash + 1) + QString::number(name.mid(dash + 1).toInt() + 1);
+        }
+        QTemporaryDir dir;
+        const QString file = dir.filePath(QStringLiteral("stale.js"));
+        QVERIFY(test::writeFile(file, "print('left behind');\n"));
+        QDBusMessage load = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+            QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("loadScript"));
+        load << file << next;
+        QVERIFY(QDBusConnection::sessionBus().call(load, QDBus::Block, 5000).arguments().value(0).toInt() >= 0);
+        QVERIFY(kwinHasScript(next));
+
+        kde::KWinWindowTracker tracker;
+        QVERIFY2(tracker.isUsable(), qPrintable(tracker.failureReason()));
+        QCOMPARE(tracker.scriptName(), next);
+        std::unique_ptr<QProcess> editor = startEditor(QStringLiteral("dictora-gamma"));
+        QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-gamma"), 20000);
+        stop(*editor);
+    }
 };
 
 int main(int argc, char **argv)

@@ -168,7 +168,12 @@ bool KWinWindowTracker::loadTrackerScript(bool wait)
         return false;
     }
     // Once, at start-up: a KWin that does not answer within the bound is not one to rely on.
-    const QDBusMessage reply = m_bus.call(load, QDBus::Block, 2000);
+    QDBusMessage reply = m_bus.call(load, QDBus::Block, 2000);
+    if (reply.type() == QDBusMessage::ReplyMessage && reply.arguments().value(0).toInt() < 0) {
+        // A script by this name is left from an earlier process that had our pid and died.
+        unloadScript(m_trackerName, true);
+        reply = m_bus.call(load, QDBus::Block, 2000);
+    }
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
         m_failure = QStringLiteral("KWin did not load the window tracking script: ") + reply.errorMessage();
         return false;
@@ -188,7 +193,6 @@ void KWinWindowTracker::unloadScript(const QString &pluginName, bool wait)
         m_bus.call(unload, QDBus::Block, 1000);
     else
         m_bus.send(unload);
-    QFile::remove(m_scripts.filePath(pluginName + QStringLiteral(".js")));
 }
 
 void KWinWindowTracker::onActiveWindow(const Report &report)
@@ -204,8 +208,10 @@ void KWinWindowTracker::onActiveWindow(const Report &report)
 
 void KWinWindowTracker::onActivationDone(const QString &pluginName)
 {
-    if (m_pendingActivations.removeOne(pluginName))
-        unloadScript(pluginName);
+    if (!m_pendingActivations.removeOne(pluginName))
+        return;
+    unloadScript(pluginName);
+    QFile::remove(m_scripts.filePath(pluginName + QStringLiteral(".js")));
 }
 
 std::optional<FrontmostWindow> KWinWindowTracker::frontmostWindow()
