@@ -1,4 +1,5 @@
-#include "platform/ClipboardReadWatcher.h"
+#include "platform/Clipboard.h"
+#include "platform/FocusAtPasteWindowTracker.h"
 #include "platform/KeystrokeSender.h"
 #include "platform/WindowTracker.h"
 #include "text/paste/PasteService.h"
@@ -8,6 +9,8 @@
 #include <QGuiApplication>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <unistd.h>
 
 using namespace dictora;
 
@@ -24,7 +27,9 @@ struct SlowDesktop : WindowTracker, KeystrokeSender {
     int requests = 0;
     QStringList sent;
 
-    std::optional<FrontmostWindow> frontmostWindow() override { return std::nullopt; }
+    std::optional<FrontmostWindow> frontmost;
+
+    std::optional<FrontmostWindow> frontmostWindow() override { return frontmost; }
     bool isActive(WindowHandle window) override
     {
         if (requests > 0 && activationPolls >= 0 && window != active && activationPolls-- == 0)
@@ -109,7 +114,7 @@ private Q_SLOTS:
         desktop.activationPolls = activationPolls;
         desktop.keyPolls = keyPolls;
         desktop.sendWorks = sendWorks;
-        PasteService service(log, desktop, desktop, nullptr);
+        PasteService service(log, desktop, desktop, std::make_unique<QtClipboard>(nullptr));
 
         QElapsedTimer call;
         call.start();
@@ -129,6 +134,55 @@ private Q_SLOTS:
         QStringList lines = messages(log);
         QCOMPARE(lines.takeFirst(), QStringLiteral("paste begin target=Editor chars=5"));
         QCOMPARE(lines, expected);
+    }
+
+    // Desktops that name no window, or only part of it: the dictation still
+    // has a target and is pasted, with no activation and no invented name.
+    void targetsTheDesktopCannotFullyName_data()
+    {
+        QTest::addColumn<bool>("focusAtPaste"); // the real tracker for such desktops, else `window`
+        QTest::addColumn<FrontmostWindow>("window");
+        QTest::addColumn<std::optional<TargetApplication>>("expected"); // none: no target, nothing pasted
+        QTest::addColumn<QString>("keystroke");
+
+        QTest::newRow("focus at paste time") << true << FrontmostWindow{}
+                                             << std::optional(TargetApplication{"Unknown", std::nullopt, 0})
+                                             << "ctrl+v";
+        QTest::newRow("terminal named by app id, no handle")
+            << false << FrontmostWindow{"foot", "foot", {}, 0, {}}
+            << std::optional(TargetApplication{"foot", QStringLiteral("foot"), 0}) << "ctrl+shift+v";
+        QTest::newRow("our own window") << false
+                                        << FrontmostWindow{"Dictora", "dictora", {}, qint32(::getpid()), {}}
+                                        << std::optional<TargetApplication>() << QString();
+    }
+
+    void targetsTheDesktopCannotFullyName()
+    {
+        QFETCH(bool, focusAtPaste);
+        QFETCH(FrontmostWindow, window);
+        QFETCH(std::optional<TargetApplication>, expected);
+        QFETCH(QString, keystroke);
+
+        QTemporaryDir dir;
+        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
+        SlowDesktop desktop;
+        desktop.frontmost = window;
+        FocusAtPasteWindowTracker focused;
+        WindowTracker &tracker = focusAtPaste ? static_cast<WindowTracker &>(focused) : desktop;
+        PasteService service(log, tracker, desktop, nullptr);
+
+        const std::optional<PasteTarget> target = service.captureTarget();
+        QCOMPARE(target.has_value(), expected.has_value());
+        if (!target)
+            return;
+        QCOMPARE(target->application, *expected);
+        QVERIFY(target->window.isNull());
+        bool pasted = false;
+        service.paste(QStringLiteral("hello"), *target, [&](qint64) { pasted = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(pasted, 5000);
+        QCOMPARE(desktop.sent, QStringList{keystroke});
+        QCOMPARE(desktop.requests, 0);
+        QVERIFY(messages(log).filter(QStringLiteral("reactivated")).isEmpty());
     }
 
     void pastesAskedForMeanwhileRunInOrder()

@@ -1,5 +1,7 @@
 #include "platform/services/PlatformServices.h"
 
+#include "platform/FocusAtPasteWindowTracker.h"
+#include "platform/kde/KdePlatform.h"
 #include "platform/portal/PortalPlatform.h"
 #include "platform/portal/UinputKeystrokeSender.h"
 #include "platform/x11/X11Platform.h"
@@ -55,7 +57,8 @@ struct Backend {
 };
 
 bool always(const DesktopSession &) { return true; }
-[[maybe_unused]] bool waylandSession(const DesktopSession &s) { return s.wayland; }
+bool waylandSession(const DesktopSession &s) { return s.wayland; }
+bool kdeWaylandSession(const DesktopSession &s) { return s.wayland && s.desktop.contains(QLatin1String("kde")); }
 
 // The portal's permission to type, kept so the desktop asks only once.
 QString remoteDesktopTokenPath()
@@ -158,6 +161,9 @@ std::unique_ptr<WindowTracker> createWindowTracker()
 #ifdef DICTORA_HAVE_WAYLAND
         {"wayland-foreign-toplevel", waylandSession, WaylandPlatform::createWindowTracker},
 #endif
+        {"kwin-scripting", kdeWaylandSession, KdePlatform::createWindowTracker},
+        // Native windows are invisible to the X11 tracker, so it would find no target at all.
+        {"focus-at-paste", waylandSession, [](QString *) { return std::make_unique<FocusAtPasteWindowTracker>(); }},
         {"x11-active-window", always, [](QString *) { return X11Platform::createWindowTracker(); }},
     });
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/RuntimeLog.h"
+#include "platform/Clipboard.h"
 #include "platform/KeystrokeSender.h"
 #include "text/paste/PasteTarget.h"
 
@@ -17,7 +18,6 @@
 
 namespace dictora {
 
-class Clipboard;
 class WindowTracker;
 
 // Puts a finished transcript on the clipboard and types the paste keystroke

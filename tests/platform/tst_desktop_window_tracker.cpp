@@ -1,0 +1,217 @@
+#include "platform/kde/KWinWindowTracker.h"
+#include "platform/services/PlatformServices.h"
+#include "support/TestSupport.h"
+#include "text/paste/PasteService.h"
+
+#include <QDBusMessage>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+using namespace dictora;
+
+namespace {
+
+QString currentDesktop() { return qEnvironmentVariable("XDG_CURRENT_DESKTOP").toLower(); }
+
+// A real native Wayland window whose app id we choose: GTK takes it from --name.
+std::unique_ptr<QProcess> startEditor(const QString &appId)
+{
+    auto editor = std::make_unique<QProcess>();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("GDK_BACKEND"), QStringLiteral("wayland"));
+    env.remove(QStringLiteral("DISPLAY"));
+    editor->setProcessEnvironment(env);
+    editor->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    editor->setStandardOutputFile(QProcess::nullDevice());
+    editor->start(QStringLiteral("l3afpad"), {QStringLiteral("--name=") + appId});
+    return editor;
+}
+
+void stop(QProcess &process)
+{
+    process.terminate();
+    if (!process.waitForFinished(3000))
+        process.kill();
+    process.waitForFinished(3000);
+}
+
+bool kwinHasScript(const QString &pluginName)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+        QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("isScriptLoaded"));
+    call << pluginName;
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 5000);
+    return reply.arguments().value(0).toBool();
+}
+
+QString frontmostClass(WindowTracker &tracker)
+{
+    const auto window = tracker.frontmostWindow();
+    return window ? window->windowClass : QStringLiteral("<none>");
+}
+
+} // namespace
+
+// The desktop's own window tracking, in a real headless KWin or Mutter:
+// which backend the session table picks, and what it reports.
+class DesktopWindowTrackerTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void sessionTablePicksTheDesktopsTracker_data()
+    {
+        QTest::addColumn<QString>("desktop");
+        QTest::addColumn<QString>("backend");
+        QTest::addColumn<bool>("namesWindows");
+        QTest::newRow("KDE Plasma") << "kde" << "kwin-scripting" << true;
+        QTest::newRow("GNOME") << "gnome" << "focus-at-paste" << false;
+    }
+
+    void sessionTablePicksTheDesktopsTracker()
+    {
+        QFETCH(QString, desktop);
+        QFETCH(QString, backend);
+        QFETCH(bool, namesWindows);
+        if (currentDesktop() != desktop)
+            QSKIP("another desktop's session");
+
+        Platform::takeBackendReport();
+        std::unique_ptr<WindowTracker> tracker = Platform::createWindowTracker();
+        QVERIFY(tracker);
+        const QStringList report = Platform::takeBackendReport();
+        QVERIFY2(report.contains(QStringLiteral("platform backend service=window-tracker backend=") + backend),
+                 qPrintable(report.join(u'\n')));
+        // Neither desktop offers the wlroots protocol; the log says so.
+        QVERIFY2(!report.filter(QStringLiteral("skipped=wayland-foreign-toplevel reason=")).isEmpty(),
+                 qPrintable(report.join(u'\n')));
+
+        if (namesWindows)
+            return; // what KWin names is the next test's business
+        const kde::KWinWindowTracker kwin;
+        QVERIFY(!kwin.isUsable());
+        QVERIFY2(kwin.failureReason().contains(QLatin1String("org.kde.KWin")), qPrintable(kwin.failureReason()));
+
+        // Where the desktop names nothing the dictation still has a target:
+        // the window focused at paste time, with no name made up for it.
+        QTemporaryDir dir;
+        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
+        struct Keys : KeystrokeSender {
+            QStringList sent;
+            bool anyKeyHeld() override { return false; }
+            bool send(PasteKeystroke k) override { return sent << keystrokeName(k), true; }
+            QString failureReason() const override { return {}; }
+        } keys;
+        PasteService service(log, *tracker, keys, nullptr);
+        const std::optional<PasteTarget> target = service.captureTarget();
+        QVERIFY(target);
+        QCOMPARE(target->application, (TargetApplication{QStringLiteral("Unknown"), std::nullopt, 0}));
+        QVERIFY(target->window.isNull());
+        bool pasted = false;
+        service.paste(QStringLiteral("hello"), *target, [&](qint64) { pasted = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(pasted, 5000);
+        QCOMPARE(keys.sent, QStringList{QStringLiteral("ctrl+v")});
+    }
+
+    void kwinFollowsFocusAndReactivates()
+    {
+        if (currentDesktop() != QLatin1String("kde"))
+            QSKIP("KWin runs only in the KDE session");
+        if (QStandardPaths::findExecutable(QStringLiteral("l3afpad")).isEmpty())
+            DICTORA_RIG_MISSING("l3afpad is not installed (the native Wayland window used as a target)");
+
+        auto owned = std::make_unique<kde::KWinWindowTracker>();
+        kde::KWinWindowTracker &tracker = *owned;
+        QVERIFY2(tracker.isUsable(), qPrintable(tracker.failureReason()));
+        const QString script = tracker.scriptName();
+        QVERIFY(kwinHasScript(script));
+
+        std::unique_ptr<QProcess> alpha = startEditor(QStringLiteral("dictora-alpha"));
+        QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-alpha"), 20000);
+        const FrontmostWindow first = *tracker.frontmostWindow();
+        QCOMPARE(first.processId, qint32(alpha->processId()));
+        QVERIFY(!first.window.isNull());
+        // No desktop entry has the app id; the program's own entry, found by its instance name, names it.
+        QCOMPARE(first.applicationName, QStringLiteral("L3afpad"));
+
+        // A new window takes focus; the tracker follows without being asked.
+        std::unique_ptr<QProcess> beta = startEditor(QStringLiteral("dictora-beta"));
+        QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-beta"), 20000);
+        const FrontmostWindow second = *tracker.frontmostWindow();
+        QCOMPARE(second.processId, qint32(beta->processId()));
+        QVERIFY(second.window != first.window);
+        QVERIFY(tracker.isActive(second.window));
+        QVERIFY(!tracker.isActive(first.window));
+        QVERIFY(!tracker.isActive(WindowHandle{}));
+
+        // Back and forth, as a paste after the user moved focus would do.
+        for (const FrontmostWindow &wanted : {first, second, first}) {
+            tracker.requestActivation(wanted.window);
+            QTRY_VERIFY_WITH_TIMEOUT(tracker.isActive(wanted.window), 10000);
+            QCOMPARE(*tracker.frontmostWindow(), wanted);
+        }
+        // Each activation's script leaves KWin once it has run.
+        for (int n = 1; n <= 3; ++n)
+            QTRY_VERIFY_WITH_TIMEOUT(!kwinHasScript(script + QStringLiteral("-activate-%1").arg(n)), 5000);
+
+        // Handles it never gave out activate nothing.
+        tracker.requestActivation(WindowHandle{9999});
+        tracker.requestActivation(WindowHandle{});
+        QTest::qWait(300);
+        QVERIFY(tracker.isActive(first.window));
+
+        // A window that goes away leaves the next one focused, and that is what is reported.
+        stop(*alpha);
+        QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-beta"), 10000);
+        stop(*beta);
+
+        // Nothing of ours stays in the user's KWin.
+        owned.reset();
+        QVERIFY(!kwinHasScript(script));
+    }
+
+    // A process that died with our pid left its script in KWin under the
+    // name we are about to use: we take the name over rather than go without.
+    void kwinTakesOverAScriptLeftBehind()
+    {
+        if (currentDesktop() != QLatin1String("kde"))
+            QSKIP("KWin runs only in the KDE session");
+        QString next;
+        {
+            const kde::KWinWindowTracker probe;
+            QVERIFY2(probe.isUsable(), qPrintable(probe.failureReason()));
+            const QString name = probe.scriptName();
+            const qsizetype dash = name.lastIndexOf(u'-');
+            next = name.left(dash + 1) + QString::number(name.mid(dash + 1).toInt() + 1);
+        }
+        QTemporaryDir dir;
+        const QString file = dir.filePath(QStringLiteral("stale.js"));
+        QVERIFY(test::writeFile(file, "print('left behind');\n"));
+        QDBusMessage load = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+            QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("loadScript"));
+        load << file << next;
+        QVERIFY(QDBusConnection::sessionBus().call(load, QDBus::Block, 5000).arguments().value(0).toInt() >= 0);
+        QVERIFY(kwinHasScript(next));
+
+        kde::KWinWindowTracker tracker;
+        QVERIFY2(tracker.isUsable(), qPrintable(tracker.failureReason()));
+        QCOMPARE(tracker.scriptName(), next);
+        std::unique_ptr<QProcess> editor = startEditor(QStringLiteral("dictora-gamma"));
+        QTRY_COMPARE_WITH_TIMEOUT(frontmostClass(tracker), QStringLiteral("dictora-gamma"), 20000);
+        stop(*editor);
+    }
+};
+
+int main(int argc, char **argv)
+{
+    if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") || qEnvironmentVariableIsEmpty("XDG_CURRENT_DESKTOP"))
+        return dictora::test::rigMissing("not inside a desktop session (run through with-desktop-portal)");
+    QCoreApplication app(argc, argv);
+    DesktopWindowTrackerTest tc;
+    return QTest::qExec(&tc, argc, argv);
+}
+
+#include "tst_desktop_window_tracker.moc"
