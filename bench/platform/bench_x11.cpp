@@ -10,6 +10,7 @@
 #include "platform/x11/X11KeystrokeSender.h"
 #include "platform/x11/X11ShortcutBackend.h"
 #include "platform/x11/X11WindowTracker.h"
+#include "platform/Clipboard.h"
 #include "text/paste/PasteService.h"
 
 #include <QApplication>
@@ -111,7 +112,8 @@ bool benchPaste(const QString &kind, const QTemporaryDir &dir)
     RuntimeLog log(dir.filePath(kind + QStringLiteral(".log")));
     dictora::x11::X11WindowTracker windows;
     dictora::x11::X11KeystrokeSender keys;
-    PasteService service(log, windows, keys, std::make_unique<dictora::x11::X11ClipboardReadWatcher>());
+    PasteService service(log, windows, keys,
+        std::make_unique<dictora::QtClipboard>(std::make_unique<dictora::x11::X11ClipboardReadWatcher>()));
     FakeKeyboard keyboard;
 
     std::unique_ptr<ChildProgram> program;

@@ -3,7 +3,7 @@
 // controller and the real microphone capture on a private PulseAudio server.
 // Prints median and worst over the runs.
 #include "FakePortal.h"
-#include "audio/AudioCaptureService.h"
+#include "audio/AudioCaptureThread.h"
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
@@ -46,7 +46,7 @@ public:
 class NoTarget : public PasterPort {
 public:
     std::optional<PasteTarget> captureTarget() override { return std::nullopt; }
-    qint64 paste(const QString &, const PasteTarget &) override { return 0; }
+    void paste(const QString &, const PasteTarget &, Pasted done) override { done(0); }
 };
 
 class Granted : public PermissionProbe {
@@ -94,7 +94,7 @@ int main(int argc, char **argv)
     RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
     SnippetStore snippets(dir.filePath(QStringLiteral("snippets.json")));
     ReadySpeech speech;
-    AudioCaptureService capture(&log);
+    AudioCaptureThread capture(&log);
     CaptureMicrophonePort microphone(capture);
     NoTarget paster;
     Granted permissions;
