@@ -9,9 +9,10 @@ set(DICTORA_APP_ID "com.dictora.Dictora")
 install(FILES ${_data}/dictora.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications COMPONENT dictora)
 install(FILES ${_data}/dictora.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps COMPONENT dictora)
 install(FILES ${_data}/${DICTORA_APP_ID}.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo COMPONENT dictora)
-# udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d only: a /usr/local
-# install must point this at one of them (then `udevadm trigger`).
-set(DICTORA_UDEV_RULES_DIR "${CMAKE_INSTALL_PREFIX}/lib/udev/rules.d" CACHE PATH "Where the uinput access rule goes")
+# udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d only: the package's
+# /usr prefix puts it in the first; a /usr/local install must point this at
+# /etc/udev/rules.d (then `udevadm trigger`). Relative: under the prefix.
+set(DICTORA_UDEV_RULES_DIR "lib/udev/rules.d" CACHE STRING "Where the uinput access rule goes")
 install(FILES ${_data}/60-dictora-uinput.rules DESTINATION ${DICTORA_UDEV_RULES_DIR} COMPONENT dictora)
 
 # Launcher icons in the hicolor sizes, rendered from the one SVG.

@@ -75,6 +75,7 @@ private Q_SLOTS:
         QTest::newRow("copyright") << "usr/share/doc/dictora/copyright";
         QTest::newRow("changelog") << "usr/share/doc/dictora/changelog.Debian.gz";
         QTest::newRow("scalable icon") << "usr/share/icons/hicolor/scalable/apps/dictora.svg";
+        QTest::newRow("uinput rule") << "usr/lib/udev/rules.d/60-dictora-uinput.rules";
         for (const QString &size : QStringLiteral(DICTORA_ICON_SIZES).split(u',')) {
             const QString path = QStringLiteral("usr/share/icons/hicolor/%1x%1/apps/dictora.png").arg(size);
             QTest::newRow(qPrintable(size + QStringLiteral(" px icon"))) << path;

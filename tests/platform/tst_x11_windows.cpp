@@ -144,6 +144,15 @@ private Q_SLOTS:
         tracker.requestActivation(first.window); // already active
         QVERIFY(tracker.isActive(first.window));
 
+        // On another desktop: the window manager switches there.
+        QProcess move;
+        move.start(QStringLiteral("xdotool"), {QStringLiteral("set_desktop_for_window"),
+            QString::number(first.window.value), QStringLiteral("1")});
+        QVERIFY(move.waitForFinished(10000) && move.exitCode() == 0);
+        QTRY_VERIFY_WITH_TIMEOUT(!tracker.isActive(first.window), 10000);
+        tracker.requestActivation(first.window);
+        QTRY_VERIFY_WITH_TIMEOUT(tracker.isActive(first.window), 10000);
+
         // A window that has gone cannot come back, and asking for it is harmless.
         two.reset();
         tracker.requestActivation(second.window);

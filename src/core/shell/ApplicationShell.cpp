@@ -57,7 +57,12 @@ void quitOnTerminationSignals(QCoreApplication &app)
         return;
     auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
     // exit(), not quit(): the indicator refuses to close, which would veto a quit.
-    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] { QCoreApplication::exit(0); });
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+        // Each signal once: a later one must still reach a question asked while quitting.
+        char byte = 0;
+        [[maybe_unused]] auto n = ::read(signalPipe[0], &byte, 1);
+        QCoreApplication::exit(0);
+    });
     struct sigaction action{};
     action.sa_handler = onTerminationSignal;
     sigemptyset(&action.sa_mask);

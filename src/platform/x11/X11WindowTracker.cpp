@@ -73,19 +73,30 @@ void X11WindowTracker::requestActivation(WindowHandle window)
     // A window gone meanwhile gives BadWindow: trapped, and the caller's poll
     // of isActive() simply never sees it active.
     XErrorTrap trap(display);
-    XEvent event{};
-    event.xclient.type = ClientMessage;
-    event.xclient.serial = 0;
-    event.xclient.send_event = True;
-    event.xclient.display = display;
-    event.xclient.window = window.value;
-    event.xclient.message_type = m_connection->atom("_NET_ACTIVE_WINDOW");
-    event.xclient.format = 32;
-    event.xclient.data.l[0] = 2; // source: a pager, so focus-stealing rules do not apply
-    event.xclient.data.l[1] = CurrentTime;
-    event.xclient.data.l[2] = 0;
-    XSendEvent(display, m_connection->rootWindow(), False, SubstructureRedirectMask | SubstructureNotifyMask,
-               &event);
+    const auto sendToRoot = [&](const char *message, unsigned long about, long first) {
+        XEvent event{};
+        event.xclient.type = ClientMessage;
+        event.xclient.serial = 0;
+        event.xclient.send_event = True;
+        event.xclient.display = display;
+        event.xclient.window = about;
+        event.xclient.message_type = m_connection->atom(message);
+        event.xclient.format = 32;
+        event.xclient.data.l[0] = first;
+        event.xclient.data.l[1] = CurrentTime;
+        XSendEvent(display, m_connection->rootWindow(), False, SubstructureRedirectMask | SubstructureNotifyMask,
+                   &event);
+    };
+    // Window managers such as openbox activate a window on another desktop
+    // without going there: switch to its desktop first, as a pager would.
+    const auto desktop = m_connection->property32(window.value, m_connection->atom("_NET_WM_DESKTOP"), XA_CARDINAL);
+    const auto current = m_connection->property32(m_connection->rootWindow(),
+        m_connection->atom("_NET_CURRENT_DESKTOP"), XA_CARDINAL);
+    constexpr unsigned long kAllDesktops = 0xFFFFFFFF;
+    if (desktop && !desktop->empty() && current && !current->empty() && desktop->front() != kAllDesktops
+        && desktop->front() != current->front())
+        sendToRoot("_NET_CURRENT_DESKTOP", m_connection->rootWindow(), long(desktop->front()));
+    sendToRoot("_NET_ACTIVE_WINDOW", window.value, 2); // source: a pager, so focus-stealing rules do not apply
     trap.sync();
 }
 
