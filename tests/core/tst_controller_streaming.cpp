@@ -103,6 +103,36 @@ public:
     PermissionCheck accessibility(const ShortcutBackend *) override { return PermissionCheck::granted(); }
 };
 
+// The controller over the streaming fakes, with real files for the rest.
+struct Rig {
+    QTemporaryDir dir;
+    QSettings settings{dir.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat};
+    DictoraState state;
+    ProductPreferences preferences{settings};
+    StreamingSpeech speech;
+    StreamingMicrophone microphone;
+    NoPaster paster;
+    Shortcut shortcut;
+    Permissions permissions;
+    RuntimeLog log{dir.filePath(QStringLiteral("runtime.log"))};
+    TranscriptJournal journal{dir.filePath(QStringLiteral("transcripts.jsonl"))};
+    SnippetStore snippets{dir.filePath(QStringLiteral("snippets.json"))};
+    std::unique_ptr<DictoraController> controller;
+
+    Rig()
+    {
+        preferences.setHasCompletedOnboarding(true);
+    }
+    void start()
+    {
+        controller = std::make_unique<DictoraController>(state, preferences,
+            DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, snippets, journal, log,
+                dir.path(), {}, 40, 40, 10, 20});
+        controller->start();
+        controller->toggleRecording();
+    }
+};
+
 } // namespace
 
 class ControllerStreamingTest : public QObject {
@@ -129,40 +159,23 @@ private Q_SLOTS:
         QFETCH(QString, error);
         QFETCH(QString, outcome);
         QFETCH(bool, finishes);
-        QTemporaryDir dir;
-        QSettings settings(dir.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
-        DictoraState state;
-        ProductPreferences preferences(settings);
-        preferences.setHasCompletedOnboarding(true);
-        StreamingSpeech speech;
-        speech.error = error;
-        StreamingMicrophone microphone;
+        Rig rig;
+        rig.speech.error = error;
         for (int i = 0; i < samples; ++i)
-            microphone.recording.push_back(i % 2 ? level : -level);
-        NoPaster paster;
-        Shortcut shortcut;
-        Permissions permissions;
-        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
-        TranscriptJournal journal(dir.filePath(QStringLiteral("transcripts.jsonl")));
-        SnippetStore snippets(dir.filePath(QStringLiteral("snippets.json")));
-        DictoraController controller(state, preferences,
-            DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, snippets, journal, log,
-                dir.path(), {}, 40, 40, 10, 20});
-        controller.start();
-
-        controller.toggleRecording();
-        QTRY_VERIFY(state.phase().is(DictoraPhase::Kind::recording));
-        QCOMPARE(speech.begun, 1);
-        QTRY_VERIFY(microphone.sink);
-        QSignalSpy done(&controller, &DictoraController::dictationFinished);
-        shortcut.press();
+            rig.microphone.recording.push_back(i % 2 ? level : -level);
+        rig.start();
+        QTRY_VERIFY(rig.state.phase().is(DictoraPhase::Kind::recording));
+        QCOMPARE(rig.speech.begun, 1);
+        QTRY_VERIFY(rig.microphone.sink);
+        QSignalSpy done(rig.controller.get(), &DictoraController::dictationFinished);
+        rig.shortcut.press();
         QVERIFY(done.wait(5000));
 
-        QVERIFY(speech.streamed == microphone.recording); // the port saw every captured sample
-        QCOMPARE(speech.wholeRecordings, 0);              // never recognised twice
-        QCOMPARE(speech.finished, finishes ? 1 : 0);
-        QCOMPARE(speech.cancelled, finishes ? 0 : 1); // a finished stream has nothing left to discard
-        const auto records = journal.readAll();
+        QVERIFY(rig.speech.streamed == rig.microphone.recording); // the port saw every captured sample
+        QCOMPARE(rig.speech.wholeRecordings, 0);                  // never recognised twice
+        QCOMPARE(rig.speech.finished, finishes ? 1 : 0);
+        QCOMPARE(rig.speech.cancelled, finishes ? 0 : 1); // a finished stream has nothing left to discard
+        const auto records = rig.journal.readAll();
         QCOMPARE(records.size(), 1);
         QCOMPARE(rawValue(records.first().outcome), outcome);
         if (outcome == QLatin1String("pasted")) {
@@ -174,29 +187,13 @@ private Q_SLOTS:
 
     void startFailureDiscardsTheStream()
     {
-        QTemporaryDir dir;
-        QSettings settings(dir.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
-        DictoraState state;
-        ProductPreferences preferences(settings);
-        preferences.setHasCompletedOnboarding(true);
-        StreamingSpeech speech;
-        StreamingMicrophone microphone;
-        microphone.startError = QStringLiteral("No microphone is available.");
-        NoPaster paster;
-        Shortcut shortcut;
-        Permissions permissions;
-        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
-        TranscriptJournal journal(dir.filePath(QStringLiteral("transcripts.jsonl")));
-        SnippetStore snippets(dir.filePath(QStringLiteral("snippets.json")));
-        DictoraController controller(state, preferences,
-            DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, snippets, journal, log,
-                dir.path(), {}, 40, 40, 10, 20});
-        controller.start();
-        controller.toggleRecording();
-        QTRY_VERIFY(state.phase().is(DictoraPhase::Kind::error));
-        QCOMPARE(speech.begun, 1);
-        QCOMPARE(speech.cancelled, 1);
-        QCOMPARE(speech.finished, 0);
+        Rig rig;
+        rig.microphone.startError = QStringLiteral("No microphone is available.");
+        rig.start();
+        QTRY_VERIFY(rig.state.phase().is(DictoraPhase::Kind::error));
+        QCOMPARE(rig.speech.begun, 1);
+        QCOMPARE(rig.speech.cancelled, 1);
+        QCOMPARE(rig.speech.finished, 0);
     }
 };
 
