@@ -216,9 +216,13 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::transcribe(
     return enqueue(owner, owner->data(), qsizetype(owner->size()), sampleRate, std::move(skip));
 }
 
-int AccurateSpeechEngine::runFull(const float *samples, int count)
+int AccurateSpeechEngine::runFull(const float *samples, int count, const std::atomic_bool *abandon)
 {
     whisper_full_params params = whisper_full_default_params(WHISPER_SAMPLING_GREEDY);
+    if (abandon) {
+        params.abort_callback = [](void *flag) { return static_cast<const std::atomic_bool *>(flag)->load(); };
+        params.abort_callback_user_data = const_cast<std::atomic_bool *>(abandon);
+    }
     params.n_threads = threadCountFor(activeProcessorCount());
     params.translate = false;
     params.no_context = true;
@@ -261,11 +265,17 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<cons
 
         // The recording limit (28.8 M samples) is far below what an int holds.
         const int count = int(std::min<qsizetype>(sampleCount, std::numeric_limits<int>::max()));
-        int code = runFull(samples, count);
+        int code = runFull(samples, count, skip.get());
+        if (skip && skip->load()) {
+            // Abandoned while it ran: nobody wants this text any more.
+            promise->addResult(AccurateSpeechResult{});
+            promise->finish();
+            return;
+        }
         if (code != 0 && usesGpu()) {
             // The recording is still here: run it again on the CPU rather than lose it.
             if (fallBackToCpu(QStringLiteral("recognition failed code=%1").arg(code)))
-                code = runFull(samples, count);
+                code = runFull(samples, count, skip.get());
         }
         if (code != 0) {
             promise->setException(std::make_exception_ptr(AccurateSpeechError::transcriptionFailed(code)));

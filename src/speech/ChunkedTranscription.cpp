@@ -156,6 +156,10 @@ void ChunkedTranscription::feed(const float *samples, size_t count)
     if (m_finished || m_cancelled)
         return;
     m_pending.insert(m_pending.end(), samples, samples + count);
+    if (m_fed < m_rules.maximumChunkSamples) {
+        const size_t kept = size_t(std::min<qint64>(qint64(count), m_rules.maximumChunkSamples - m_fed));
+        m_head.insert(m_head.end(), samples, samples + kept);
+    }
     m_fed += qint64(count);
     cutWhileReadyLocked();
 }
@@ -211,8 +215,17 @@ QFuture<AccurateSpeechResult> ChunkedTranscription::finish()
             return result;
         }
         m_finished = true;
-        if (!m_pending.empty())
+        const bool chunkUnderWay = std::any_of(m_chunks.begin(), m_chunks.end(),
+            [](const QFuture<AccurateSpeechResult> &chunk) { return !chunk.isFinished(); });
+        if (chunkUnderWay && m_fed <= m_rules.maximumChunkSamples) {
+            m_skip->store(true); // stops the chunk under way
+            m_skip = std::make_shared<std::atomic_bool>(false);
+            m_chunks.clear();
+            submitLocked(std::move(m_head));
+        } else if (!m_pending.empty()) {
             submitLocked(std::move(m_pending));
+        }
+        m_head = {};
         m_pending = {};
         m_levels.clear();
         m_levelledSamples = 0;
@@ -249,6 +262,7 @@ void ChunkedTranscription::cancel()
     m_cancelled = true;
     m_skip->store(true);
     m_pending = {};
+    m_head = {};
     m_levels.clear();
     m_levelledSamples = 0;
     m_chunks.clear();

@@ -45,7 +45,10 @@ std::vector<float> frameLevels(std::span<const float> samples, int frameSamples)
 // they arrive, cut at pauses into chunks of 20-30 s, and each chunk is handed
 // to the recogniser's serial queue at once. At the end only the rest is left
 // to recognise; the chunks' texts are joined as one result, whose duration is
-// the time from finish() to the text, i.e. what the user waits for.
+// the time from finish() to the text, i.e. what the user waits for. A
+// recording that fits in one window while a chunk of it is still being
+// recognised at finish() is recognised whole instead: on a recogniser slower
+// than real time, waiting for that chunk and then the rest costs more.
 class ChunkedTranscription {
 public:
     using Recognise = std::function<QFuture<AccurateSpeechResult>(
@@ -80,6 +83,7 @@ private:
     ChunkRules m_rules;
     mutable std::mutex m_mutex;
     std::vector<float> m_pending;     // samples since the last cut
+    std::vector<float> m_head;        // the first window's worth of the recording
     std::vector<float> m_levels;      // their whole frames' levels
     qsizetype m_levelledSamples = 0;  // samples of m_pending covered by m_levels
     qint64 m_fed = 0;

@@ -228,7 +228,8 @@ private Q_SLOTS:
             promises.push_back(promise);
             return promise->future();
         });
-        feedInBlocks(chunker, signal({{22, 0.1f}, {0.5, 0.0003f}, {3, 0.1f}}), 16000);
+        // Longer than one window, so the chunk under way is kept.
+        feedInBlocks(chunker, signal({{22, 0.1f}, {0.5, 0.0003f}, {10, 0.1f}}), 16000);
         QFuture<AccurateSpeechResult> future = chunker.finish();
         QCOMPARE(promises.size(), size_t(2));
         promises[1]->addResult(AccurateSpeechResult{QStringLiteral("world."), 1});
@@ -240,6 +241,63 @@ private Q_SLOTS:
         });
         other.join();
         QCOMPARE(future.result().text, QStringLiteral("Hello world."));
+    }
+
+    // A recording that fits in one window, stopped while its first chunk is
+    // still being recognised, is recognised whole: the chunk is abandoned.
+    // Once the chunk is done, or the recording is longer, only the rest goes.
+    void shortRecordingStoppedMidChunkGoesWhole_data()
+    {
+        QTest::addColumn<double>("tail");   // seconds of speech after the pause at 22 s
+        QTest::addColumn<bool>("chunkDone"); // the first chunk finished before the stop
+        QTest::addColumn<bool>("whole");
+        QTest::newRow("26 s, chunk under way: whole") << 3.5 << false << true;
+        QTest::newRow("26 s, chunk done: the rest") << 3.5 << true << false;
+        QTest::newRow("32 s, chunk under way: the rest") << 9.5 << false << false;
+    }
+    void shortRecordingStoppedMidChunkGoesWhole()
+    {
+        QFETCH(double, tail);
+        QFETCH(bool, chunkDone);
+        QFETCH(bool, whole);
+        std::vector<std::vector<float>> given;
+        std::vector<std::shared_ptr<const std::atomic_bool>> skips;
+        std::vector<std::shared_ptr<QPromise<AccurateSpeechResult>>> promises;
+        ChunkedTranscription chunker([&](std::vector<float> chunk, std::shared_ptr<const std::atomic_bool> skip) {
+            given.push_back(std::move(chunk));
+            skips.push_back(std::move(skip));
+            auto promise = std::make_shared<QPromise<AccurateSpeechResult>>();
+            promise->start();
+            promises.push_back(promise);
+            return promise->future();
+        });
+        const std::vector<float> recording = signal({{22, 0.1f}, {0.5, 0.0003f}, {tail, 0.1f}});
+        feedInBlocks(chunker, recording, 16000);
+        QCOMPARE(given.size(), size_t(1));
+        if (chunkDone) {
+            promises[0]->addResult(AccurateSpeechResult{QStringLiteral("first"), 1});
+            promises[0]->finish();
+        }
+        QFuture<AccurateSpeechResult> future = chunker.finish();
+        QCOMPARE(given.size(), size_t(2));
+        QCOMPARE(skips[0]->load(), whole); // abandoned only when it goes whole
+        QVERIFY(!skips[1]->load());
+        if (whole) {
+            QVERIFY(given[1] == recording);
+        } else {
+            std::vector<float> joined = given[0];
+            joined.insert(joined.end(), given[1].begin(), given[1].end());
+            QVERIFY(joined == recording);
+        }
+        if (!chunkDone && !whole) {
+            promises[0]->addResult(AccurateSpeechResult{QStringLiteral("first"), 1});
+            promises[0]->finish();
+        } else if (!chunkDone) {
+            promises[0]->finish(); // an abandoned run ends with nothing
+        }
+        promises[1]->addResult(AccurateSpeechResult{QStringLiteral("second"), 1});
+        promises[1]->finish();
+        QCOMPARE(future.result().text, whole ? QStringLiteral("second") : QStringLiteral("first second"));
     }
 
     void joinTexts_data()
