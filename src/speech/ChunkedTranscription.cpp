@@ -161,6 +161,11 @@ void ChunkedTranscription::feed(const float *samples, size_t count)
         m_head.insert(m_head.end(), samples, samples + kept);
     }
     m_fed += qint64(count);
+    if (outgrewOneWindowLocked() && !m_held.empty()) {
+        for (std::vector<float> &held : m_held)
+            submitLocked(std::move(held));
+        m_held.clear();
+    }
     cutWhileReadyLocked();
 }
 
@@ -184,8 +189,20 @@ void ChunkedTranscription::cutWhileReadyLocked()
         m_pending.erase(m_pending.begin(), m_pending.begin() + cutSamples);
         m_levels.erase(m_levels.begin(), m_levels.begin() + *cut);
         m_levelledSamples -= cutSamples;
-        submitLocked(std::move(chunk));
+        queueLocked(std::move(chunk));
     }
+}
+
+void ChunkedTranscription::queueLocked(std::vector<float> chunk)
+{
+    if (!outgrewOneWindowLocked()) {
+        m_held.push_back(std::move(chunk));
+        return;
+    }
+    for (std::vector<float> &held : m_held)
+        submitLocked(std::move(held));
+    m_held.clear();
+    submitLocked(std::move(chunk));
 }
 
 void ChunkedTranscription::submitLocked(std::vector<float> chunk)
@@ -215,13 +232,11 @@ QFuture<AccurateSpeechResult> ChunkedTranscription::finish()
             return result;
         }
         m_finished = true;
-        const bool chunkUnderWay = std::any_of(m_chunks.begin(), m_chunks.end(),
-            [](const QFuture<AccurateSpeechResult> &chunk) { return !chunk.isFinished(); });
-        if (chunkUnderWay && m_fed <= m_rules.maximumChunkSamples) {
-            m_skip->store(true); // stops the chunk under way
-            m_skip = std::make_shared<std::atomic_bool>(false);
-            m_chunks.clear();
-            submitLocked(std::move(m_head));
+        if (!outgrewOneWindowLocked()) {
+            // Fits in one window: recognised whole, the held chunks with it.
+            m_held.clear();
+            if (!m_head.empty())
+                submitLocked(std::move(m_head));
         } else if (!m_pending.empty()) {
             submitLocked(std::move(m_pending));
         }
@@ -263,6 +278,7 @@ void ChunkedTranscription::cancel()
     m_skip->store(true);
     m_pending = {};
     m_head = {};
+    m_held.clear();
     m_levels.clear();
     m_levelledSamples = 0;
     m_chunks.clear();

@@ -45,10 +45,10 @@ std::vector<float> frameLevels(std::span<const float> samples, int frameSamples)
 // they arrive, cut at pauses into chunks of 20-30 s, and each chunk is handed
 // to the recogniser's serial queue at once. At the end only the rest is left
 // to recognise; the chunks' texts are joined as one result, whose duration is
-// the time from finish() to the text, i.e. what the user waits for. A
-// recording that fits in one window while a chunk of it is still being
-// recognised at finish() is recognised whole instead: on a recogniser slower
-// than real time, waiting for that chunk and then the rest costs more.
+// the time from finish() to the text, i.e. what the user waits for. Chunks
+// are held back until the recording outgrows one window: a recording that
+// fits in one is recognised whole at finish(), never as a chunk and a rest,
+// which costs two windows on a recogniser slower than real time.
 class ChunkedTranscription {
 public:
     using Recognise = std::function<QFuture<AccurateSpeechResult>(
@@ -77,6 +77,8 @@ public:
 private:
     struct Outcome;
     void submitLocked(std::vector<float> chunk);
+    void queueLocked(std::vector<float> chunk);
+    bool outgrewOneWindowLocked() const { return m_fed > m_rules.maximumChunkSamples; }
     void cutWhileReadyLocked();
 
     Recognise m_recognise;
@@ -84,6 +86,7 @@ private:
     mutable std::mutex m_mutex;
     std::vector<float> m_pending;     // samples since the last cut
     std::vector<float> m_head;        // the first window's worth of the recording
+    std::vector<std::vector<float>> m_held; // chunks cut before the recording outgrew one window
     std::vector<float> m_levels;      // their whole frames' levels
     qsizetype m_levelledSamples = 0;  // samples of m_pending covered by m_levels
     qint64 m_fed = 0;

@@ -157,7 +157,7 @@ private Q_SLOTS:
     void quietChunksAreNotRecognised()
     {
         // 25 s of near silence, then speech: the silent chunk never reaches the recogniser.
-        const std::vector<float> recording = signal({{25, 0.0005f}, {5, 0.1f}});
+        const std::vector<float> recording = signal({{25, 0.0005f}, {10, 0.1f}});
         RecordingRecogniser recogniser;
         ChunkedTranscription chunker(recogniser.recognise());
         feedInBlocks(chunker, recording, 320);
@@ -169,7 +169,7 @@ private Q_SLOTS:
 
     void cancelDiscards()
     {
-        const std::vector<float> recording = signal({{22, 0.1f}, {0.5, 0.0003f}, {5, 0.1f}});
+        const std::vector<float> recording = signal({{22, 0.1f}, {0.5, 0.0003f}, {10, 0.1f}});
         RecordingRecogniser recogniser;
         ChunkedTranscription chunker(recogniser.recognise());
         feedInBlocks(chunker, recording, 320);
@@ -189,7 +189,7 @@ private Q_SLOTS:
         RecordingRecogniser recogniser;
         {
             ChunkedTranscription chunker(recogniser.recognise());
-            feedInBlocks(chunker, signal({{22, 0.1f}, {0.5, 0.0003f}, {1, 0.1f}}), 320);
+            feedInBlocks(chunker, signal({{22, 0.1f}, {0.5, 0.0003f}, {9, 0.1f}}), 320);
         }
         QCOMPARE(recogniser.skips.size(), size_t(1));
         QVERIFY(recogniser.skips.front()->load());
@@ -243,61 +243,34 @@ private Q_SLOTS:
         QCOMPARE(future.result().text, QStringLiteral("Hello world."));
     }
 
-    // A recording that fits in one window, stopped while its first chunk is
-    // still being recognised, is recognised whole: the chunk is abandoned.
-    // Once the chunk is done, or the recording is longer, only the rest goes.
-    void shortRecordingStoppedMidChunkGoesWhole_data()
+    // A chunk cut before the recording outgrows one window waits: a recording
+    // that fits in one is recognised whole at the stop, never as two windows.
+    void oneWindowIsRecognisedWhole_data()
     {
-        QTest::addColumn<double>("tail");   // seconds of speech after the pause at 22 s
-        QTest::addColumn<bool>("chunkDone"); // the first chunk finished before the stop
-        QTest::addColumn<bool>("whole");
-        QTest::newRow("26 s, chunk under way: whole") << 3.5 << false << true;
-        QTest::newRow("26 s, chunk done: the rest") << 3.5 << true << false;
-        QTest::newRow("32 s, chunk under way: the rest") << 9.5 << false << false;
+        QTest::addColumn<double>("tail"); // seconds of speech after the pause at 22 s
+        QTest::addColumn<int>("duringRecording");
+        QTest::addColumn<int>("inAll");
+        QTest::newRow("26 s: whole at the stop") << 3.5 << 0 << 1;
+        QTest::newRow("29.9 s: whole at the stop") << 7.4 << 0 << 1;
+        QTest::newRow("32 s: a chunk while recording, then the rest") << 9.5 << 1 << 2;
     }
-    void shortRecordingStoppedMidChunkGoesWhole()
+    void oneWindowIsRecognisedWhole()
     {
         QFETCH(double, tail);
-        QFETCH(bool, chunkDone);
-        QFETCH(bool, whole);
-        std::vector<std::vector<float>> given;
-        std::vector<std::shared_ptr<const std::atomic_bool>> skips;
-        std::vector<std::shared_ptr<QPromise<AccurateSpeechResult>>> promises;
-        ChunkedTranscription chunker([&](std::vector<float> chunk, std::shared_ptr<const std::atomic_bool> skip) {
-            given.push_back(std::move(chunk));
-            skips.push_back(std::move(skip));
-            auto promise = std::make_shared<QPromise<AccurateSpeechResult>>();
-            promise->start();
-            promises.push_back(promise);
-            return promise->future();
-        });
+        QFETCH(int, duringRecording);
+        QFETCH(int, inAll);
         const std::vector<float> recording = signal({{22, 0.1f}, {0.5, 0.0003f}, {tail, 0.1f}});
-        feedInBlocks(chunker, recording, 16000);
-        QCOMPARE(given.size(), size_t(1));
-        if (chunkDone) {
-            promises[0]->addResult(AccurateSpeechResult{QStringLiteral("first"), 1});
-            promises[0]->finish();
-        }
-        QFuture<AccurateSpeechResult> future = chunker.finish();
-        QCOMPARE(given.size(), size_t(2));
-        QCOMPARE(skips[0]->load(), whole); // abandoned only when it goes whole
-        QVERIFY(!skips[1]->load());
-        if (whole) {
-            QVERIFY(given[1] == recording);
-        } else {
-            std::vector<float> joined = given[0];
-            joined.insert(joined.end(), given[1].begin(), given[1].end());
-            QVERIFY(joined == recording);
-        }
-        if (!chunkDone && !whole) {
-            promises[0]->addResult(AccurateSpeechResult{QStringLiteral("first"), 1});
-            promises[0]->finish();
-        } else if (!chunkDone) {
-            promises[0]->finish(); // an abandoned run ends with nothing
-        }
-        promises[1]->addResult(AccurateSpeechResult{QStringLiteral("second"), 1});
-        promises[1]->finish();
-        QCOMPARE(future.result().text, whole ? QStringLiteral("second") : QStringLiteral("first second"));
+        RecordingRecogniser recogniser;
+        ChunkedTranscription chunker(recogniser.recognise());
+        feedInBlocks(chunker, recording, 320);
+        QCOMPARE(int(recogniser.chunks.size()), duringRecording);
+        const AccurateSpeechResult result = chunker.finish().result();
+        QCOMPARE(int(recogniser.chunks.size()), inAll);
+        std::vector<float> joined;
+        for (const std::vector<float> &chunk : recogniser.chunks)
+            joined.insert(joined.end(), chunk.begin(), chunk.end());
+        QVERIFY(joined == recording);
+        QCOMPARE(result.text, inAll == 1 ? QStringLiteral("chunk 0") : QStringLiteral("chunk 0 chunk 1"));
     }
 
     void joinTexts_data()
