@@ -120,7 +120,8 @@ private:
                                           int sampleRate, std::shared_ptr<const std::atomic_bool> skip = {});
     // On the queue only.
     whisper_context *initContext(const QByteArray &path, bool useGpu, int gpuIndex);
-    // `abandon`, when given and set, stops a run under way (whisper then returns non-zero).
+    // `abandon`, when given and set, ends a run under way at whisper's next check
+    // (after the encoder, between decoder steps); whisper then returns non-zero.
     int runFull(const float *samples, int count, const std::atomic_bool *abandon = nullptr);
     bool fallBackToCpu(const QString &why);
     void setDevice(const QString &name, bool gpu);
