@@ -5,6 +5,7 @@
 //    at the head of the recording (found by cross-correlation);
 //  - CPU time of the capture thread per second of audio.
 // Usage: bench_capture [RUNS]   (re-executes itself under with-pulse)
+#include "support/ReRunUnder.h"
 #include "audio/AudioCaptureService.h"
 #include "audio/AudioConverter.h"
 
@@ -182,15 +183,8 @@ bool waitForSamples(const AudioCaptureService &service, qsizetype count)
 
 int main(int argc, char **argv)
 {
-    if (qEnvironmentVariableIsEmpty("PULSE_SERVER")) {
-        std::vector<char *> args{const_cast<char *>(DICTORA_WITH_PULSE)};
-        for (int i = 0; i < argc; ++i)
-            args.push_back(argv[i]);
-        args.push_back(nullptr);
-        ::execv(DICTORA_WITH_PULSE, args.data());
-        std::perror("bench_capture: cannot run " DICTORA_WITH_PULSE);
-        return 1;
-    }
+    if (qEnvironmentVariableIsEmpty("PULSE_SERVER"))
+        return dictora::bench::reRunUnder(DICTORA_WITH_PULSE, argc, argv);
     QCoreApplication app(argc, argv);
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
 

@@ -2,6 +2,7 @@
 // Activated signal, the GlobalShortcuts backend, the hold/toggle gesture, the
 // controller and the real microphone capture on a private PulseAudio server.
 // Prints median and worst over the runs.
+#include "support/ReRunUnder.h"
 #include "FakePortal.h"
 #include "audio/AudioCaptureThread.h"
 #include "core/DictoraState.h"
@@ -65,15 +66,8 @@ void printFigures(const char *what, std::vector<double> ms)
 
 int main(int argc, char **argv)
 {
-    if (qEnvironmentVariableIsEmpty("PULSE_SERVER")) {
-        std::vector<char *> args{const_cast<char *>(DICTORA_WITH_PULSE)};
-        for (int i = 0; i < argc; ++i)
-            args.push_back(argv[i]);
-        args.push_back(nullptr);
-        ::execv(DICTORA_WITH_PULSE, args.data());
-        std::perror("bench_portal_shortcut: cannot run " DICTORA_WITH_PULSE);
-        return 1;
-    }
+    if (qEnvironmentVariableIsEmpty("PULSE_SERVER"))
+        return dictora::bench::reRunUnder(DICTORA_WITH_PULSE, argc, argv);
     QCoreApplication app(argc, argv);
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
     if (const QString why = test::FakePortal::unavailableReason(); !why.isEmpty()) {
