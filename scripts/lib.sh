@@ -79,8 +79,10 @@ dictora_build() {
   local generator=()
   local launcher=()
   [ -f "$DICTORA_BUILD/CMakeCache.txt" ] || generator=(-G Ninja)
-  # A rebuild in a fresh clone (CI, a second worktree) reuses earlier objects.
+  # A rebuild in a fresh clone (CI, a second worktree) reuses earlier objects:
+  # paths inside the tree are hashed relative to it, and not the build folder.
   if command -v ccache >/dev/null 2>&1; then
+    export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$DICTORA_ROOT} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
     launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   fi
   cmake -S "$DICTORA_ROOT" -B "$DICTORA_BUILD" "${generator[@]}" "${launcher[@]}" ${DICTORA_CMAKE_ARGS:-}
