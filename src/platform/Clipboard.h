@@ -18,6 +18,9 @@ public:
     // too when asked (terminals that paste it on Shift+Insert). False when
     // nothing could be offered.
     virtual bool setText(const QString &text, bool alsoPrimary) = 0;
+    // Whether the compositor must take the text over from us before a
+    // native window can paste it (offerSeen() says when it has).
+    virtual bool handsOver() const { return false; }
 };
 
 // The toolkit's clipboard (QClipboard), with reads reported by `reads`
@@ -30,6 +33,7 @@ public:
 
     bool isWatching() const override { return m_reads && m_reads->isWatching(); }
     bool setText(const QString &text, bool alsoPrimary) override;
+    bool handsOver() const override;
 
 private:
     std::unique_ptr<ClipboardReadWatcher> m_reads;

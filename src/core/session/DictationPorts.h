@@ -90,6 +90,8 @@ public:
     // out (re-activating the target and waiting for released keys may take
     // a moment), at most once, and never after the port is gone.
     virtual void paste(const QString &text, const PasteTarget &target, Pasted done) = 0;
+    // Inside `done`: why the desktop did not take the keystroke; empty when it did.
+    virtual QString lastPasteError() const { return {}; }
 };
 
 // The windows the controller drives but does not own.

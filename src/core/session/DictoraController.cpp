@@ -350,6 +350,11 @@ void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint
             if (!self)
                 return;
             f.pasteMs = pasteMs;
+            // Pasted means the desktop took every key event.
+            if (const QString error = self->m_c.paster.lastPasteError(); !error.isEmpty()) {
+                f.outcome = TranscriptOutcome::failed;
+                f.error = error;
+            }
             self->saveRecord(std::move(f));
         });
         return;

@@ -55,7 +55,10 @@ public:
     QString microphoneReason() const { return m_microphone.reason; }
     QString accessibilityReason() const;
     // What the button beside that reason does (PermissionAction); empty when retrying is all.
-    QString accessibilityAction() const { return m_desktop && !m_desktop->authorized ? m_desktop->action : QString(); }
+    QString accessibilityAction() const
+    {
+        return m_desktop && !m_desktop->authorized ? m_desktop->action : m_shortcut.attentionAction();
+    }
 
 Q_SIGNALS:
     // The shortcut is installed and verified (the phase leaves needsAccessibility).

@@ -143,10 +143,11 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
 {
     Platform::chooseQtPlatform();
     QApplication app(argc, argv);
+    Platform::restoreInheritedEnvironment();
     QApplication::setOrganizationName(QStringLiteral("Dictora"));
     QApplication::setApplicationName(QStringLiteral("Dictora"));
     QApplication::setQuitOnLastWindowClosed(false);
-    QGuiApplication::setDesktopFileName(QStringLiteral("dictora"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("com.dictora.Dictora"));
     registerBundledFonts();
     Style::apply(app);
 
@@ -225,6 +226,11 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     DictoraController controller(state, preferences,
         DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal, log,
             DataPaths::dataDirectory(), views});
+
+    // Where the desktop asks before Dictora may type, ask now rather than at
+    // the first paste; during the first run the onboarding asks.
+    if (!controller.onboarding().isPresented())
+        PortalPlatform::prepareTyping(keystrokes.get());
 
     // Settings sheets and the first-run walk, all driven through the controller.
     QObject::connect(&window, &HomeWindow::shortcutSheetRequested, &window, [&] {

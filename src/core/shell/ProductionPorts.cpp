@@ -85,6 +85,11 @@ void CaptureMicrophonePort::checkStatus(StatusDone done)
 
 std::optional<PasteTarget> ServicePasterPort::captureTarget() { return m_service.captureTarget(); }
 
+QString ServicePasterPort::lastPasteError() const
+{
+    return m_service.lastError();
+}
+
 void ServicePasterPort::paste(const QString &text, const PasteTarget &target, Pasted done)
 {
     m_service.paste(text, target, std::move(done));

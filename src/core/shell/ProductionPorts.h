@@ -52,6 +52,7 @@ public:
     explicit ServicePasterPort(PasteService &service) : m_service(service) {}
     std::optional<PasteTarget> captureTarget() override;
     void paste(const QString &text, const PasteTarget &target, Pasted done) override;
+    QString lastPasteError() const override;
 
 private:
     PasteService &m_service;
