@@ -85,6 +85,13 @@ QString toStringArray(const QStringList &items)
     return QLatin1Char('[') + quoted.join(QStringLiteral(", ")) + QLatin1Char(']');
 }
 
+// A value gsettings reads as exactly this string, quotes and all.
+QString gvariantString(QString text)
+{
+    text.replace(QLatin1Char('\\'), QStringLiteral("\\\\")).replace(QLatin1Char('"'), QStringLiteral("\\\""));
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
 QString unquote(QString text)
 {
     if (text.size() >= 2 && text.startsWith(QLatin1Char('\'')) && text.endsWith(QLatin1Char('\'')))
@@ -214,7 +221,7 @@ bool GnomeKeybinding::install(const GlobalShortcut &shortcut, QString *error)
 {
     const QString schema = entrySchema();
     const QList<QStringList> writes{{QStringLiteral("name"), QStringLiteral("Dictora: start or stop a dictation")},
-        {QStringLiteral("command"), command()}, {QStringLiteral("binding"), gnomeAccelerator(shortcut)}};
+        {QStringLiteral("command"), gvariantString(command())}, {QStringLiteral("binding"), gnomeAccelerator(shortcut)}};
     for (const QStringList &write : writes) {
         const GsettingsResult set = gsettings({QStringLiteral("set"), schema, write.at(0), write.at(1)});
         if (!set.ok) {

@@ -33,7 +33,7 @@ RemoteDesktopKeystrokeSender::RemoteDesktopKeystrokeSender(QDBusConnection conne
     }
     connect(&PortalService::on(m_connection), &PortalService::restarted, this, [this] {
         const bool wasStarted = m_stage == Stage::started || m_stage == Stage::starting;
-        forgetSession();
+        forgetSession(false);
         setStage(Stage::idle, QStringLiteral("The desktop's portal restarted."));
         if (wasStarted)
             start();
@@ -45,10 +45,7 @@ RemoteDesktopKeystrokeSender::RemoteDesktopKeystrokeSender(QDBusConnection conne
 
 RemoteDesktopKeystrokeSender::~RemoteDesktopKeystrokeSender()
 {
-    if (!m_session.isEmpty()) {
-        m_connection.asyncCall(QDBusMessage::createMethodCall(QLatin1String(kService), m_session,
-            QLatin1String(kSessionInterface), QStringLiteral("Close")));
-    }
+    forgetSession();
 }
 
 void RemoteDesktopKeystrokeSender::setStage(Stage stage, const QString &reason)
@@ -241,19 +238,24 @@ void RemoteDesktopKeystrokeSender::releaseAll(const QList<int> &held)
     }
 }
 
-void RemoteDesktopKeystrokeSender::forgetSession()
+void RemoteDesktopKeystrokeSender::forgetSession(bool close)
 {
     ++m_generation;
     if (!m_session.isEmpty()) {
         m_connection.disconnect(QLatin1String(kService), m_session, QLatin1String(kSessionInterface),
             QStringLiteral("Closed"), this, SLOT(onSessionClosed()));
+        // Its handle is ours to reuse only once the portal has let it go.
+        if (close) {
+            m_connection.asyncCall(QDBusMessage::createMethodCall(QLatin1String(kService), m_session,
+                QLatin1String(kSessionInterface), QStringLiteral("Close")));
+        }
     }
     m_session.clear();
 }
 
 void RemoteDesktopKeystrokeSender::onSessionClosed()
 {
-    forgetSession();
+    forgetSession(false);
     setStage(Stage::idle, QStringLiteral("The desktop ended Dictora's remote input session."));
 }
 

@@ -76,7 +76,7 @@ private:
     void type(PasteKeystroke keystroke, Sent done);
     void sendNext(QList<KeyTransition> rest, QList<int> held, Sent done);
     void releaseAll(const QList<int> &held);
-    void forgetSession();
+    void forgetSession(bool close = true);
 
     QDBusConnection m_connection;
     TokenStore m_tokens;
