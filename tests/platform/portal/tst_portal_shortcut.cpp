@@ -245,6 +245,25 @@ private Q_SLOTS:
         QVERIFY(waitForAnswer(pressed));
     }
 
+    // The portal restarts: the app id goes again first, and the shortcut
+    // comes back in a fresh session without anyone asking.
+    void portalRestart()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start({"--require-app-id"}), qPrintable(portal.errorText()));
+        PortalShortcutBackend backend(clientOf(portal));
+        connect(&backend, &ShortcutBackend::installationChanged, &backend, [&] { backend.install(kBacktick); });
+        backend.install(kBacktick);
+        QVERIFY(QTest::qWaitFor([&] { return backend.verifyInstalled(kBacktick); }, 10000));
+        QVERIFY(portal.restartPortal());
+        QVERIFY(QTest::qWaitFor([&] { return portal.calls("GlobalShortcuts.CreateSession").size() == 1; }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return backend.verifyInstalled(kBacktick); }, 10000));
+        QCOMPARE(portal.calls("Registry.Register").size(), 1);
+        QSignalSpy pressed(&backend, &ShortcutBackend::pressed);
+        portal.press();
+        QVERIFY(waitForAnswer(pressed));
+    }
+
     void desktopWithoutGlobalShortcuts()
     {
         FakePortal portal;
