@@ -123,7 +123,7 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     , m_preferences(preferences)
     , m_c(std::move(collaborators))
     , m_onboarding(!preferences.hasCompletedOnboarding())
-    , m_readiness(m_c.shortcut, m_c.permissions, m_c.microphone, m_onboarding, m_preferences, m_c.log,
+    , m_readiness(m_c.shortcut, m_c.permissions, m_c.microphone, m_onboarding, m_preferences,
           {m_c.shortcutRetryMs, m_c.permissionPollMs})
     , m_gesture(state, [&preferences] { return preferences.holdToTalk(); })
 {

@@ -56,7 +56,6 @@ public:
         PermissionProbe &permissions;
         SnippetStore &snippets;
         TranscriptJournal journal;
-        RuntimeLog &log;
         QString dataDirectory;
         ViewPorts views;
         // Timer periods; tests shorten them.
@@ -155,7 +154,7 @@ private:
     void startListeningDots();
     void stopListeningDots();
     bool isPracticing() const;
-    void log(const QString &message) const { m_c.log.write(message); }
+    void log(const QString &message) const { qCInfo(lcSession).noquote() << message; }
 
     DictoraState &m_state;
     ProductPreferences &m_preferences;

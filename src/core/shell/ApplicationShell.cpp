@@ -170,6 +170,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     }
 
     RuntimeLog log(DataPaths::logFile());
+    log.install();
     if (const QString moved = SettingsFile::setAsideIfUnreadable(DataPaths::settingsFile()); !moved.isEmpty()) {
         log.write(moved);
         std::fprintf(stderr, "dictora: %s\n", qPrintable(moved));
@@ -223,7 +224,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     views.openSettings = [&log](const QString &) { openSoundSettings(log); };
 
     DictoraController controller(state, preferences,
-        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal, log,
+        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal,
             DataPaths::dataDirectory(), views});
 
     // Settings sheets and the first-run walk, all driven through the controller.

@@ -119,6 +119,7 @@ void FakePaster::paste(const QString &text, const PasteTarget &, Pasted done)
 
 ControllerRig::ControllerRig(bool onboarded)
 {
+    log.install();
     preferences.setHasCompletedOnboarding(onboarded);
     QFile f(dir.filePath(QStringLiteral("snippets.json")));
     if (f.open(QIODevice::WriteOnly))
@@ -133,7 +134,7 @@ void ControllerRig::build(std::optional<TranscriptJournal> other)
     controller.reset();
     controller = std::make_unique<DictoraController>(state, preferences,
         DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, *snippets,
-            other.value_or(journal()), log, dir.path(), {}, 40, 40, 10, 20});
+            other.value_or(journal()), dir.path(), {}, 40, 40, 10, 20});
     controller->shortcutGesture().setClock([this] { return now; });
 }
 
