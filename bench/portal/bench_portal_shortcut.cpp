@@ -95,7 +95,7 @@ int main(int argc, char **argv)
     portal::PortalShortcutBackend shortcut(portal.connect(QStringLiteral("dictora")));
     DictoraController controller(state, preferences,
         DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, snippets,
-            TranscriptJournal(dir.filePath(QStringLiteral("transcripts.jsonl"))), log, dir.path(), {}});
+            TranscriptJournal(dir.filePath(QStringLiteral("transcripts.jsonl"))), dir.path(), {}});
 
     QSignalSpy bound(&shortcut, &ShortcutBackend::installationChanged);
     controller.start();

@@ -33,7 +33,7 @@ public:
     };
 
     ReadinessMonitor(ShortcutBackend &shortcut, PermissionProbe &permissions, MicrophonePort &microphone,
-        OnboardingModel &onboarding, ProductPreferences &preferences, RuntimeLog &log, Periods periods,
+        OnboardingModel &onboarding, ProductPreferences &preferences, Periods periods,
         QObject *parent = nullptr);
     ~ReadinessMonitor() override;
 
@@ -74,7 +74,6 @@ private:
     MicrophonePort &m_microphonePort;
     OnboardingModel &m_onboarding;
     ProductPreferences &m_preferences;
-    RuntimeLog &m_log;
 
     QTimer m_shortcutRetry;
     QTimer m_permissionPoll;

@@ -171,6 +171,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     }
 
     RuntimeLog log(DataPaths::logFile());
+    log.install();
     if (const QString moved = SettingsFile::setAsideIfUnreadable(DataPaths::settingsFile()); !moved.isEmpty()) {
         log.write(moved);
         std::fprintf(stderr, "dictora: %s\n", qPrintable(moved));
@@ -224,7 +225,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     views.openSettings = [&log](const QString &) { openSoundSettings(log); };
 
     DictoraController controller(state, preferences,
-        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal, log,
+        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal,
             DataPaths::dataDirectory(), views});
 
     // Where the desktop asks before Dictora may type, ask now rather than at
