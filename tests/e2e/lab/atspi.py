@@ -4,13 +4,16 @@
   atspi.py dump [APP]              every showing object: app | role | name | x,y w,h
   atspi.py find NAME [APP] [S]     wait up to S seconds for a showing object called NAME; prints its centre x,y
   atspi.py press NAME [APP] [S]    the same, then its first action (a button's "press")
-NAME matches case-insensitively as a substring; APP, the application's accessible name, likewise."""
+  atspi.py on NAME [APP] [S]       the same for a switch or check box, pressed only when it is off
+NAME is a button's (or switch's) name, or several as A|B, case-insensitive, exact or else its start; APP matches the
+application's accessible name as a substring, or with a leading ! every other application."""
 import sys, time, dbus
 
 session = dbus.SessionBus()
 a11y = session.get_object('org.a11y.Bus', '/org/a11y/bus')
 A, PROPS = 'org.a11y.atspi.Accessible', 'org.freedesktop.DBus.Properties'
-SHOWING = 1 << 25
+SHOWING, CHECKED = 1 << 25, 1 << 4
+PRESSABLE = ('push button', 'button', 'toggle button', 'check box', 'switch', 'radio button')
 
 
 def bus():
@@ -24,7 +27,9 @@ def objects(b, app_filter):
             app = str(b.get_object(dest, path, introspect=False).Get(A, 'Name', dbus_interface=PROPS))
         except dbus.DBusException:
             continue
-        if app_filter and app_filter.lower() not in app.lower():
+        if app_filter.startswith('!') and app_filter[1:].lower() in app.lower():
+            continue
+        if app_filter and not app_filter.startswith('!') and app_filter.lower() not in app.lower():
             continue
         stack = [(str(dest), str(path), 0)]
         while stack:
@@ -52,13 +57,21 @@ def describe(o):
 
 
 def find(name, app, seconds):
-    deadline = time.time() + seconds
+    deadline, wants = time.time() + seconds, name.lower().replace('_', '').split('|')
     while True:
         try:
+            near = None
             for a, d, p, o in objects(bus(), app):
                 n, role, ext = describe(o)
-                if name.lower() in n.lower() and role not in ('application', 'frame', 'label', 'text', 'heading'):
+                if role not in PRESSABLE:
+                    continue
+                n = n.lower().replace('_', '')
+                if n in wants:
                     return o, n, role, ext
+                if near is None and any(n.startswith(w) for w in wants):
+                    near = o, n, role, ext
+            if near:
+                return near
         except dbus.DBusException:
             pass
         if time.time() > deadline:
@@ -73,14 +86,14 @@ elif cmd == 'dump':
     for a, d, p, o in objects(bus(), sys.argv[2] if len(sys.argv) > 2 else ''):
         n, role, (x, y, w, h) = describe(o)
         print('%s | %s | %s | %d,%d %dx%d' % (a, role, n, x, y, w, h))
-elif cmd in ('find', 'press'):
+elif cmd in ('find', 'press', 'on'):
     app = sys.argv[3] if len(sys.argv) > 3 else ''
     found = find(sys.argv[2], app, float(sys.argv[4]) if len(sys.argv) > 4 else 10)
     if not found:
         sys.exit('no showing "%s" in %s' % (sys.argv[2], app or 'any application'))
     o, n, role, (x, y, w, h) = found
-    print('%d,%d' % (x + w // 2, y + h // 2))
-    if cmd == 'press':
+    print('%s %d,%d' % (n, x + w // 2, y + h // 2))
+    if cmd == 'press' or (cmd == 'on' and not int(o.GetState(dbus_interface=A)[0]) & CHECKED):
         o.DoAction(0, dbus_interface='org.a11y.atspi.Action')
 else:
     sys.exit(__doc__)

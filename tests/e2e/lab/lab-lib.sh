@@ -30,8 +30,8 @@ lab_prepare() {
 }
 key() { if [ "$DESK" = gnome ]; then lab_gnome_input "$@"; else lab_kde_input "$@"; fi >/dev/null 2>&1; }
 atspi() { lab_run python3 /usr/local/lib/dictora-lab/atspi.py "$@" 2>&1; }
-# The portal's dialogs belong to gnome-shell on GNOME, to the portal back-end on Plasma.
-DIALOG_APP=gnome-shell; [ "$DESK" = kde ] && DIALOG_APP=xdg-desktop-portal-kde
+# The portal's dialogs: any application but Dictora (the portal back-end, or the shell).
+DIALOG_APP="!dictora"
 
 # --- one Dictora installation and its run -------------------------------------------------------------
 DHOME=; DLOG=; DPID=
@@ -98,10 +98,14 @@ dictate() {
 close_targets() { pkill -u "$LAB_UID" -x foot; pkill -u "$LAB_UID" -x l3afpad; sleep 0.5; }
 
 # --- the portal's dialogs ------------------------------------------------------------------------------
-# answer BUTTON...: presses the first of these buttons in a portal dialog, within 15 s
+# answer BUTTON...: presses the first of these buttons to show in a portal dialog, within ANSWER_WAIT s
 answer() {
-  local b out
-  for b in "$@"; do out=$(atspi press "$b" "$DIALOG_APP" 15) && { say "dialog: pressed \"$b\""; sleep 1; return 0; }; done
+  local out names; names=$(IFS='|'; echo "$*")
+  if atspi find "$names" "$DIALOG_APP" "${ANSWER_WAIT:-15}" >/dev/null; then
+    # GNOME's typing dialog forgets the answer unless asked to remember it.
+    atspi on "Remember This Selection" "$DIALOG_APP" 0 >/dev/null
+    out=$(atspi press "$names" "$DIALOG_APP" 1) && { say "dialog: pressed \"${out% *}\""; sleep 1; return 0; }
+  fi
   say "dialog: none of $* ($out)"; return 1
 }
 dialog_showing() { atspi find "$1" "$DIALOG_APP" "${2:-3}" >/dev/null; }
