@@ -106,9 +106,11 @@ answer() {
     atspi on "Remember This Selection" "$DIALOG_APP" 0 >/dev/null
     out=$(atspi press "$names" "$DIALOG_APP" 1) && { say "dialog: pressed \"${out% *}\""; sleep 1; return 0; }
   fi
-  say "dialog: none of $* ($out)"; return 1
+  say "dialog: none of $* ($out)"; buttons; return 1
 }
 dialog_showing() { atspi find "$1" "$DIALOG_APP" "${2:-3}" >/dev/null; }
 # onboarding BUTTON [S]: presses a button of Dictora's own window
-press() { atspi press "$1" "dictora" "${2:-20}" >/dev/null || { fail "no \"$1\" in Dictora's window"; return 1; }; }
+press() { atspi press "$1" "dictora" "${2:-20}" >/dev/null || { buttons; fail "no \"$1\" in Dictora's window"; return 1; }; }
+# What can be pressed now, for a failure's output.
+buttons() { echo "   -- showing buttons, and Dictora's texts:"; { atspi dump | grep -iE 'button|switch|check box'; atspi dump dictora | grep -E '\| label \|'; } | head -30 | sed 's/^/   /'; }
 
