@@ -60,7 +60,7 @@ stop_dictora() {
   kill "$DPID" 2>/dev/null
   local i; for i in $(seq 50); do kill -0 "$DPID" 2>/dev/null || break; sleep 0.2; done
   kill -9 "$DPID" 2>/dev/null; DPID=
-  pkill -u "$LAB_UID" -f '^/opt/dictora/bin/dictora-scripted' 2>/dev/null; sleep 0.5
+  kill_tagged dictora-scripte; sleep 0.5
 }
 count() { local n; n=$(grep -c -- "$1" "$DLOG" 2>/dev/null); echo "${n:-0}"; }
 # wait_line TEXT N SECONDS: until N lines of runtime.log contain TEXT
@@ -95,7 +95,9 @@ dictate() {
     [ "${1:-}" = editor ] && [ $((i % 8)) = 0 ] && key key:29+31; done
   fail "the target holds \"$(head -c 200 "$TARGET" | cat -v)\", not \"$EXPECT\""
 }
-close_targets() { pkill -u "$LAB_UID" -x foot; pkill -u "$LAB_UID" -x l3afpad; sleep 0.5; }
+close_targets() { kill_tagged foot; kill_tagged l3afpad; sleep 0.5; }
+# kill_tagged COMM: this session's processes of that name (other sessions run as the same user)
+kill_tagged() { local p; for p in $(lab_tagged_pids); do [ "$(cat "/proc/$p/comm" 2>/dev/null)" = "$1" ] && kill -9 "$p"; done; }
 
 # --- the portal's dialogs ------------------------------------------------------------------------------
 # answer BUTTON...: presses the first of these buttons to show in a portal dialog, within ANSWER_WAIT s
