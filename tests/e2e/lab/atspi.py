@@ -68,7 +68,7 @@ def find(name, app, seconds):
                 n = n.lower().replace('_', '')
                 if n in wants:
                     return o, n, role, ext
-                if near is None and any(n.startswith(w) for w in wants):
+                if near is None and role in ('push button', 'button') and any(n.startswith(w) for w in wants):
                     near = o, n, role, ext
             if near:
                 return near
