@@ -18,6 +18,9 @@ show_logs() {
 
 # lab_prepare BUILD_DIR: the session, accessibility on, Dictora and its desktop file installed, a microphone
 lab_prepare() {
+  # A run that was killed (a timeout) left its session: end it first.
+  local logs=$LAB_LOGS
+  if [ -f "/run/trixie-lab/t-lab-$DESK.state" ]; then lab_attach "t-lab-$DESK" && lab_stop >/dev/null 2>&1; LAB_LOGS=$logs; fi
   lab_mount >/dev/null && lab_install_tools && LAB_FRESH=1 lab_session "$DESK" "t-lab-$DESK" 2>/dev/null ||
     { echo "the $DESK session did not start; logs in $LAB_LOGS"; return 1; }
   mkdir -p "$TRIXIE/usr/local/lib/dictora-lab"; cp "$HERE/atspi.py" "$TRIXIE/usr/local/lib/dictora-lab/"
