@@ -130,6 +130,10 @@ void DictoraController::start()
     });
     m_onboarding.setAccuracyModelReady(m_c.speech.isReady());
     m_c.speech.startAutomatically();
+    connect(&m_c.speech, &SpeechPort::previewChanged, this, [this](const QString &text) {
+        if (m_state.phase().is(Kind::recording))
+            m_state.setPreviewText(text);
+    });
 
     try {
         m_c.journal.prepare();
@@ -270,6 +274,7 @@ void DictoraController::stopAndPaste()
     m_operationInFlight = true;
     transition(DictationEvent::press);
     m_state.setMeterLevels(AudioMeterLevels::zero());
+    m_state.setPreviewText(QString());
     stopListeningDots();
     log(QStringLiteral("stop key accepted; finalizing speech"));
 
