@@ -134,10 +134,8 @@ ChunkedTranscription::ChunkedTranscription(Recognise recognise, ChunkRules rules
 {
 }
 
-ChunkedTranscription::ChunkedTranscription(Recognise recognise, std::unique_ptr<VoiceActivityDetector> detector)
-    : m_recognise(std::move(recognise))
-    , m_rules(detector ? ChunkRules::forVoiceActivity() : ChunkRules{})
-    , m_detector(std::move(detector))
+ChunkedTranscription::ChunkedTranscription(Recognise recognise, const QString &voiceActivityModel)
+    : m_recognise(std::move(recognise)), m_detectorModel(voiceActivityModel)
 {
 }
 
@@ -173,6 +171,11 @@ void ChunkedTranscription::feed(const float *samples, size_t count)
     std::lock_guard lock(m_mutex);
     if (m_finished || m_cancelled)
         return;
+    if (!m_detectorModel.isEmpty()) {
+        m_detector = VoiceActivityDetector::open(std::exchange(m_detectorModel, QString()));
+        if (m_detector)
+            m_rules = ChunkRules::forVoiceActivity();
+    }
     m_pending.insert(m_pending.end(), samples, samples + count);
     if (m_fed < m_rules.maximumChunkSamples) {
         const size_t kept = size_t(std::min<qint64>(qint64(count), m_rules.maximumChunkSamples - m_fed));

@@ -60,10 +60,11 @@ public:
         std::vector<float> chunk, std::shared_ptr<const std::atomic_bool> skip)>;
 
     explicit ChunkedTranscription(Recognise recognise, ChunkRules rules = {});
-    // With a detector, chunks end where speech pauses, and each chunk goes to
-    // the recogniser as speech only (see speechOnly()); one without speech
-    // is not recognised at all.
-    ChunkedTranscription(Recognise recognise, std::unique_ptr<VoiceActivityDetector> detector);
+    // With the detector's model, chunks end where speech pauses, and each
+    // chunk goes to the recogniser as speech only (see speechOnly()); one
+    // without speech is not recognised at all. The model is opened by the
+    // first feed(), on the capture thread; if it cannot be, loudness decides.
+    ChunkedTranscription(Recognise recognise, const QString &voiceActivityModel);
     static Recognise recogniserFor(AccurateSpeechEngine &engine);
     // Cancels: a transcription dropped unfinished discards its work.
     ~ChunkedTranscription();
@@ -103,6 +104,7 @@ private:
     std::vector<float> m_head;        // the first window's worth of the recording
     std::vector<std::vector<float>> m_held; // chunks cut before the recording outgrew one window
     std::vector<float> m_levels;      // their whole frames' levels
+    QString m_detectorModel;          // opened at the first feed
     std::unique_ptr<VoiceActivityDetector> m_detector;
     std::vector<float> m_allLevels;   // every frame's speech probability (with a detector)
     qint64 m_sent = 0;

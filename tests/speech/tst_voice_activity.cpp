@@ -84,7 +84,7 @@ private Q_SLOTS:
                 sent.push_back(std::move(chunk));
                 return QtFuture::makeReadyFuture(AccurateSpeechResult{QStringLiteral("words"), 0});
             },
-            VoiceActivityDetector::open(model()));
+            model());
         for (size_t at = 0; at < scene.samples.size(); at += 1600)
             chunker.feed(scene.samples.data() + at, std::min<size_t>(1600, scene.samples.size() - at));
         QVERIFY(chunker.chunksSubmitted() >= 1); // cut while recording

@@ -32,7 +32,7 @@ SpeechPort::SampleSink ModelSpeechPort::beginStream()
 {
     cancelStream();
     m_stream = std::make_shared<ChunkedTranscription>(ChunkedTranscription::recogniserFor(m_manager.engine()),
-        VoiceActivityDetector::open(m_manager.voiceActivityModel()->get()));
+        m_manager.voiceActivityModel()->get());
     return [stream = m_stream](const float *samples, size_t count) { stream->feed(samples, count); };
 }
 
@@ -68,6 +68,7 @@ struct VoiceGatedSpeechPort::Stream {
     static constexpr size_t kPreviewSamples = 30 * 16000; // one recognition window
 
     std::mutex mutex;
+    QString model; // opened by the first samples, off the main thread
     std::unique_ptr<VoiceActivityDetector> detector;
     std::vector<float> probabilities;
     qint64 fed = 0;
@@ -195,13 +196,15 @@ SpeechPort::SampleSink VoiceGatedSpeechPort::beginStream()
     if (!recogniser)
         return {};
     m_stream = std::make_shared<Stream>();
-    m_stream->detector = VoiceActivityDetector::open(m_model->get());
+    m_stream->model = m_model->get();
     m_stream->keepsRecent = m_previewEnabled && m_previewEnabled();
     if (m_stream->keepsRecent)
         m_previewTimer.start();
     return [stream = m_stream, recogniser = std::move(recogniser)](const float *samples, size_t count) {
         {
             std::lock_guard lock(stream->mutex);
+            if (!stream->model.isEmpty())
+                stream->detector = VoiceActivityDetector::open(std::exchange(stream->model, QString()));
             stream->fed += qint64(count);
             if (stream->detector)
                 stream->detector->feed(std::span(samples, count), stream->probabilities);
