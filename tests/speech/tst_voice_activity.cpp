@@ -92,14 +92,14 @@ private Q_SLOTS:
         QVERIFY(sent.size() >= 2);
         QCOMPARE(text.count(QStringLiteral("words")), qsizetype(sent.size()));
         const auto edgeLevel = [](const std::vector<float> &chunk, bool atEnd) {
-            const auto from = atEnd ? chunk.end() - 1600 : chunk.begin();
-            return *std::max_element(from, from + 1600, [](float a, float b) { return std::abs(a) < std::abs(b); });
+            const auto from = atEnd ? chunk.end() - 320 : chunk.begin();
+            return *std::max_element(from, from + 320, [](float a, float b) { return std::abs(a) < std::abs(b); });
         };
         for (const std::vector<float> &chunk : sent) {
             QVERIFY(std::abs(edgeLevel(chunk, false)) < 0.1f);
             QVERIFY(std::abs(edgeLevel(chunk, true)) < 0.1f);
         }
-        QVERIFY(chunker.samplesSent() < qint64(scene.samples.size()) * 3 / 4);
+        QVERIFY(chunker.samplesSent() < qint64(scene.samples.size()) - 5 * 16000); // the pauses, shortened
     }
 
     void nonSpeechOutput_data()
