@@ -1,5 +1,6 @@
 #include "core/ProductPreferences.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace dictora {
@@ -111,6 +112,9 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_snippets = readBool(value(kSnippetsKey)).value_or(true);
     m_holdToTalk = readBool(value(kHoldToTalkKey)).value_or(false);
     m_startsAtLogin = readBool(value(kStartAtLoginKey)).value_or(false);
+    m_captureTailMs = int(std::clamp(readNumber(value(kCaptureTailKey)).value_or(kDefaultCaptureTailMilliseconds), 0.0,
+        double(kMaximumCaptureTailMilliseconds)));
+    m_livePreview = readBool(value(kLivePreviewKey));
 }
 
 double ProductPreferences::clampOpacity(double value)

@@ -33,6 +33,10 @@ public:
     static constexpr auto kSnippetsKey = "transcription.snippets.enabled";
     static constexpr auto kHoldToTalkKey = "keyboard.shortcut.holdToTalk";
     static constexpr auto kStartAtLoginKey = "application.startAtLogin.enabled";
+    static constexpr auto kCaptureTailKey = "audio.capture.tailMilliseconds";
+    static constexpr auto kLivePreviewKey = "overlay.livePreview.enabled";
+    static constexpr int kDefaultCaptureTailMilliseconds = 250;
+    static constexpr int kMaximumCaptureTailMilliseconds = 2000;
     static constexpr double kMinimumOpacity = 0.2;
     static constexpr double kMaximumOpacity = 1.0;
 
@@ -50,6 +54,11 @@ public:
     // Off: the shortcut toggles. On: holding it records until it is released.
     bool holdToTalk() const { return m_holdToTalk; }
     bool startsAtLogin() const { return m_startsAtLogin; }
+    // How long capture goes on after the stop press, so a last word is kept.
+    int captureTailMilliseconds() const { return m_captureTailMs; }
+    // The text recognised so far, shown beside the indicator while recording.
+    // Unset: on where recognition runs faster than real time (a GPU).
+    std::optional<bool> livePreview() const { return m_livePreview; }
 
     void setMicrophoneLocation(ScreenAnchor value);
     void setMicrophoneSize(OverlaySize value);
@@ -91,6 +100,8 @@ private:
     bool m_snippets = true;
     bool m_holdToTalk = false;
     bool m_startsAtLogin = false;
+    int m_captureTailMs = kDefaultCaptureTailMilliseconds;
+    std::optional<bool> m_livePreview;
 };
 
 } // namespace dictora

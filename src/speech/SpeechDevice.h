@@ -9,16 +9,18 @@ namespace dictora {
 
 // Where recognition should run. `automatic` takes a real GPU when there is
 // one; `gpu` asks for one explicitly (still the CPU when none is found).
-enum class SpeechDevicePreference { automatic, cpu, gpu };
+// `software` takes a software Vulkan device (Mesa's lavapipe) on purpose, so
+// machines without a GPU (CI) run the whole GPU path; slower than the CPU.
+enum class SpeechDevicePreference { automatic, cpu, gpu, software };
 
 // The setting (in the preferences store) that can pin recognition to the CPU:
-// "cpu", or "auto" (the default).
+// "cpu", "gpu", "software" (also "lavapipe"), or "auto" (the default).
 inline constexpr auto kSpeechDeviceSettingKey = "transcription.device";
 
 std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text);
 QString rawValue(SpeechDevicePreference preference);
 
-// DICTORA_SPEECH_DEVICE (cpu, gpu, auto) wins over `configured`; tests use it
+// DICTORA_SPEECH_DEVICE (cpu, gpu, software, auto) wins over `configured`; tests use it
 // to pin the CPU. An unknown value is ignored.
 SpeechDevicePreference speechDevicePreferenceFromEnvironment(SpeechDevicePreference configured);
 
@@ -44,7 +46,8 @@ struct SpeechDeviceChoice {
 };
 
 // A discrete GPU first, else an integrated one; software rasterisers
-// (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped.
+// (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped,
+// unless `software` asks for exactly them.
 SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference);
 
 bool isSoftwareRasteriser(const ComputeDevice &device);

@@ -10,6 +10,8 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QLabel>
+#include <QPainter>
 #include <QPointer>
 #include <QScreen>
 #include <QSettings>
@@ -85,6 +87,33 @@ private Q_SLOTS:
         QVERIFY(!window()->testAttribute(Qt::WA_QuitOnClose));
         QVERIFY(!window()->close());
         QVERIFY(window()->isVisible());
+    }
+
+    // The text so far shows beside the indicator, on the side with room,
+    // only while recording; it takes neither focus nor clicks.
+    void previewBubbleFollowsTheRecording_data()
+    {
+        QTest::addColumn<ScreenAnchor>("anchor");
+        QTest::newRow("left of a right-hand indicator") << ScreenAnchor::bottomRight;
+        QTest::newRow("right of a left-hand indicator") << ScreenAnchor::topLeft;
+    }
+    void previewBubbleFollowsTheRecording()
+    {
+        QFETCH(ScreenAnchor, anchor);
+        m_preferences->setMicrophoneLocation(anchor);
+        m_panel->show();
+        QLabel *bubble = m_panel->previewBubble();
+        m_state->setPhase(DictoraPhase::recording());
+        m_state->setPreviewText(QStringLiteral("so far so good"));
+        QVERIFY(QTest::qWaitForWindowExposed(bubble));
+        QCOMPARE(bubble->text(), QStringLiteral("so far so good"));
+        QVERIFY(bubble->windowFlags().testFlag(Qt::WindowDoesNotAcceptFocus));
+        const QRect indicator = window()->frameGeometry();
+        QVERIFY(!bubble->frameGeometry().intersects(indicator));
+        QVERIFY(kFirstScreen.contains(bubble->frameGeometry()));
+        QCOMPARE(bubble->frameGeometry().center().x() < indicator.center().x(), anchor == ScreenAnchor::bottomRight);
+        m_state->setPhase(DictoraPhase::finalizing());
+        QVERIFY(!bubble->isVisible());
     }
 
     void startsAtStoredPlaceAndSize()

@@ -43,6 +43,9 @@ public:
 
 Q_SIGNALS:
     void readyChanged(bool ready);
+    // While a stream runs: the text recognised so far, for the eye only; the
+    // text pasted is always finishStream()'s. Main thread.
+    void previewChanged(const QString &text);
 };
 
 // The microphone. Every call returns at once; answers come back on the

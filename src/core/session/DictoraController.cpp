@@ -212,6 +212,7 @@ DictoraController::Held DictoraController::leave(Kind to)
     }
     if (to != Kind::preparing && to != Kind::recording) {
         m_state.setMeterLevels(AudioMeterLevels::zero());
+        m_state.setPreviewText(QString());
         stopListeningDots();
     }
     return held;
@@ -238,6 +239,10 @@ void DictoraController::start()
     });
     m_onboarding.setAccuracyModelReady(m_c.speech.isReady());
     m_c.speech.startAutomatically();
+    connect(&m_c.speech, &SpeechPort::previewChanged, this, [this](const QString &text) {
+        if (m_state.phase().is(Kind::recording))
+            m_state.setPreviewText(text);
+    });
 
     try {
         m_c.journal.prepare();

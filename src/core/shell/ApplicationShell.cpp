@@ -165,6 +165,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     AccuracyModelManager::Options modelOptions;
     try {
         modelOptions.contract = AccuracyModelContract::current();
+        modelOptions.voiceActivity = VoiceActivityModel::current();
     } catch (const Error &e) {
         std::fprintf(stderr, "dictora: %s\n", qPrintable(e.description()));
         return 1;
@@ -190,9 +191,12 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         speechDevicePreferenceFromString(settings.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
             .value_or(SpeechDevicePreference::automatic);
     AccuracyModelManager model(modelOptions, &log);
-    const std::unique_ptr<SpeechPort> speech = speechFactory(model);
+    const std::unique_ptr<SpeechPort> recogniser = speechFactory(model);
+    // The preview costs a recognition a second: by default only where that is cheap (a GPU).
+    VoiceGatedSpeechPort speech(*recogniser, model.voiceActivityModel(), log,
+        [&preferences, &model] { return preferences.livePreview().value_or(model.engine().usesGpu()); });
     AudioCaptureThread capture(&log);
-    CaptureMicrophonePort microphone(capture);
+    CaptureMicrophonePort microphone(capture, [&preferences] { return preferences.captureTailMilliseconds(); });
     const std::unique_ptr<WindowTracker> windows = Platform::createWindowTracker();
     const std::unique_ptr<KeystrokeSender> keystrokes = Platform::createKeystrokeSender();
     PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboard());
@@ -225,7 +229,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     views.openSettings = [&log](const QString &) { openSoundSettings(log); };
 
     DictoraController controller(state, preferences,
-        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal,
+        DictoraController::Collaborators{speech, microphone, paster, *shortcut, *permissions, snippets, journal,
             DataPaths::dataDirectory(), views});
 
     // Where the desktop asks before Dictora may type, ask now rather than at

@@ -6,10 +6,14 @@
 #include <memory>
 
 #include <QFuture>
+#include <QTimer>
 
 namespace dictora {
 
 class AccuracyModelManager;
+class RuntimeLog;
+class VoiceActivityDetector;
+class VoiceActivityModelPath;
 class AudioCaptureThread;
 class ChunkedTranscription;
 struct AccurateSpeechResult;
@@ -34,9 +38,50 @@ protected:
     std::shared_ptr<ChunkedTranscription> m_stream; // shared with the capture thread's sink
 };
 
+// Stands in front of the recogniser's port and lets only speech through. A
+// recording in which the detector finds no speech is answered with no text
+// (the controller's silent outcome) and never reaches the recogniser; text
+// the recogniser makes of non-speech ("Thank you.", "[BLANK_AUDIO]") is
+// dropped and logged. Recordings are not handed over whole: only their
+// speech is, with long pauses shortened. Without the detector's model,
+// recordings go through whole, and the log says so. With a preview, the
+// recording's last window is recognised about every second while it runs
+// and announced through previewChanged().
+class VoiceGatedSpeechPort : public SpeechPort {
+    Q_OBJECT
+public:
+    // `previewEnabled` is asked at each recording's start.
+    VoiceGatedSpeechPort(SpeechPort &recogniser, std::shared_ptr<const VoiceActivityModelPath> model, RuntimeLog &log,
+        std::function<bool()> previewEnabled = {}, QObject *parent = nullptr);
+    ~VoiceGatedSpeechPort() override;
+    bool isReady() const override;
+    void startAutomatically() override;
+    void transcribe(std::vector<float> samples, Done done) override;
+    SampleSink beginStream() override;
+    void finishStream(Done done) override;
+    void cancelStream() override;
+
+private:
+    struct Stream;
+    Done dropNonSpeech(Done done);
+    void logMissingModel();
+    void refreshPreview();
+
+    SpeechPort &m_recogniser;
+    std::shared_ptr<const VoiceActivityModelPath> m_model;
+    RuntimeLog &m_log;
+    std::shared_ptr<Stream> m_stream; // shared with the capture thread's sink
+    bool m_missingLogged = false;
+    std::function<bool()> m_previewEnabled;
+    QTimer m_previewTimer;
+    bool m_previewInFlight = false;
+};
+
 class CaptureMicrophonePort : public MicrophonePort {
 public:
-    explicit CaptureMicrophonePort(AudioCaptureThread &capture) : m_capture(capture) {}
+    // `tailMilliseconds` is asked at each stop: the setting may change meanwhile.
+    explicit CaptureMicrophonePort(AudioCaptureThread &capture, std::function<int()> tailMilliseconds = {})
+        : m_capture(capture), m_tail(std::move(tailMilliseconds)) {}
     void start(Listeners listeners, Started done) override;
     void stop(Stopped done) override;
     void cancel() override;
@@ -45,6 +90,7 @@ public:
 
 private:
     AudioCaptureThread &m_capture;
+    std::function<int()> m_tail;
 };
 
 class ServicePasterPort : public PasterPort {
