@@ -33,18 +33,25 @@ QString ensureDesktopEntry(QString *error)
     const QString userFile = userDirectory + QLatin1Char('/') + fileName;
     const QString binary = QCoreApplication::applicationFilePath();
     const QString found = QStandardPaths::locate(QStandardPaths::GenericDataLocation, fileName);
-    // An installed entry wins; one we wrote for another build is brought up to date.
+    // An installed entry wins; one we wrote for another build is brought up
+    // to date. The portals' lookup passes over an entry whose program is not
+    // found (a package's "dictora" while a build runs from elsewhere).
     if (!found.isEmpty()) {
         QSettings entry(found, QSettings::IniFormat);
         entry.beginGroup(QStringLiteral("Desktop Entry"));
         const bool ours = entry.value(QStringLiteral("X-Dictora-Source-Build")).toBool();
-        if (!ours || found != userFile || entry.value(QStringLiteral("Exec")).toString() == binary)
+        const QString exec = entry.value(QStringLiteral("Exec")).toString();
+        const QString program = exec.section(QLatin1Char(' '), 0, 0).remove(QLatin1Char('"'));
+        const bool runnable = !program.isEmpty()
+            && (QFileInfo(program).isAbsolute() ? QFileInfo(program).isExecutable()
+                                                : !QStandardPaths::findExecutable(program).isEmpty());
+        if (ours ? exec == binary : runnable)
             return found;
     }
     QDir().mkpath(QFileInfo(userFile).path());
     QSaveFile file(userFile);
     const QByteArray text = QStringLiteral(
-        "[Desktop Entry]\nType=Application\nName=Dictora\nComment=Push-to-talk dictation\nExec=%1\nIcon=dictora\n"
+        "[Desktop Entry]\nType=Application\nName=Dictora\nComment=Push-to-talk dictation\nExec=\"%1\"\nIcon=dictora\n"
         "NoDisplay=true\nTerminal=false\nX-Dictora-Source-Build=true\n").arg(binary).toUtf8();
     if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit()) {
         if (error)

@@ -27,6 +27,8 @@ lab_prepare() {
   atspi enable >/dev/null
   lab_install_dictora "$1" >/dev/null || { echo "cannot install $1 into the chroot"; lab_stop; return 1; }
   local f; for f in "$SRC"/data/*.desktop; do cp "$f" "$TRIXIE/usr/local/share/applications/"; done
+  # As the package has it: "dictora" on PATH, which the desktop file runs.
+  ln -sf /opt/dictora/bin/dictora-scripted "$TRIXIE/usr/local/bin/dictora"
   lab_pulse
   sox "$TESTDATA/speech/jfk.wav" "$LAB_LOGS/speech.wav" trim 0 1.5 2>/dev/null || cp "$TESTDATA/speech/jfk.wav" "$LAB_LOGS/speech.wav"
   lab_layout us
@@ -116,6 +118,7 @@ answer() {
 dialog_showing() { atspi find "$1" "$DIALOG_APP" "${2:-3}" >/dev/null; }
 # onboarding BUTTON [S]: presses a button of Dictora's own window
 press() { atspi press "$1" "dictora" "${2:-20}" >/dev/null || { buttons; fail "no \"$1\" in Dictora's window"; return 1; }; }
+press_if_shown() { atspi find "$1" "dictora" "${2:-5}" >/dev/null && atspi press "$1" "dictora" 2 >/dev/null; return 0; }
 # What can be pressed now, for a failure's output.
 buttons() { echo "   -- showing buttons, and Dictora's texts:"; { atspi dump | grep -iE 'button|switch|check box'; atspi dump dictora | grep -E '\| label \|'; } | head -30 | sed 's/^/   /'; }
 
