@@ -50,11 +50,14 @@ fresh_home() {
   # Nothing listens on the discard port: the model is there, nothing is downloaded.
   printf '{"fileName":"for-tests-ggml-tiny.en.bin","bytes":586836,"sha256":"%s","url":"http://127.0.0.1:9/x"}\n' \
     dd6b7796204a1cdf7164666423034e6e1a7a3e9f5c22327b4b7974c4584bd82d >"$TRIXIE$DHOME/contract.json"
+  printf '{"fileName":"ggml-silero-v6.2.0.bin","bytes":885098,"sha256":"%s","url":"http://127.0.0.1:9/vad"}\n' \
+    2aa269b785eeb53a82983a20501ddf7c1d9c48e33ab63a41391ac6c9f7fb6987 >"$TRIXIE$DHOME/vad-contract.json"
   chown -R "$LAB_UID:$LAB_UID" "$TRIXIE$DHOME"
 }
 start_dictora() {
   local before; before=$(count 'app started')
-  LAB_EXTRA=(HOME="$DHOME" DICTORA_MODEL_CONTRACT="$DHOME/contract.json" DICTORA_SCRIPTED_TRANSCRIPT="$WORDS"
+  LAB_EXTRA=(HOME="$DHOME" DICTORA_MODEL_CONTRACT="$DHOME/contract.json" DICTORA_VAD_CONTRACT="$DHOME/vad-contract.json"
+    DICTORA_SCRIPTED_TRANSCRIPT="$WORDS"
     QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1)
   lab_spawn "$LAB_LOGS/dictora.out" /opt/dictora/bin/dictora-scripted
   DPID=$LAB_LAST_PID; LAB_EXTRA=()
@@ -107,7 +110,7 @@ kill_tagged() { local p; for p in $(lab_tagged_pids); do [ "$(cat "/proc/$p/comm
 # --- the portal's dialogs ------------------------------------------------------------------------------
 # answer BUTTON...: presses the first of these buttons to show in a portal dialog, within ANSWER_WAIT s
 answer() {
-  local out names; names=$(IFS='|'; echo "$*")
+  local out= names; names=$(IFS='|'; echo "$*")
   if atspi find "$names" "$DIALOG_APP" "${ANSWER_WAIT:-15}" >/dev/null; then
     # GNOME's typing dialog forgets the answer unless asked to remember it.
     atspi on "Remember This Selection" "$DIALOG_APP" 0 >/dev/null
