@@ -9,6 +9,8 @@
 
 #include <atomic>
 
+Q_LOGGING_CATEGORY(lcPortal, "dictora.portal", QtInfoMsg)
+
 namespace dictora::portal {
 
 QString newHandleToken()

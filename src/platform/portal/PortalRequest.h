@@ -1,12 +1,16 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QLoggingCategory>
 #include <QDBusObjectPath>
 #include <QObject>
 #include <QPointer>
 #include <QVariantMap>
 
 #include <functional>
+
+// What the portals answered, in the runtime log.
+Q_DECLARE_LOGGING_CATEGORY(lcPortal)
 
 namespace dictora::portal {
 

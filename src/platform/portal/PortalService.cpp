@@ -42,6 +42,10 @@ void PortalService::registerApplication()
 {
     portal::registerApplication(m_connection, QLatin1String(kAppId), this, [this](const QString &problem) {
         m_registrationProblem = problem;
+        if (problem.isEmpty())
+            qCInfo(lcPortal, "portal app id registered id=%s", kAppId);
+        else
+            qCWarning(lcPortal, "portal app id refused id=%s error=%s", kAppId, qPrintable(problem));
     });
 }
 

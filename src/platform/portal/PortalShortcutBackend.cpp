@@ -333,11 +333,14 @@ void PortalShortcutBackend::settle()
         m_stage = Stage::bound;
         m_failureReason.clear();
     }
+    qCInfo(lcPortal, "portal shortcut stage=%s trigger=%s", m_stage == Stage::bound ? "bound" : "keyless",
+        qPrintable(m_triggerDescription));
     Q_EMIT installationChanged();
 }
 
 void PortalShortcutBackend::fail(Stage stage, const QString &reason)
 {
+    qCInfo(lcPortal, "portal shortcut stage=%s reason=%s", stage == Stage::refused ? "refused" : "failed", qPrintable(reason));
     m_stage = stage;
     m_failureReason = reason;
     if (stage == Stage::failed) {

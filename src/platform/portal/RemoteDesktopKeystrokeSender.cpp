@@ -62,6 +62,9 @@ void RemoteDesktopKeystrokeSender::setStage(Stage stage, const QString &reason)
         if (std::optional<Queued> queued = std::exchange(m_queued, std::nullopt); queued && queued->done)
             queued->done(reason.isEmpty() ? QStringLiteral("Dictora may not type on this desktop.") : reason);
     }
+    static const char *const names[] = {"idle", "starting", "started", "refused", "failed"};
+    qCInfo(lcPortal, "portal typing stage=%s%s", names[int(stage)],
+        reason.isEmpty() ? "" : qPrintable(QStringLiteral(" reason=") + reason));
     Q_EMIT stageChanged(stage);
 }
 

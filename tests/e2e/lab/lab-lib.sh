@@ -114,6 +114,8 @@ answer() {
   if atspi find "$names" "$DIALOG_APP" "${ANSWER_WAIT:-15}" >/dev/null; then
     # GNOME's typing dialog forgets the answer unless asked to remember it.
     atspi on "Remember This Selection" "$DIALOG_APP" 0 >/dev/null
+    # GNOME shares the screen only, unless input is allowed too.
+    atspi on "Allow Remote Interaction" "$DIALOG_APP" 0 >/dev/null
     out=$(atspi press "$names" "$DIALOG_APP" 1) && { say "dialog: pressed \"${out% *}\""; sleep 1; return 0; }
   fi
   say "dialog: none of $* ($out)"; buttons; return 1
