@@ -81,7 +81,7 @@ TARGET=
 # foot_target NAME: a terminal whose input ends up in /tmp/NAME.txt; it takes the focus
 foot_target() {
   TARGET=$TRIXIE/tmp/$1.txt; rm -f "$TARGET"
-  lab_spawn "$LAB_LOGS/$1.log" foot --app-id="$1" sh -c "cat > /tmp/$1.txt"
+  lab_spawn "$LAB_LOGS/$1.log" foot --app-id="$1" sh -c "stty -icanon; cat > /tmp/$1.txt"
   local i; for i in $(seq 50); do [ -e "$TARGET" ] && break; sleep 0.2; done; sleep 1
 }
 # editor_target NAME: l3afpad on /tmp/NAME.txt; read back by saving (Ctrl+S)
@@ -122,7 +122,11 @@ answer() {
 }
 dialog_showing() { atspi find "$1" "$DIALOG_APP" "${2:-3}" >/dev/null; }
 # onboarding BUTTON [S]: presses a button of Dictora's own window
-press() { atspi press "$1" "dictora" "${2:-20}" >/dev/null || { buttons; fail "no \"$1\" in Dictora's window"; return 1; }; }
+# (again each second: a button can show before its screen enables it)
+press() {
+  local i; for i in $(seq "${2:-20}"); do atspi press "$1" "dictora" 1 >/dev/null && return 0; sleep 1; done
+  buttons; fail "no \"$1\" in Dictora's window"; return 1
+}
 press_if_shown() { atspi find "$1" "dictora" "${2:-5}" >/dev/null && atspi press "$1" "dictora" 2 >/dev/null; return 0; }
 # What can be pressed now, for a failure's output.
 buttons() { echo "   -- showing buttons, and Dictora's texts:"; { atspi dump | grep -iE 'button|switch|check box'; atspi dump dictora | grep -E '\| label \|'; } | head -30 | sed 's/^/   /'; }
