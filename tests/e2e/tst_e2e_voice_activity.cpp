@@ -48,7 +48,7 @@ private Q_SLOTS:
         QVERIFY2(startDictation(2, &why), qPrintable(why));
         QVERIFY2(finishDictation(2, 4.0, &why), qPrintable(why));
         QString pasted;
-        QVERIFY2(editor.readBack(QStringLiteral("invented words"), &pasted), qPrintable(pasted));
+        QVERIFY2(editor.readBack(QStringLiteral("Invented words"), &pasted), qPrintable(pasted)); // as the formatter writes it
         const QList<QJsonObject> records = run->records(&why);
         QCOMPARE(records.size(), 2);
         QCOMPARE(records[0].value("outcome").toString(), QStringLiteral("empty"));
