@@ -21,8 +21,6 @@ struct SessionMechanisms {
     // GUI thread: must be thread-safe.
     enum class Typing { unknown, allowed, refused };
     std::function<Typing()> typingConsent;
-    // Whether the desktop will remember the answer (a restore token is kept).
-    std::function<bool()> typingRemembered;
     // The bus the portal is on; empty for the session bus.
     QString busAddress;
 };

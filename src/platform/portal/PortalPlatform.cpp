@@ -12,7 +12,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMutex>
 #include <QProcess>
 #include <QSaveFile>
 #include <QSettings>
@@ -20,11 +19,6 @@
 #include <QStandardPaths>
 
 namespace dictora::PortalPlatform {
-
-namespace {
-QMutex registrationMutex;
-QString registrationError;
-} // namespace
 
 QString ensureDesktopEntry(QString *error)
 {
@@ -68,19 +62,9 @@ void registerWithPortal()
         return;
     asked = true;
     QString error;
-    if (ensureDesktopEntry(&error).isEmpty()) {
-        const QMutexLocker lock(&registrationMutex);
-        registrationError = QStringLiteral("the desktop file could not be written (%1)").arg(error);
-    }
+    if (ensureDesktopEntry(&error).isEmpty())
+        qCWarning(lcPortal, "portal desktop file not written error=%s", qPrintable(error));
     portal::PortalService::on(QDBusConnection::sessionBus());
-}
-
-QString registrationProblem()
-{
-    const QMutexLocker lock(&registrationMutex);
-    if (!registrationError.isEmpty())
-        return registrationError;
-    return portal::PortalService::on(QDBusConnection::sessionBus()).registrationProblem();
 }
 
 bool hasGlobalShortcutsPortal()

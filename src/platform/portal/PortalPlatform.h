@@ -19,10 +19,9 @@ namespace dictora::PortalPlatform {
 QString ensureDesktopEntry(QString *error = nullptr);
 
 // Registers the app id with the portal on the session bus before any other
-// portal call. Once per process; later calls do nothing. The answer arrives
-// later: registrationProblem() is empty until something went wrong.
+// portal call. Once per process; later calls do nothing. The answer goes to
+// the runtime log.
 void registerWithPortal();
-QString registrationProblem();
 
 // Whether the desktop's portal offers the interface (a short blocking call).
 bool hasGlobalShortcutsPortal();

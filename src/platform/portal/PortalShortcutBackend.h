@@ -54,8 +54,6 @@ public:
     // How the desktop says the shortcut is triggered ("`" or "Ctrl+Alt+K");
     // empty until it has said so.
     QString triggerDescription() const { return m_triggerDescription; }
-    // The pause before the next try after a failure; 0 when none is pending.
-    int retryDelayMs() const { return m_retry.isActive() ? m_retryDelayMs : 0; }
 
 private Q_SLOTS:
     void onActivated(const QDBusMessage &message);

@@ -124,7 +124,6 @@ portal::SessionMechanisms portalMechanisms()
             m.keystroke = Keystroke::compositorKeyboard;
 #endif
         m.typingConsent = [] { return typingConsent.load(); };
-        m.typingRemembered = [] { return QFile::exists(remoteDesktopTokenPath()); };
         return m;
     }();
     return mechanisms;
