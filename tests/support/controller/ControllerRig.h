@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/session/DictoraController.h"
+#include "dictation/DictoraController.h"
 
 #include <QSettings>
 #include <QTemporaryDir>

@@ -1,4 +1,4 @@
-#include "core/shell/ProductionPorts.h"
+#include "app/ProductionPorts.h"
 
 #include "audio/AudioCaptureThread.h"
 #include "core/Async.h"

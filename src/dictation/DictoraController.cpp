@@ -1,4 +1,4 @@
-#include "core/session/DictoraController.h"
+#include "dictation/DictoraController.h"
 
 #include "core/Async.h"
 #include "history/PendingJournal.h"

@@ -1,4 +1,4 @@
-#include "core/session/ReadinessMonitor.h"
+#include "dictation/ReadinessMonitor.h"
 
 #include "core/Async.h"
 

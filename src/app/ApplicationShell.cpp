@@ -1,11 +1,11 @@
-#include "core/shell/ApplicationShell.h"
+#include "app/ApplicationShell.h"
 
 #include "core/DataPaths.h"
 #include "core/GuiStallWatch.h"
 #include "core/RuntimeLog.h"
 #include "core/SettingsFile.h"
 #include "core/SingleInstance.h"
-#include "core/session/DictoraController.h"
+#include "dictation/DictoraController.h"
 #include "history/HistoryStore.h"
 #include "history/PendingJournal.h"
 #include "history/TranscriptJournal.h"

@@ -2,7 +2,7 @@
 
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
-#include "core/session/DictationPorts.h"
+#include "dictation/DictationPorts.h"
 #include "onboarding/OnboardingModel.h"
 #include "platform/PermissionProbe.h"
 #include "platform/ShortcutBackend.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/session/DictationPorts.h"
+#include "dictation/DictationPorts.h"
 
 #include <functional>
 #include <memory>
