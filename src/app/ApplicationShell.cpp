@@ -18,7 +18,6 @@
 #include "overlay/DictoraStatusItemController.h"
 #include "overlay/MicOverlayPanel.h"
 #include "platform/services/PlatformServices.h"
-#include "platform/portal/PortalPlatform.h"
 #include "speech/AccuracyModelManager.h"
 #include "audio/AudioCaptureThread.h"
 #include "text/paste/PasteService.h"
@@ -202,7 +201,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboard());
     ServicePasterPort paster(pasteService);
     const std::unique_ptr<ShortcutBackend> shortcut = Platform::createShortcutBackend();
-    const std::unique_ptr<PermissionProbe> permissions = Platform::createPermissionProbe();
+    const std::unique_ptr<DesktopIntegration> desktop = Platform::createDesktopIntegration(*shortcut, *keystrokes);
     const std::unique_ptr<OverlayWindowHints> overlayHints = Platform::createOverlayWindowHints();
     for (const QString &line : Platform::takeBackendReport())
         log.write(line);
@@ -229,21 +228,21 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     views.openSettings = [&log](const QString &) { openSoundSettings(log); };
 
     DictoraController controller(state, preferences,
-        DictoraController::Collaborators{speech, microphone, paster, *shortcut, *permissions, snippets, journal,
+        DictoraController::Collaborators{speech, microphone, paster, *shortcut, desktop->permissions(), snippets, journal,
             DataPaths::dataDirectory(), views});
 
     // Where the desktop asks before Dictora may type, ask now rather than at
     // the first paste; during the first run the onboarding asks.
     if (!controller.onboarding().isPresented())
-        PortalPlatform::prepareTyping(keystrokes.get());
+        desktop->prepareTyping();
 
     // Settings sheets and the first-run walk, all driven through the controller.
     QObject::connect(&window, &HomeWindow::shortcutSheetRequested, &window, [&] {
         auto *sheet = new ShortcutSettingsView(preferences,
             [&controller](const GlobalShortcut &candidate) { return controller.updateKeyboardShortcut(candidate); },
             [&controller] { controller.continueAccessibility(); }, &window);
-        const PortalPlatform::BindingHint hint =
-            PortalPlatform::bindingHint(*shortcut, preferences.keyboardShortcut(), preferences.holdToTalk());
+        const DesktopIntegration::BindingHint hint =
+            desktop->bindingHint(preferences.keyboardShortcut(), preferences.holdToTalk());
         sheet->setDesktopBinding(hint.text, hint.actionLabel, hint.action);
         sheet->setAttribute(Qt::WA_DeleteOnClose);
         sheet->open();
@@ -260,14 +259,15 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     onboardingActions.openMicrophoneSettings = [&log] { openSoundSettings(log); };
     // What the desktop needs (portal consent, a binding, uinput access), then another try.
     onboardingActions.openAccessibilitySettings = [&] {
-        const QString advice = PortalPlatform::runPermissionAction(controller.readiness().accessibilityAction(),
-            shortcut.get(), keystrokes.get(), preferences.keyboardShortcut(), preferences.holdToTalk());
-        if (!advice.isEmpty())
-            log.write(QStringLiteral("permission step needs the user: ") + advice);
-        controller.continueAccessibility();
+        desktop->runPermissionAction(controller.readiness().accessibilityAction(), preferences.keyboardShortcut(),
+            preferences.holdToTalk(), [&log, &controller](const QString &advice) {
+                if (!advice.isEmpty())
+                    log.write(QStringLiteral("permission step needs the user: ") + advice);
+                controller.continueAccessibility();
+            });
     };
     onboardingActions.accessibilityButtonText = [&] {
-        return PortalPlatform::permissionActionLabel(controller.readiness().accessibilityAction());
+        return desktop->permissionActionLabel(controller.readiness().accessibilityAction());
     };
     onboardingActions.retryDownload = [&model] { model.retryManually(); };
     onboardingActions.openSnippets = openSnippets;

@@ -39,6 +39,9 @@ public:
         Advice done) = 0;
     // The checks the onboarding polls; thread-safe.
     virtual PermissionProbe &permissions() = 0;
+    // Where the desktop asks before Dictora may type, asks now rather than
+    // at the first paste.
+    virtual void prepareTyping() = 0;
 };
 
 } // namespace dictora

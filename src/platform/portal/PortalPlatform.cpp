@@ -1,6 +1,7 @@
 #include "platform/portal/PortalPlatform.h"
 
 #include "platform/portal/KeyboardLayout.h"
+#include "platform/portal/LayoutWatch.h"
 #include "platform/portal/PortalRequest.h"
 #include "platform/portal/PortalService.h"
 #include "platform/portal/PortalShortcutBackend.h"
@@ -80,11 +81,18 @@ bool hasRemoteDesktopPortal()
 
 std::unique_ptr<ShortcutBackend> createPortalShortcutBackend(QObject *parent)
 {
-    // Read once: the desktop matches the symbol its active layout types, so
-    // every layout the user switches to gets its own trigger.
-    const QList<portal::LayoutName> layouts = portal::configuredLayouts();
+    // The desktop matches the symbol its active layout types, so every layout
+    // the user switches to gets its own trigger, also one added later.
+    portal::LayoutWatch &layouts = portal::LayoutWatch::instance();
     auto backend = std::make_unique<portal::PortalShortcutBackend>(QDBusConnection::sessionBus(),
-        [layouts](const GlobalShortcut &shortcut) { return portal::preferredTriggers(shortcut, layouts); }, parent);
+        [&layouts](const GlobalShortcut &shortcut) -> std::optional<QStringList> {
+            const std::optional<QList<portal::LayoutName>> known = layouts.layouts();
+            if (!known)
+                return std::nullopt;
+            return portal::preferredTriggers(shortcut, *known);
+        },
+        parent);
+    QObject::connect(&layouts, &portal::LayoutWatch::changed, backend.get(), &portal::PortalShortcutBackend::triggersChanged);
     // The keybinding an older GNOME needed would now fire beside the portal's.
     if (portal::currentDesktop() == portal::Desktop::gnome) {
         auto *raw = backend.get();

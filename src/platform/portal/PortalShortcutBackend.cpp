@@ -76,6 +76,13 @@ QString errorSuffix(const QVariantMap &results)
     return error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(error);
 }
 
+// Entries bound for a layout the user no longer has still count: they fire nothing wrong.
+bool isOurId(const QString &id)
+{
+    const QLatin1String base(PortalShortcutBackend::kShortcutId);
+    return id == base || (id.startsWith(base) && id.mid(base.size()).startsWith(QLatin1Char('-')));
+}
+
 constexpr int kFirstRetryMs = 1000;
 constexpr int kLongestRetryMs = 60000;
 
@@ -102,7 +109,7 @@ PortalShortcutBackend::PortalShortcutBackend(QDBusConnection connection, Trigger
         forgetSession();
         m_retry.stop();
         m_retryDelayMs = 0;
-        m_boundThisRun = false;
+        m_boundThisRun = m_rebinding = m_recheck = false;
         m_stage = Stage::idle;
         Q_EMIT installationChanged();
     });
@@ -157,6 +164,10 @@ bool PortalShortcutBackend::install(const GlobalShortcut &shortcut)
 
 bool PortalShortcutBackend::verifyInstalled(const GlobalShortcut &shortcut) const
 {
+    // Adding a layout's trigger keeps the key working meanwhile: no
+    // recording is lost to a settings change.
+    if (m_rebinding)
+        return m_wanted && *m_wanted == shortcut;
     return m_stage == Stage::bound && m_wanted && *m_wanted == shortcut && !m_session.isEmpty();
 }
 
@@ -168,6 +179,7 @@ void PortalShortcutBackend::uninstall()
     m_wanted.reset();
     m_retry.stop();
     m_retryDelayMs = 0;
+    m_rebinding = m_recheck = false;
     m_stage = Stage::idle;
 }
 
@@ -199,10 +211,24 @@ void PortalShortcutBackend::begin(bool forceBind)
     ++m_generation;
     m_keyDown = false;
     m_askAgain = forceBind;
-    const QStringList triggers = m_triggers ? m_triggers(*m_wanted) : QStringList();
+    const std::optional<QStringList> triggers = m_triggers ? m_triggers(*m_wanted) : QStringList();
+    if (!triggers) {
+        m_stage = Stage::idle;
+        m_failureReason = QStringLiteral("Reading the keyboard layouts.");
+        return;
+    }
     m_ids.clear();
-    for (int i = 0; i < std::max<qsizetype>(1, triggers.size()); ++i)
-        m_ids << idFor(i);
+    m_idTriggers.clear();
+    for (const QString &trigger : *triggers) {
+        if (!m_ids.contains(idFor(trigger))) {
+            m_ids << idFor(trigger);
+            m_idTriggers << trigger;
+        }
+    }
+    if (m_ids.isEmpty()) {
+        m_ids << QString::fromLatin1(kShortcutId);
+        m_idTriggers << preferredTrigger(*m_wanted).value_or(QString());
+    }
     m_failureReason = QStringLiteral("Waiting for the desktop to bind the shortcut %1.").arg(describe(*m_wanted));
     if (m_session.isEmpty())
         createSession();
@@ -210,9 +236,43 @@ void PortalShortcutBackend::begin(bool forceBind)
         listShortcuts();
 }
 
-QString PortalShortcutBackend::idFor(int index) const
+// One entry per trigger, named after it, so a layout added later is a new
+// entry the desktop binds beside the ones it keeps; the US name is the plain id.
+QString PortalShortcutBackend::idFor(const QString &trigger) const
 {
-    return index == 0 ? QString::fromLatin1(kShortcutId) : QStringLiteral("%1-%2").arg(QLatin1String(kShortcutId)).arg(index + 1);
+    const std::optional<QString> usName = preferredTrigger(*m_wanted);
+    if (!usName || trigger == *usName || trigger.isEmpty())
+        return QString::fromLatin1(kShortcutId);
+    QString id = QLatin1String(kShortcutId) + QLatin1Char('-');
+    for (const QChar c : trigger)
+        id += (c.isLetterOrNumber() && c.unicode() < 128) ? c : QLatin1Char('_');
+    return id;
+}
+
+void PortalShortcutBackend::triggersChanged()
+{
+    if (!m_wanted || m_version == 0 || m_stage == Stage::refused)
+        return;
+    if (m_stage == Stage::creatingSession || m_stage == Stage::listing || m_stage == Stage::binding) {
+        m_recheck = true;
+        return;
+    }
+    const std::optional<QStringList> triggers = m_triggers ? m_triggers(*m_wanted) : QStringList();
+    if (!triggers)
+        return;
+    QStringList ids;
+    for (const QString &trigger : *triggers)
+        ids << idFor(trigger);
+    const bool known = std::all_of(ids.cbegin(), ids.cend(), [&](const QString &id) { return m_listed.contains(id); });
+    if (m_stage != Stage::idle && known)
+        return;
+    m_retry.stop();
+    m_retryDelayMs = 0;
+    // A fresh session: some desktops bind only once per session.
+    m_rebinding = m_stage == Stage::bound;
+    closeSession();
+    m_boundThisRun = false;
+    begin(false);
 }
 
 void PortalShortcutBackend::createSession()
@@ -253,7 +313,8 @@ void PortalShortcutBackend::listShortcuts()
         [this, generation](ResponseCode code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
-            const bool listed = code == ResponseCode::success && takeShortcuts(results.value(QStringLiteral("shortcuts")));
+            const bool listed = code == ResponseCode::success && takeShortcuts(results.value(QStringLiteral("shortcuts")))
+                && std::all_of(m_ids.cbegin(), m_ids.cend(), [this](const QString &id) { return m_listed.contains(id); });
             if (listed && !m_askAgain && (!m_triggerDescription.isEmpty() || m_boundThisRun)) {
                 settle();
                 return;
@@ -266,16 +327,13 @@ void PortalShortcutBackend::bindShortcuts()
 {
     m_stage = Stage::binding;
     const uint generation = m_generation;
-    const QStringList triggers = m_triggers ? m_triggers(*m_wanted) : QStringList();
     QList<ShortcutEntry> list;
     for (int i = 0; i < m_ids.size(); ++i) {
         QVariantMap properties{{QStringLiteral("description"),
             i == 0 ? QStringLiteral("Start or stop a dictation")
                    : QStringLiteral("Start or stop a dictation (the same key on another keyboard layout)")}};
-        if (i < triggers.size())
-            properties.insert(QStringLiteral("preferred_trigger"), triggers.at(i));
-        else if (const std::optional<QString> trigger = preferredTrigger(*m_wanted))
-            properties.insert(QStringLiteral("preferred_trigger"), *trigger);
+        if (!m_idTriggers.at(i).isEmpty())
+            properties.insert(QStringLiteral("preferred_trigger"), m_idTriggers.at(i));
         list.append({m_ids.at(i), properties});
     }
     PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("BindShortcuts"),
@@ -305,9 +363,11 @@ bool PortalShortcutBackend::takeShortcuts(const QVariant &shortcuts)
 {
     QStringList descriptions;
     bool found = false;
+    m_listed.clear();
     for (const ShortcutEntry &entry : readShortcutList(shortcuts)) {
-        if (entry.id != QLatin1String(kShortcutId) && !entry.id.startsWith(QLatin1String(kShortcutId) + QLatin1Char('-')))
+        if (!isOurId(entry.id))
             continue;
+        m_listed << entry.id;
         found = true;
         const QString description = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
         if (!description.isEmpty() && !descriptions.contains(description))
@@ -323,6 +383,7 @@ void PortalShortcutBackend::settle()
 {
     m_retry.stop();
     m_retryDelayMs = 0;
+    m_rebinding = false;
     // Hyprland's portal never names a key: the user's config gives it one
     // (the shortcut sheet shows the line), so there is nothing to wait for.
     if (m_triggerDescription.isEmpty() && currentDesktop() != Desktop::hyprland) {
@@ -336,6 +397,8 @@ void PortalShortcutBackend::settle()
     qCInfo(lcPortal, "portal shortcut stage=%s trigger=%s", m_stage == Stage::bound ? "bound" : "keyless",
         qPrintable(m_triggerDescription));
     Q_EMIT installationChanged();
+    if (std::exchange(m_recheck, false))
+        triggersChanged();
 }
 
 void PortalShortcutBackend::fail(Stage stage, const QString &reason)
@@ -343,6 +406,7 @@ void PortalShortcutBackend::fail(Stage stage, const QString &reason)
     qCInfo(lcPortal, "portal shortcut stage=%s reason=%s", stage == Stage::refused ? "refused" : "failed", qPrintable(reason));
     m_stage = stage;
     m_failureReason = reason;
+    m_rebinding = m_recheck = false;
     if (stage == Stage::failed) {
         m_retryDelayMs = m_retryDelayMs == 0 ? kFirstRetryMs : std::min(2 * m_retryDelayMs, kLongestRetryMs);
         m_retry.start(m_retryDelayMs);
@@ -377,7 +441,7 @@ bool PortalShortcutBackend::isOurs(const QDBusMessage &message) const
     const QList<QVariant> arguments = message.arguments();
     return !m_session.isEmpty() && arguments.size() >= 2
         && qvariant_cast<QDBusObjectPath>(arguments.at(0)).path() == m_session
-        && m_ids.contains(arguments.at(1).toString());
+        && isOurId(arguments.at(1).toString());
 }
 
 void PortalShortcutBackend::onActivated(const QDBusMessage &message)

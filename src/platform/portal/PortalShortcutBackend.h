@@ -31,7 +31,8 @@ public:
 
     // The triggers that describe a shortcut to the desktop, one per symbol
     // the key types on the user's layouts; by default the US name alone.
-    using Triggers = std::function<QStringList(const GlobalShortcut &)>;
+    // Nothing while the layouts are still being read: binding waits for them.
+    using Triggers = std::function<std::optional<QStringList>(const GlobalShortcut &)>;
 
     explicit PortalShortcutBackend(QDBusConnection connection, Triggers triggers = {}, QObject *parent = nullptr);
     ~PortalShortcutBackend() override;
@@ -49,6 +50,11 @@ public:
     // shortcut listed without a key, or to change the key where the desktop
     // offers its own dialog for that.
     void askAgain();
+
+    // The user's layouts changed: a trigger the desktop does not know yet is
+    // bound in a fresh session (one entry per trigger, so the desktop keeps
+    // the others as they are).
+    void triggersChanged();
 
     Stage stage() const { return m_stage; }
     // How the desktop says the shortcut is triggered ("`" or "Ctrl+Alt+K");
@@ -74,7 +80,7 @@ private:
     void forgetSession();
     void closeSession();
     bool isOurs(const QDBusMessage &message) const;
-    QString idFor(int index) const;
+    QString idFor(const QString &trigger) const;
 
     QDBusConnection m_connection;
     Triggers m_triggers;
@@ -83,8 +89,12 @@ private:
     QString m_session;
     std::optional<GlobalShortcut> m_wanted;
     QStringList m_ids; // the entries this run binds: one per trigger
+    QStringList m_idTriggers; // beside m_ids
+    QStringList m_listed; // our entries the desktop lists
     bool m_boundThisRun = false;
     bool m_askAgain = false; // the user asked: bind even what is listed
+    bool m_rebinding = false; // bound, now adding a new layout's trigger
+    bool m_recheck = false; // layouts changed while the desktop was answering
     QString m_triggerDescription;
     QString m_failureReason;
     bool m_keyDown = false;

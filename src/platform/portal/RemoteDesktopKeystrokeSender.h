@@ -57,6 +57,7 @@ public:
     QString failureReason() const override { return m_failureReason; }
     bool pastesWithVOnEveryLayout() const override { return m_vOnEveryLayout; }
     void setVOnEveryLayout(bool yes) { m_vOnEveryLayout = yes; }
+    void setKeyForV(int evdevCode) { m_keyForV = evdevCode; }
 
 Q_SIGNALS:
     void stageChanged(dictora::portal::RemoteDesktopKeystrokeSender::Stage stage);
@@ -81,7 +82,7 @@ private:
     QDBusConnection m_connection;
     TokenStore m_tokens;
     int m_keyForV;
-    bool m_vOnEveryLayout = true;
+    std::atomic<bool> m_vOnEveryLayout{true}; // read by the paste service
     uint m_version = 0;
     Stage m_stage = Stage::idle;
     std::atomic<Consent> m_consent{Consent::unknown};

@@ -3,6 +3,8 @@
 #include "platform/FocusAtPasteWindowTracker.h"
 #include "platform/kde/KdePlatform.h"
 #include "platform/portal/KeyboardLayout.h"
+#include "platform/portal/LayoutWatch.h"
+#include "platform/portal/PortalDesktopIntegration.h"
 #include "platform/portal/PortalPlatform.h"
 #include "platform/portal/UinputKeystrokeSender.h"
 #include "platform/x11/X11Platform.h"
@@ -220,15 +222,24 @@ std::unique_ptr<KeystrokeSender> createKeystrokeSender()
                 return nullptr;
             }
             auto sender = std::make_unique<portal::RemoteDesktopKeystrokeSender>(
-                QDBusConnection::sessionBus(), remoteDesktopTokens(), portal::evdevCodeForV());
+                QDBusConnection::sessionBus(), remoteDesktopTokens());
             const auto follow = [raw = sender.get()] {
                 using Consent = portal::RemoteDesktopKeystrokeSender::Consent;
                 using Typing = portal::SessionMechanisms::Typing;
                 const Consent c = raw->consent();
                 typingConsent = c == Consent::allowed ? Typing::allowed : c == Consent::refused ? Typing::refused : Typing::unknown;
             };
-            const QList<portal::LayoutName> layouts = portal::configuredLayouts();
-            sender->setVOnEveryLayout(std::all_of(layouts.cbegin(), layouts.cend(), &portal::typesLatinV));
+            // Ctrl+V is V on the first layout; where one layout has no Latin V,
+            // the paste key must not depend on the active one.
+            const auto followLayouts = [raw = sender.get()] {
+                const std::optional<QList<portal::LayoutName>> layouts = portal::LayoutWatch::instance().layouts();
+                if (!layouts)
+                    return;
+                raw->setKeyForV(portal::evdevCodeForV(layouts->value(0)));
+                raw->setVOnEveryLayout(std::all_of(layouts->cbegin(), layouts->cend(), &portal::typesLatinV));
+            };
+            QObject::connect(&portal::LayoutWatch::instance(), &portal::LayoutWatch::changed, sender.get(), followLayouts);
+            followLayouts();
             QObject::connect(sender.get(), &portal::RemoteDesktopKeystrokeSender::stageChanged, sender.get(), follow);
             follow();
             return sender;
@@ -239,6 +250,11 @@ std::unique_ptr<KeystrokeSender> createKeystrokeSender()
         }},
         {"x11-xtest", always, [](QString *) { return X11Platform::createKeystrokeSender(); }},
     });
+}
+
+std::unique_ptr<DesktopIntegration> createDesktopIntegration(ShortcutBackend &shortcut, KeystrokeSender &keystrokes)
+{
+    return std::make_unique<portal::PortalDesktopIntegration>(shortcut, keystrokes, createPermissionProbe());
 }
 
 std::unique_ptr<PermissionProbe> createPermissionProbe()

@@ -2,6 +2,7 @@
 
 #include "platform/Clipboard.h"
 #include "platform/ClipboardReadWatcher.h"
+#include "platform/DesktopIntegration.h"
 #include "platform/KeystrokeSender.h"
 #include "platform/OverlayWindowHints.h"
 #include "platform/PermissionProbe.h"
@@ -40,6 +41,10 @@ std::unique_ptr<ShortcutBackend> createShortcutBackend(QObject *parent = nullptr
 std::unique_ptr<WindowTracker> createWindowTracker();
 std::unique_ptr<KeystrokeSender> createKeystrokeSender();
 std::unique_ptr<PermissionProbe> createPermissionProbe();
+// Onboarding's and the shortcut sheet's questions to the desktop, over the
+// session's shortcut and keystroke backends (which must outlive it), with
+// the session's permission checks.
+std::unique_ptr<DesktopIntegration> createDesktopIntegration(ShortcutBackend &shortcut, KeystrokeSender &keystrokes);
 // Needs the application object to exist (it serves this process's clipboard).
 std::unique_ptr<Clipboard> createClipboard(QObject *parent = nullptr);
 

@@ -5,6 +5,7 @@
   atspi.py find NAME [APP] [S]     wait up to S seconds for a showing object called NAME; prints its centre x,y
   atspi.py press NAME [APP] [S]    the same, then its first action (a button's "press")
   atspi.py on NAME [APP] [S]       the same for a switch or check box, pressed only when it is off
+  atspi.py checked NAME [APP]      exit status 0 when that switch or check box is on
 NAME is a button's (or switch's) name, or several as A|B, case-insensitive, exact or else its start; APP matches the
 application's accessible name as a substring, or with a leading ! every other application."""
 import sys, time, dbus
@@ -86,12 +87,14 @@ elif cmd == 'dump':
     for a, d, p, o in objects(bus(), sys.argv[2] if len(sys.argv) > 2 else ''):
         n, role, (x, y, w, h) = describe(o)
         print('%s | %s | %s | %d,%d %dx%d' % (a, role, n, x, y, w, h))
-elif cmd in ('find', 'press', 'on'):
+elif cmd in ('find', 'press', 'on', 'checked'):
     app = sys.argv[3] if len(sys.argv) > 3 else ''
     found = find(sys.argv[2], app, float(sys.argv[4]) if len(sys.argv) > 4 else 10)
     if not found:
         sys.exit('no showing "%s" in %s' % (sys.argv[2], app or 'any application'))
     o, n, role, (x, y, w, h) = found
+    if cmd == 'checked':
+        sys.exit(0 if int(o.GetState(dbus_interface=A)[0]) & CHECKED else 1)
     print('%s %d,%d' % (n, x + w // 2, y + h // 2))
     if cmd == 'press' or (cmd == 'on' and not int(o.GetState(dbus_interface=A)[0]) & CHECKED):
         o.DoAction(0, dbus_interface='org.a11y.atspi.Action')

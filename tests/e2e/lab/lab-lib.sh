@@ -112,13 +112,26 @@ kill_tagged() { local p; for p in $(lab_tagged_pids); do [ "$(cat "/proc/$p/comm
 answer() {
   local out= names; names=$(IFS='|'; echo "$*")
   if atspi find "$names" "$DIALOG_APP" "${ANSWER_WAIT:-15}" >/dev/null; then
-    # GNOME's typing dialog forgets the answer unless asked to remember it.
-    atspi on "Remember This Selection" "$DIALOG_APP" 0 >/dev/null
-    # GNOME shares the screen only, unless input is allowed too.
-    atspi on "Allow Remote Interaction" "$DIALOG_APP" 0 >/dev/null
-    out=$(atspi press "$names" "$DIALOG_APP" 1) && { say "dialog: pressed \"${out% *}\""; sleep 1; return 0; }
+    # GNOME's typing dialog forgets the answer unless asked to remember it,
+    # and shares the screen only, unless input is allowed too.
+    switch_on "Remember This Selection"; switch_on "Allow Remote Interaction"
+    out=$(atspi press "$names" "$DIALOG_APP" 1) || { say "dialog: none of $* ($out)"; buttons; return 1; }
+    sleep 1
+    # gnome-shell's buttons may ignore the accessibility action: then a click at the button, as a user would.
+    if [ "$DESK" = gnome ] && dialog_showing "${out% *}" 1; then
+      key "click:${out##* }"; sleep 1
+      say "dialog: clicked \"${out% *}\" at ${out##* }"
+    else say "dialog: pressed \"${out% *}\""; fi
+    return 0
   fi
   say "dialog: none of $* ($out)"; buttons; return 1
+}
+switch_on() {
+  local out; out=$(atspi on "$1" "$DIALOG_APP" 0) || return 0
+  [ "$DESK" = gnome ] || return 0
+  sleep 0.5; atspi checked "$1" "$DIALOG_APP" >/dev/null 2>&1 && return 0
+  key "click:${out##* }"; sleep 0.5
+  atspi checked "$1" "$DIALOG_APP" >/dev/null 2>&1 || say "dialog: \"$1\" stays off"
 }
 dialog_showing() { atspi find "$1" "$DIALOG_APP" "${2:-3}" >/dev/null; }
 # onboarding BUTTON [S]: presses a button of Dictora's own window

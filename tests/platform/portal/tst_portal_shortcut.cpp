@@ -1,9 +1,12 @@
 #include "FakePortal.h"
+#include "platform/portal/LayoutWatch.h"
 #include "platform/portal/PortalShortcutBackend.h"
 #include "platform/portal/PortalTrigger.h"
 #include "support/TestSupport.h"
 
 #include <QJsonObject>
+#include <QSettings>
+#include <QTemporaryDir>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -243,6 +246,72 @@ private Q_SLOTS:
         QSignalSpy pressed(&backend, &ShortcutBackend::pressed);
         portal.press(entries.last().toArray()[0].toString());
         QVERIFY(waitForAnswer(pressed));
+    }
+
+    // A layout added while Dictora runs gets its own entry in a fresh
+    // session; the key keeps working meanwhile, and an unchanged list binds
+    // nothing. GNOME lists nothing to a new session and answers the bind.
+    void layoutAddedLater_data()
+    {
+        QTest::addColumn<QString>("answer");
+        QTest::newRow("lists") << "accept";
+        QTest::newRow("gnome") << "gnome";
+    }
+
+    void layoutAddedLater()
+    {
+        QFETCH(QString, answer);
+        if (!QFile::exists("/usr/share/X11/xkb/symbols/de"))
+            QSKIP("xkb-data is not installed");
+        FakePortal portal;
+        QVERIFY2(portal.start({"--bind-answer", answer}), qPrintable(portal.errorText()));
+        std::optional<QList<portal::LayoutName>> layouts; // not read yet
+        PortalShortcutBackend backend(clientOf(portal), [&](const GlobalShortcut &s) -> std::optional<QStringList> {
+            return layouts ? std::optional(portal::preferredTriggers(s, *layouts)) : std::nullopt;
+        });
+        connect(&backend, &ShortcutBackend::installationChanged, &backend, [&] { backend.install(kBacktick); });
+        backend.install(kBacktick);
+        QTest::qWait(200);
+        QCOMPARE(portal.calls("GlobalShortcuts.CreateSession").size(), 0); // nothing bound before the layouts are known
+        layouts = QList<portal::LayoutName>{{"us", {}}};
+        backend.triggersChanged();
+        QVERIFY(QTest::qWaitFor([&] { return backend.verifyInstalled(kBacktick); }, 10000));
+
+        layouts->append(portal::LayoutName{"de", {}});
+        backend.triggersChanged();
+        QVERIFY(backend.verifyInstalled(kBacktick));
+        QVERIFY(QTest::qWaitFor([&] { return portal.calls("GlobalShortcuts.BindShortcuts").size() == 2; }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return backend.stage() == PortalShortcutBackend::Stage::bound; }, 10000));
+        QSignalSpy pressed(&backend, &ShortcutBackend::pressed);
+        portal.press("dictate-dead_circumflex");
+        QVERIFY(waitForAnswer(pressed));
+
+        backend.triggersChanged();
+        QTest::qWait(300);
+        QCOMPARE(portal.calls("GlobalShortcuts.CreateSession").size(), 2);
+    }
+
+    // KDE's settings write kxkbrc and say so on the bus: the watch reads it again.
+    void layoutWatchFollowsKde()
+    {
+        QTemporaryDir config;
+        qputenv("XDG_CONFIG_HOME", config.path().toUtf8());
+        qunsetenv("XKB_DEFAULT_LAYOUT");
+        const auto writeLayouts = [&](const char *list) {
+            QSettings kxkbrc(config.filePath("kxkbrc"), QSettings::IniFormat);
+            kxkbrc.setValue("Layout/LayoutList", QString::fromLatin1(list));
+        };
+        writeLayouts("us");
+        FakePortal portal;
+        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
+        portal::LayoutWatch watch(clientOf(portal));
+        QSignalSpy changed(&watch, &portal::LayoutWatch::changed);
+        QVERIFY(waitForAnswer(changed));
+        QCOMPARE(watch.layouts()->value(0).layout, QStringLiteral("us"));
+        writeLayouts("ru,us");
+        clientOf(portal).send(QDBusMessage::createSignal("/Layouts", "org.kde.keyboard", "reloadConfig"));
+        QVERIFY(waitForAnswer(changed, 2));
+        QCOMPARE(watch.layouts()->size(), 2);
     }
 
     // The portal restarts: the app id goes again first, and the shortcut
