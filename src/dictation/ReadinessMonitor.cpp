@@ -63,11 +63,16 @@ void ReadinessMonitor::installCurrentShortcutSilently()
         }
         Q_EMIT shortcutInstalled();
         m_loggedAccessibilityWait = false;
-        qCInfo(lcSession).noquote() << QStringLiteral("global shortcut event tap installed shortcut=") + shortcutText(candidate);
+        // The backend confirms again on every change it reports; the log says it once.
+        if (m_loggedInstalled != candidate) {
+            m_loggedInstalled = candidate;
+            qCInfo(lcSession).noquote() << QStringLiteral("global shortcut event tap installed shortcut=") + shortcutText(candidate);
+        }
         m_onboarding.showPracticeWhenReady();
         return;
     }
     Q_EMIT shortcutMissing();
+    m_loggedInstalled.reset();
     if (!m_loggedAccessibilityWait) {
         m_loggedAccessibilityWait = true;
         qCInfo(lcSession).noquote() << QStringLiteral("waiting for Accessibility permission reason=") + m_shortcut.failureReason();

@@ -78,6 +78,7 @@ private:
     QTimer m_shortcutRetry;
     QTimer m_permissionPoll;
     std::optional<GlobalShortcut> m_pendingShortcutUpdate;
+    std::optional<GlobalShortcut> m_loggedInstalled;
     bool m_loggedAccessibilityWait = false;
 
     // Cached answers. The desktop check leaves the shortcut's own grab out:

@@ -14,7 +14,7 @@ session = dbus.SessionBus()
 a11y = session.get_object('org.a11y.Bus', '/org/a11y/bus')
 A, PROPS = 'org.a11y.atspi.Accessible', 'org.freedesktop.DBus.Properties'
 SHOWING, CHECKED = 1 << 25, 1 << 4
-PRESSABLE = ('push button', 'button', 'toggle button', 'check box', 'switch', 'radio button')
+PRESSABLE = ('push button', 'button', 'toggle button', 'check box', 'checkbox', 'switch', 'radio button')
 
 
 def bus():
@@ -57,6 +57,13 @@ def describe(o):
     return name, role, (int(x), int(y), int(w), int(h))
 
 
+def actions(o):
+    try:
+        return int(o.Get('org.a11y.atspi.Action', 'NActions', dbus_interface=PROPS))
+    except dbus.DBusException:
+        return 0
+
+
 def find(name, app, seconds):
     deadline, wants = time.time() + seconds, name.lower().replace('_', '').split('|')
     while True:
@@ -67,7 +74,8 @@ def find(name, app, seconds):
                 if role not in PRESSABLE:
                     continue
                 n = n.lower().replace('_', '')
-                if n in wants:
+                # GTK 4 names a switch row like its switch; only the switch acts.
+                if n in wants and actions(o):
                     return o, n, role, ext
                 if near is None and role in ('push button', 'button') and any(n.startswith(w) for w in wants):
                     near = o, n, role, ext
