@@ -4,6 +4,8 @@
 
 #include <QHash>
 
+#include <algorithm>
+
 namespace dictora::portal {
 
 std::optional<QString> keysymName(int evdev)
@@ -78,8 +80,11 @@ QStringList preferredTriggers(const GlobalShortcut &shortcut, const QList<Layout
                 triggers << withModifiers(shortcut, key);
         }
     }
-    if (triggers.isEmpty()) {
-        if (const std::optional<QString> us = preferredTrigger(shortcut))
+    // Where a layout has no Latin letters, GNOME matches shortcuts by their
+    // US names too; it never fires the Cyrillic name alone.
+    const bool nonLatin = std::any_of(layouts.cbegin(), layouts.cend(), [](const LayoutName &l) { return !typesLatinV(l); });
+    if (triggers.isEmpty() || nonLatin) {
+        if (const std::optional<QString> us = preferredTrigger(shortcut); us && !triggers.contains(*us))
             triggers << *us;
     }
     return triggers;

@@ -155,6 +155,7 @@ void RemoteDesktopKeystrokeSender::startSession()
             // the next run asks again, and the kept one is spent.
             if (m_tokens.save)
                 m_tokens.save(results.value(QStringLiteral("restore_token")).toString());
+            m_primed = false;
             setStage(Stage::started);
             if (std::optional<Queued> queued = std::exchange(m_queued, std::nullopt))
                 type(queued->keystroke, std::move(queued->done));
@@ -194,7 +195,12 @@ void RemoteDesktopKeystrokeSender::sendThen(PasteKeystroke keystroke, Sent done)
 
 void RemoteDesktopKeystrokeSender::type(PasteKeystroke keystroke, Sent done)
 {
-    sendNext(keySequence(keystroke, m_keyForV), {}, std::move(done));
+    QList<KeyTransition> keys = keySequence(keystroke, m_keyForV);
+    // Mutter drops the first key event of a new session, which cost the
+    // first paste after launch its Shift or Ctrl: a lone Shift tap goes first.
+    if (!std::exchange(m_primed, true))
+        keys = QList<KeyTransition>{{Evdev::leftShift, true}, {Evdev::leftShift, false}} + keys;
+    sendNext(std::move(keys), {}, std::move(done));
 }
 
 // One key event, then the rest once the desktop has replied.

@@ -90,6 +90,7 @@ private:
     QString m_failureReason;
     std::optional<Queued> m_queued;
     uint m_generation = 0; // key events of an ended session are not followed up
+    bool m_primed = false; // this session has had its first key event
 };
 
 } // namespace dictora::portal

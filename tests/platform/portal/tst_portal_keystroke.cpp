@@ -71,7 +71,8 @@ private Q_SLOTS:
         sender.start();
         QVERIFY(waitForStage(sender, Stage::started));
         QVERIFY(sender.send(PasteKeystroke(keystroke)));
-        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == expected; }, 5000));
+        // A session's first key event is a lone Shift tap: mutter drops the first one.
+        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "42+ 42- " + expected; }, 5000));
     }
 
     void layoutDecidesTheKeyForV_data()
@@ -143,7 +144,7 @@ private Q_SLOTS:
         portal.setAnswers("accept", "accept");
         QVERIFY(sender.send(PasteKeystroke::controlShiftV));
         QVERIFY(waitForStage(sender, Stage::started));
-        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "29+ 42+ 47+ 47- 42- 29-"; }, 5000));
+        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "42+ 42- 29+ 42+ 47+ 47- 42- 29-"; }, 5000));
     }
 
     // What the user answers decides what is kept and what the next paste does.
@@ -197,7 +198,7 @@ private Q_SLOTS:
         sender.sendThen(PasteKeystroke::controlShiftV, [&](const QString &e) { error = e, done = true; });
         QVERIFY(QTest::qWaitFor([&] { return done; }, 5000));
         QVERIFY(error.contains("did not take"));
-        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "29+ 42+ 42- 29-"; }, 5000));
+        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "42+ 42- 29+ 42+ 42- 29-"; }, 5000));
     }
 
     // KDE Plasma 5.27 offers version 1: no persistence to ask for.
