@@ -8,6 +8,7 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QPointer>
+#include <QTimer>
 
 namespace dictora::portal {
 
@@ -155,10 +156,21 @@ void RemoteDesktopKeystrokeSender::startSession()
             // the next run asks again, and the kept one is spent.
             if (m_tokens.save)
                 m_tokens.save(results.value(QStringLiteral("restore_token")).toString());
-            m_primed = false;
             setStage(Stage::started);
-            if (std::optional<Queued> queued = std::exchange(m_queued, std::nullopt))
-                type(queued->keystroke, std::move(queued->done));
+            // Mutter makes the session's keyboard on its first key event and
+            // drops what arrives meanwhile, which lost the first paste after
+            // launch: a lone Shift tap first; pastes wait until it has settled.
+            m_priming = true;
+            const uint primed = m_generation;
+            sendNext({{Evdev::leftShift, true}, {Evdev::leftShift, false}}, {}, [this, primed](const QString &) {
+                QTimer::singleShot(kKeyboardSettleMs, this, [this, primed] {
+                    if (primed != m_generation)
+                        return;
+                    m_priming = false;
+                    if (std::optional<Queued> queued = std::exchange(m_queued, std::nullopt))
+                        type(queued->keystroke, std::move(queued->done));
+                });
+            });
         });
 }
 
@@ -172,35 +184,33 @@ void RemoteDesktopKeystrokeSender::sendThen(PasteKeystroke keystroke, Sent done)
 {
     switch (m_stage) {
     case Stage::started:
-        type(keystroke, std::move(done));
-        return;
+        if (!m_priming) {
+            type(keystroke, std::move(done));
+            return;
+        }
+        break; // queued until the session's keyboard has settled
     case Stage::idle:
     case Stage::refused:
         // Refused or unanswered earlier: a paste is when the user expects the question.
         start();
-        if (m_stage != Stage::starting)
-            break;
-        [[fallthrough]];
+        break;
     case Stage::starting:
-        if (m_queued && m_queued->done)
-            m_queued->done(QStringLiteral("A newer paste took this one's place."));
-        m_queued = Queued{keystroke, std::move(done)};
-        return;
     case Stage::failed:
         break;
     }
-    if (done)
-        done(m_failureReason);
+    if (m_stage != Stage::starting && m_stage != Stage::started) {
+        if (done)
+            done(m_failureReason);
+        return;
+    }
+    if (m_queued && m_queued->done)
+        m_queued->done(QStringLiteral("A newer paste took this one's place."));
+    m_queued = Queued{keystroke, std::move(done)};
 }
 
 void RemoteDesktopKeystrokeSender::type(PasteKeystroke keystroke, Sent done)
 {
-    QList<KeyTransition> keys = keySequence(keystroke, m_keyForV);
-    // Mutter drops the first key event of a new session, which cost the
-    // first paste after launch its Shift or Ctrl: a lone Shift tap goes first.
-    if (!std::exchange(m_primed, true))
-        keys = QList<KeyTransition>{{Evdev::leftShift, true}, {Evdev::leftShift, false}} + keys;
-    sendNext(std::move(keys), {}, std::move(done));
+    sendNext(keySequence(keystroke, m_keyForV), {}, std::move(done));
 }
 
 // One key event, then the rest once the desktop has replied.
@@ -250,6 +260,7 @@ void RemoteDesktopKeystrokeSender::releaseAll(const QList<int> &held)
 void RemoteDesktopKeystrokeSender::forgetSession(bool close)
 {
     ++m_generation;
+    m_priming = false;
     if (!m_session.isEmpty()) {
         m_connection.disconnect(QLatin1String(kService), m_session, QLatin1String(kSessionInterface),
             QStringLiteral("Closed"), this, SLOT(onSessionClosed()));

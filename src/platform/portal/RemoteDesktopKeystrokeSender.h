@@ -24,6 +24,7 @@ public:
     static constexpr auto kSessionToken = "dictora_typing";
     static constexpr uint kKeyboard = 1;
     static constexpr uint kPersistUntilRevoked = 2;
+    static constexpr int kKeyboardSettleMs = 250;
 
     // An empty token forgets the kept one.
     struct TokenStore {
@@ -90,7 +91,7 @@ private:
     QString m_failureReason;
     std::optional<Queued> m_queued;
     uint m_generation = 0; // key events of an ended session are not followed up
-    bool m_primed = false; // this session has had its first key event
+    bool m_priming = false; // the session's first key event is settling
 };
 
 } // namespace dictora::portal

@@ -9,7 +9,13 @@ trap 'lab_stop >/dev/null 2>&1; exit 130' INT TERM
 
 say() { echo "[$DESK $(date +%T)] $*"; }
 pass() { say "PASS $CASE"; }
-fail() { say "FAIL $CASE: $*"; FAILED+=("$CASE"); show_logs; return 1; }
+fail() { say "FAIL $CASE: $*"; FAILED+=("$CASE"); screen_shot; show_logs; return 1; }
+# GNOME's screen at a failure, into the logs
+screen_shot() {
+  [ "$DESK" = gnome ] || return 0
+  local f=/tmp/lab-fail-${#FAILED[@]}.png
+  lab_gnome_shot "$f" >/dev/null 2>&1 && mv "$TRIXIE$f" "$LAB_LOGS/" && echo "   -- screen: $LAB_LOGS/${f#/tmp/}"
+}
 begin() { CASE=$1; say "---- $CASE"; }
 show_logs() {
   echo "   -- runtime.log (last 25 lines):"; tail -25 "$DLOG" 2>/dev/null | sed 's/^/   /'
@@ -91,11 +97,16 @@ foot_target() {
   TARGET=$TRIXIE/tmp/$1.txt; rm -f "$TARGET"
   lab_spawn "$LAB_LOGS/$1.log" foot --app-id="$1" sh -c "stty -icanon; cat > /tmp/$1.txt"
   local i; for i in $(seq 50); do [ -e "$TARGET" ] && break; sleep 0.2; done; sleep 1
+  focus_target
 }
+# GNOME does not focus a window started without an activation token while another has focus: a click
+# into it (new windows open at the centre), as a user would.
+focus_target() { [ "$DESK" = gnome ] && { key click:640,380; sleep 0.5; }; return 0; }
 # editor_target NAME: l3afpad on /tmp/NAME.txt; read back by saving (Ctrl+S)
 editor_target() {
   TARGET=$TRIXIE/tmp/$1.txt; : >"$TARGET"; chown "$LAB_UID" "$TARGET"
   lab_spawn "$LAB_LOGS/$1.log" l3afpad "/tmp/$1.txt"; sleep 3
+  focus_target
 }
 # dictate: the key below Escape, speech, the key again; then the text must reach TARGET
 PASTES=0
