@@ -29,8 +29,12 @@ void registerApplication(const QDBusConnection &connection, const QString &appId
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, context, [watcher, done = std::move(done)] {
         watcher->deleteLater();
         const QDBusPendingReply<> reply = *watcher;
-        if (done)
-            done(reply.isError() ? reply.error().name() + QStringLiteral(": ") + reply.error().message() : QString());
+        if (!done)
+            return;
+        // A second registration on one connection (the portal restarted
+        // twice in a row) is refused, but the first one holds.
+        const bool fine = !reply.isError() || reply.error().message().contains(QLatin1String("already associated"));
+        done(fine ? QString() : reply.error().name() + QStringLiteral(": ") + reply.error().message());
     });
 }
 
