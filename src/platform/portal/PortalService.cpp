@@ -32,7 +32,6 @@ PortalService::PortalService(const QDBusConnection &connection)
             if (oldOwner.isEmpty() && !m_lost)
                 return;
             m_lost = false;
-            ++m_restarts;
             registerApplication();
             Q_EMIT restarted();
         });

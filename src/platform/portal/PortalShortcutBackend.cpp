@@ -280,7 +280,7 @@ void PortalShortcutBackend::createSession()
     m_stage = Stage::creatingSession;
     const uint generation = m_generation;
     PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), PortalService::on(m_connection).sessionToken(kSessionToken)}}, this,
+        {{QStringLiteral("session_handle_token"), QLatin1String(kSessionToken)}}, this,
         [this, generation](ResponseCode code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;

@@ -76,7 +76,7 @@ void RemoteDesktopKeystrokeSender::start()
     setStage(Stage::starting, QStringLiteral("Waiting for you to allow Dictora to type in the desktop's dialog."));
     const uint generation = ++m_generation;
     PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), PortalService::on(m_connection).sessionToken(kSessionToken)}}, this,
+        {{QStringLiteral("session_handle_token"), QLatin1String(kSessionToken)}}, this,
         [this, generation](ResponseCode code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
