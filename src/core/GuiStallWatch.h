@@ -31,8 +31,8 @@ public:
     void traceEvents();
     // Where the longest stall happened: the activity when it began (and when
     // it ended, if that differs), the slowest event within it when traced,
-    // and the thread's own processor time over it (much less than the stall:
-    // the thread waited, or was not scheduled).
+    // and how long the thread ran and waited for a processor meanwhile (the
+    // rest it slept: on a reply, a lock or the disk).
     QString longestStallContext() const;
 
 protected:
@@ -44,14 +44,19 @@ private:
         const char *owner = nullptr;
         int type = 0;
     };
+    struct Schedule {
+        qint64 runningNs = 0;
+        qint64 waitingNs = 0; // runnable, but another thread had the processor
+    };
     void beat();
-    static qint64 threadCpuNs();
+    Schedule schedule() const;
 
     QTimer m_heartbeat;
     QElapsedTimer m_sinceBeat;
     qint64 m_longestNs = 0;
     int m_periodMs;
-    qint64 m_cpuAtBeatNs = 0;
+    int m_schedstat = -1;
+    Schedule m_atBeat;
     QString m_activity;
     QString m_activityAtBeat; // what was going on when the loop last came round
     QString m_longestContext;
