@@ -73,7 +73,8 @@ endif()
 
 include(${CMAKE_CURRENT_LIST_DIR}/WhisperAbort.cmake)
 dictora_patch_whisper_abort("${_src}/src/whisper.cpp" _abort_patch)
-message(STATUS "Dictora: abort inside whisper's graph computations (${_abort_patch})")
+dictora_patch_ggml_chunk_abort("${_src}/ggml/src/ggml-cpu/ggml-cpu.c" _chunk_patch)
+message(STATUS "Dictora: abort inside whisper's graph computations (${_abort_patch}; between chunks: ${_chunk_patch})")
 
 # Without the Vulkan headers or glslc the build still works, CPU only.
 set(_vulkan ${DICTORA_WHISPER_VULKAN})

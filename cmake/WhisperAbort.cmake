@@ -40,3 +40,33 @@ function(dictora_patch_whisper_abort source result_var)
   file(WRITE "${source}" "${_text}")
   set(${result_var} patched PARENT_SCOPE)
 endfunction()
+
+# The CPU back-end asks between nodes only, and one encoder matrix product
+# takes hundreds of milliseconds on two cores: each thread also asks after
+# every chunk of a product, so an abandoned recognition lets go within a chunk.
+set(_DICTORA_CHUNK_MARK "/* dictora: abort between chunks */")
+set(_DICTORA_CHUNK_SIGNATURE
+  "        ggml_compute_forward_mul_mat_one_chunk(params, dst, src0->type, num_rows_per_vec_dot, ir0_start, ir0_end, ir1_start, ir1_end);\n\n        if (nth >= nchunk0 * nchunk1) {\n            break;\n        }\n")
+
+function(dictora_patch_ggml_chunk_abort source result_var)
+  file(READ "${source}" _text)
+  string(FIND "${_text}" "${_DICTORA_CHUNK_MARK}" _marked)
+  if(NOT _marked EQUAL -1)
+    set(${result_var} already-patched PARENT_SCOPE)
+    return()
+  endif()
+  string(FIND "${_text}" "${_DICTORA_CHUNK_SIGNATURE}" _at)
+  if(_at EQUAL -1)
+    message(FATAL_ERROR "${source}: the matrix product's chunk loop was not found; the abort patch needs updating.")
+  endif()
+  string(CONCAT _with_abort
+    "${_DICTORA_CHUNK_SIGNATURE}"
+    "        ${_DICTORA_CHUNK_MARK}\n"
+    "        const struct ggml_cplan * plan = params->threadpool->cplan;\n"
+    "        if (plan && plan->abort_callback && plan->abort_callback(plan->abort_callback_data)) {\n"
+    "            break; // the node's result is thrown away with the graph\n"
+    "        }\n")
+  string(REPLACE "${_DICTORA_CHUNK_SIGNATURE}" "${_with_abort}" _text "${_text}")
+  file(WRITE "${source}" "${_text}")
+  set(${result_var} patched PARENT_SCOPE)
+endfunction()

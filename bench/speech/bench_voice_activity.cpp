@@ -1,18 +1,24 @@
 // The voice-activity detector on real speech joined with generated noise:
 // its precision and recall over speech frames, the seconds sent to the
-// recogniser against the seconds recorded, the wait after the press for 5 s
-// of speech inside a 20 s recording sent whole and sent as speech only (on
-// this machine's CPU, with the turbo-shaped test model, whose encoder costs
-// what the real one does), how soon an abandoned recognition lets go, and the
-// detector's own cost per minute of audio.
+// recogniser against the seconds recorded, and the detector's own cost per
+// minute of audio. Then the speech path as a dictation runs it (the chunker
+// fed as captured), on this machine's CPU with the turbo-shaped test model,
+// whose encoder costs what the real one does: the wait from the stop press to
+// the text for 5 s of speech inside a 20 s recording, with the voice gate off
+// (the whole recording recognised) and on (speech only); and, over a few
+// runs, how soon a cancelled recognition lets go and the queue is free again.
+// DICTORA_BENCH_RUNS sets the runs per figure (default 2, the abort at least 5).
 #include "speech/AccurateSpeechEngine.h"
+#include "speech/ChunkedTranscription.h"
 #include "speech/RecognizerLogging.h"
 #include "support/SpeechScenes.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 
+#include <algorithm>
 #include <cstdio>
+#include <string>
 #include <thread>
 
 using namespace dictora;
@@ -38,12 +44,35 @@ const char *nameOf(Noise noise)
     return "";
 }
 
-double recogniseSeconds(AccurateSpeechEngine &engine, std::vector<float> samples)
+struct Streamed {
+    double seconds = 0;
+    qint64 sent = 0;
+};
+
+// The speech path as a dictation runs it: 100 ms buffers fed as captured
+// (here without the wait), then the stop; timed from finish() to the text.
+// With the detector's model the chunker sends speech only, as the gate does.
+Streamed afterStop(AccurateSpeechEngine &engine, const std::vector<float> &recording, const QString &detectorModel)
 {
+    auto recogniser = ChunkedTranscription::recogniserFor(engine);
+    const auto stream = detectorModel.isEmpty() ? std::make_unique<ChunkedTranscription>(recogniser)
+                                                : std::make_unique<ChunkedTranscription>(recogniser, detectorModel);
+    for (size_t at = 0; at < recording.size(); at += 1600)
+        stream->feed(recording.data() + at, std::min<size_t>(1600, recording.size() - at));
     QElapsedTimer timer;
     timer.start();
-    engine.transcribe(std::move(samples), AccurateSpeechEngine::kSampleRate).waitForFinished();
-    return double(timer.nsecsElapsed()) / 1e9;
+    stream->finish().waitForFinished();
+    return {double(timer.nsecsElapsed()) / 1e9, stream->samplesSent()};
+}
+
+void report(const char *what, qint64 sentSamples, std::vector<double> seconds)
+{
+    std::sort(seconds.begin(), seconds.end());
+    const std::string label = sentSamples > 0 ? QStringLiteral("%1, %2 s sent)").arg(QLatin1String(what))
+                                                    .arg(double(sentSamples) / 16000, 0, 'f', 1).toStdString()
+                                              : std::string(what);
+    std::printf("%-44s median %.3f s  min %.3f  max %.3f\n", label.c_str(), seconds[seconds.size() / 2],
+        seconds.front(), seconds.back());
 }
 
 } // namespace
@@ -103,28 +132,53 @@ int main(int argc, char **argv)
     const Scene twenty = joinScene({std::vector<float>(five.begin(), five.begin() + 40000),
                                        std::vector<float>(five.begin() + 40000, five.end())},
         Noise::pink, 0.01f, 6.0, 4.0);
-    recogniseSeconds(engine, std::vector<float>(16000, 0.0f)); // warm caches
-    const double whole = recogniseSeconds(engine, twenty.samples);
-    timer.restart();
-    const auto gate = VoiceActivityDetector::open(vadModel);
-    std::vector<float> speech = speechOnly(twenty.samples,
-        speechSpans(gate->probabilities(twenty.samples), qsizetype(twenty.samples.size())));
-    const double vadSeconds = double(timer.nsecsElapsed()) / 1e9;
-    const double speechSeconds = double(speech.size()) / 16000;
-    const double gated = vadSeconds + recogniseSeconds(engine, std::move(speech));
-    std::printf("time after the press, %.1f s recording with %.1f s of speech (%d threads, CPU):\n",
-        twenty.seconds(), double(five.size()) / 16000, AccurateSpeechEngine::threadCountFor(
-                                                            AccurateSpeechEngine::activeProcessorCount()));
-    std::printf("  whole recording sent: %.2f s\n  speech only (%.1f s sent): %.2f s (detector %.0f ms)\n", whole,
-        speechSeconds, gated, vadSeconds * 1000);
+    const int runs = qEnvironmentVariableIsSet("DICTORA_BENCH_RUNS")
+        ? std::max(1, qEnvironmentVariableIntValue("DICTORA_BENCH_RUNS")) : 2;
+    std::printf("time after the stop press to the final text, %.1f s recording with %.1f s of speech "
+                "(streamed as captured, %d threads, CPU, test model without weights, %d runs):\n",
+        twenty.seconds(), double(five.size()) / 16000,
+        AccurateSpeechEngine::threadCountFor(AccurateSpeechEngine::activeProcessorCount()), runs);
+    for (const bool gated : {false, true}) {
+        std::vector<double> waits;
+        qint64 sent = 0;
+        for (int run = 0; run < runs; ++run) {
+            const Streamed streamed = afterStop(engine, twenty.samples, gated ? vadModel : QString());
+            waits.push_back(streamed.seconds);
+            sent = streamed.sent;
+        }
+        report(gated ? "  voice gate on (speech only" : "  voice gate off (whole recording", sent, waits);
+    }
 
-    // An abandoned recognition: from the flag to the queue being free again.
-    auto skip = std::make_shared<std::atomic_bool>(false);
-    auto running = engine.transcribe(std::vector<float>(30 * 16000, 0.01f), AccurateSpeechEngine::kSampleRate, skip);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    timer.restart();
-    skip->store(true);
-    running.waitForFinished();
-    std::printf("abandoned recognition let go %.0f ms after the abort\n", double(timer.nsecsElapsed()) / 1e6);
+    // A recording past one window has its first chunk in the recogniser while
+    // it goes on; the user cancels. From the cancel to the recogniser letting
+    // go, and to the queue taking the next dictation's recognition (here one
+    // already abandoned, so that it returns as soon as it is taken).
+    const Scene long40 = joinScene({clips[0], clips[1], clips[2], clips[0], clips[1]}, Noise::pink, 0.01f, 3.0, 2.0);
+    std::vector<double> letGo, queueFree;
+    for (int run = 0; run < std::max(runs, 5); ++run) {
+        QFuture<AccurateSpeechResult> chunk;
+        ChunkedTranscription stream([&](std::vector<float> samples, std::shared_ptr<const std::atomic_bool> skip) {
+            chunk = engine.transcribe(std::move(samples), AccurateSpeechEngine::kSampleRate, std::move(skip));
+            return chunk;
+        });
+        for (size_t at = 0; at < long40.samples.size() && stream.chunksSubmitted() == 0; at += 1600)
+            stream.feed(long40.samples.data() + at, std::min<size_t>(1600, long40.samples.size() - at));
+        if (stream.chunksSubmitted() == 0) {
+            std::printf("abort: no chunk went to the recogniser during %.1f s\n", long40.seconds());
+            return 1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000 + 400 * run)); // somewhere in the encoder
+        timer.restart();
+        stream.cancel();
+        auto next = engine.transcribe(std::vector<float>(16000, 0.0f), AccurateSpeechEngine::kSampleRate,
+            std::make_shared<std::atomic_bool>(true));
+        chunk.waitForFinished();
+        letGo.push_back(double(timer.nsecsElapsed()) / 1e9);
+        next.waitForFinished();
+        queueFree.push_back(double(timer.nsecsElapsed()) / 1e9);
+    }
+    std::printf("cancelled recognition (%.1f s recording, first chunk running; target 0.100 s):\n", long40.seconds());
+    report("  cancel -> recogniser let go", 0, letGo);
+    report("  cancel -> next recognition taken", 0, queueFree);
     return 0;
 }

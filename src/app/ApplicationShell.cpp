@@ -30,6 +30,7 @@
 #include <QSettings>
 #include <QSocketNotifier>
 #include <QThreadPool>
+#include <QTimer>
 #include <QStandardPaths>
 
 #include <csignal>
@@ -134,6 +135,34 @@ void openSoundSettings(const RuntimeLog &log)
         return;
     }
     log.write(QStringLiteral("no sound settings application found"));
+}
+
+// A setting changed as its sheet would change it; "ok" or what went wrong.
+QString applyMeasuredSetting(ProductPreferences &preferences, DictoraController &controller, const QString &key,
+    const QString &value)
+{
+    const bool on = value == QLatin1String("true");
+    if (key == QLatin1String(ProductPreferences::kLocationKey) && screenAnchorFromRaw(value))
+        preferences.setMicrophoneLocation(*screenAnchorFromRaw(value));
+    else if (key == QLatin1String(ProductPreferences::kSizeKey))
+        preferences.setMicrophoneSize(value == rawValue(OverlaySize::large) ? OverlaySize::large
+                : value == rawValue(OverlaySize::small)                 ? OverlaySize::small
+                                                                         : OverlaySize::medium);
+    else if (key == QLatin1String(ProductPreferences::kOpacityKey))
+        preferences.setMicrophoneOpacity(value.toDouble());
+    else if (key == QLatin1String(ProductPreferences::kShowsIconKey))
+        preferences.setShowsMicrophoneIcon(on);
+    else if (key == QLatin1String(ProductPreferences::kFormattingKey))
+        preferences.setFormattingEnabled(on);
+    else if (key == QLatin1String(ProductPreferences::kSnippetsKey))
+        preferences.setSnippetsEnabled(on);
+    else if (key == QLatin1String(ProductPreferences::kShortcutKey) && GlobalShortcut::fromJson(value.toUtf8())) {
+        const ShortcutUpdateResult result = controller.updateKeyboardShortcut(*GlobalShortcut::fromJson(value.toUtf8()));
+        return result.kind == ShortcutUpdateResult::Kind::updated ? QStringLiteral("ok")
+                                                                 : QStringLiteral("error: ") + result.message;
+    } else
+        return QStringLiteral("error: cannot set ") + key;
+    return QStringLiteral("ok");
 }
 
 } // namespace
@@ -297,7 +326,59 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     if (!tray.install())
         log.write(QStringLiteral("status item unavailable: the desktop has no system tray; start dictora again to show its window"));
 
+    // For the stall test and the benchmarks: the longest time the event loop
+    // went unserved during each dictation, in the log; or, with "session",
+    // over the whole run, asked for (and restarted) on the instance socket.
+    std::unique_ptr<GuiStallWatch> stallWatch;
+    const QByteArray stallMeasure = qgetenv("DICTORA_MEASURE_GUI_STALLS");
+    const bool wholeSession = stallMeasure == "session";
+    if (!stallMeasure.isEmpty()) {
+        stallWatch = std::make_unique<GuiStallWatch>();
+        QObject::connect(&state, &DictoraState::phaseChanged, stallWatch.get(), [&](const DictoraPhase &phase) {
+            stallWatch->setActivity(QStringLiteral("phase ") + phase.label());
+            // Otherwise its heartbeat runs only from the press to the saved record, so idle stays idle.
+            if (!wholeSession && phase.is(DictoraPhase::Kind::preparing))
+                stallWatch->start();
+        });
+        QObject::connect(&controller, &DictoraController::dictationFinished, stallWatch.get(), [&] {
+            log.write(QStringLiteral("gui thread longest stall ms=%1").arg(stallWatch->longestStallMs()));
+            if (!wholeSession)
+                stallWatch->stop();
+        });
+        if (wholeSession) {
+            stallWatch->setActivity(QStringLiteral("start-up"));
+            stallWatch->traceEvents();
+            QTimer::singleShot(0, stallWatch.get(), [&] { stallWatch->start(); });
+        }
+    }
+    // What the session benchmark asks of a measured run: the stall report, and
+    // the changes a user makes in the settings sheets and the first-run guide.
+    const auto measuredSessionCommand = [&](const QString &command) -> std::optional<QString> {
+        if (!wholeSession)
+            return std::nullopt;
+        if (command == QLatin1String("gui-stalls")) {
+            const QString answer = QStringLiteral("longest=%1 during=%2")
+                                       .arg(stallWatch->longestStallMs())
+                                       .arg(stallWatch->longestStallContext());
+            stallWatch->reset();
+            return answer;
+        }
+        if (command == QLatin1String("finish-onboarding")) {
+            stallWatch->setActivity(command);
+            controller.finishOnboarding();
+            return QStringLiteral("ok");
+        }
+        if (!command.startsWith(QLatin1String("set ")))
+            return std::nullopt;
+        const QString key = command.section(QLatin1Char(' '), 1, 1);
+        const QString value = command.section(QLatin1Char(' '), 2);
+        stallWatch->setActivity(QStringLiteral("setting ") + key);
+        return applyMeasuredSetting(preferences, controller, key, value);
+    };
+
     SingleInstanceServer instance(socketPath, [&](const QString &command) {
+        if (const std::optional<QString> answer = measuredSessionCommand(command))
+            return *answer;
         if (command == QLatin1String("show")) {
             log.write(QStringLiteral("second launch; showing main window"));
             window.present();
@@ -332,22 +413,6 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         return 1;
     }
     quitOnTerminationSignals(app);
-
-    // For the stall test and the dictation benchmark: the longest time the
-    // event loop went unserved during each dictation, in the log.
-    std::unique_ptr<GuiStallWatch> stallWatch;
-    if (qEnvironmentVariableIsSet("DICTORA_MEASURE_GUI_STALLS")) {
-        // Its heartbeat runs only from the press to the saved record, so idle stays idle.
-        stallWatch = std::make_unique<GuiStallWatch>();
-        QObject::connect(&state, &DictoraState::phaseChanged, stallWatch.get(), [&](const DictoraPhase &phase) {
-            if (phase.is(DictoraPhase::Kind::preparing))
-                stallWatch->start();
-        });
-        QObject::connect(&controller, &DictoraController::dictationFinished, stallWatch.get(), [&] {
-            log.write(QStringLiteral("gui thread longest stall ms=%1").arg(stallWatch->longestStallMs()));
-            stallWatch->stop();
-        });
-    }
 
     controller.start();
     showModelStatus();

@@ -1,5 +1,7 @@
 #include "core/ProductPreferences.h"
 
+#include "core/Async.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -93,9 +95,10 @@ std::optional<ScreenAnchor> screenAnchorFromRaw(const QString &raw)
 }
 
 ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
-    : QObject(parent), m_defaults(defaults)
+    : QObject(parent), m_file(defaults.fileName()), m_format(defaults.format())
 {
-    const auto value = [&](const char *key) { return m_defaults.value(QLatin1String(key)); };
+    m_writer.setMaxThreadCount(1);
+    const auto value = [&](const char *key) { return defaults.value(QLatin1String(key)); };
 
     m_location = screenAnchorFromRaw(value(kLocationKey).toString()).value_or(ScreenAnchor::bottomMiddle);
 
@@ -126,9 +129,38 @@ double ProductPreferences::clampOpacity(double value)
     return value;
 }
 
+ProductPreferences::~ProductPreferences()
+{
+    m_writer.waitForDone();
+}
+
 void ProductPreferences::store(const char *key, const QVariant &value)
 {
-    m_defaults.setValue(QLatin1String(key), value);
+    bool queued = false;
+    {
+        const QMutexLocker lock(&m_pendingMutex);
+        queued = !m_pending.isEmpty();
+        m_pending.insert(QLatin1String(key), value);
+    }
+    if (!queued)
+        runElsewhere(&m_writer, this, [this] { writePending(); }, [] {});
+}
+
+void ProductPreferences::writePending()
+{
+    QVariantMap values;
+    {
+        const QMutexLocker lock(&m_pendingMutex);
+        values.swap(m_pending);
+    }
+    if (values.isEmpty())
+        return;
+    // Its own object on this thread: QSettings objects over one file share
+    // what they hold, and each may be used on its own thread.
+    QSettings file(m_file, m_format);
+    for (auto it = values.cbegin(); it != values.cend(); ++it)
+        file.setValue(it.key(), it.value());
+    file.sync();
 }
 
 void ProductPreferences::setMicrophoneLocation(ScreenAnchor value)

@@ -3,8 +3,11 @@
 #include "shortcut/GlobalShortcut.h"
 
 #include <QList>
+#include <QMutex>
 #include <QObject>
 #include <QSettings>
+#include <QThreadPool>
+#include <QVariantMap>
 
 namespace dictora {
 
@@ -18,7 +21,10 @@ const QList<OverlaySize> &allOverlaySizes();
 std::optional<ScreenAnchor> screenAnchorFromRaw(const QString &raw);
 
 // The user's settings. Each property is read once from the store at
-// construction (nothing written back) and written through on every change.
+// construction (nothing written back) and written through on every change,
+// to the store's file, by a writer thread of its own: QSettings syncs the
+// file to disk, which the GUI thread must not wait for. The last of quick
+// changes wins; the destructor waits until everything is written.
 class ProductPreferences : public QObject {
     Q_OBJECT
 
@@ -42,6 +48,7 @@ public:
 
     // The store must outlive the preferences.
     explicit ProductPreferences(QSettings &defaults, QObject *parent = nullptr);
+    ~ProductPreferences() override;
 
     ScreenAnchor microphoneLocation() const { return m_location; }
     OverlaySize microphoneSize() const { return m_size; }
@@ -88,8 +95,13 @@ Q_SIGNALS:
 
 private:
     void store(const char *key, const QVariant &value);
+    void writePending(); // on the writer thread
 
-    QSettings &m_defaults;
+    QString m_file;
+    QSettings::Format m_format;
+    QMutex m_pendingMutex;
+    QVariantMap m_pending; // guarded by m_pendingMutex
+    QThreadPool m_writer;  // one thread, so writes land in order
     ScreenAnchor m_location = ScreenAnchor::bottomMiddle;
     OverlaySize m_size = OverlaySize::medium;
     double m_opacity = 0.9;

@@ -346,8 +346,8 @@ private Q_SLOTS:
         QCOMPARE(f.preferences.microphoneSize(), OverlaySize::large);
         view.currentScreen()->findChild<QSlider *>(QStringLiteral("opacity"))->setValue(50);
         QCOMPARE(f.preferences.microphoneOpacity(), 0.5);
-        QCOMPARE(f.settings.value(QString::fromLatin1(ProductPreferences::kLocationKey)).toString(),
-                 rawValue(ScreenAnchor::topRight));
+        QTRY_COMPARE(f.settings.value(QString::fromLatin1(ProductPreferences::kLocationKey)).toString(),
+                     rawValue(ScreenAnchor::topRight)); // written on the preferences' own thread
         saveShot(view, QStringLiteral("2-microphonePosition"));
         QTest::mouseClick(button(view, QStringLiteral("next")), Qt::LeftButton);
 

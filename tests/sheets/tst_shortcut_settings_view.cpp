@@ -278,7 +278,7 @@ private Q_SLOTS:
             QVERIFY(view.candidate());
             QCOMPARE(updates, 0);
         }
-        QVERIFY(ProductPreferences(*settings).holdToTalk());
+        QTRY_VERIFY(ProductPreferences(*settings).holdToTalk()); // written on the preferences' own thread
         ShortcutSettingsView again(preferences, update, {});
         QVERIFY(again.findChild<QCheckBox *>(QStringLiteral("holdToTalk"))->isChecked());
     }

@@ -162,7 +162,7 @@ private Q_SLOTS:
         QTest::mouseClick(toggle->toggle(), Qt::LeftButton);
         QVERIFY(!toggle->isOn());
         settings.sync();
-        QCOMPARE(settings.value(key).toBool(), false);
+        QTRY_COMPARE(settings.value(key).toBool(), false); // written on the preferences' own thread
         const bool formatting = card == QLatin1String("formatWords");
         QCOMPARE(formatting ? preferences.formattingEnabled() : preferences.snippetsEnabled(), false);
         QCOMPARE(formatting ? preferences.snippetsEnabled() : preferences.formattingEnabled(), true);

@@ -2,6 +2,7 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QDBusServiceWatcher>
 #include <QDir>
 #include <QFile>
@@ -9,6 +10,7 @@
 #include <QStandardPaths>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QLoggingCategory>
 
 #include <atomic>
 
@@ -17,6 +19,8 @@
 namespace dictora::kde {
 
 namespace {
+
+Q_LOGGING_CATEGORY(lcKWin, "dictora.kwin", QtInfoMsg)
 
 const QString kwinService = QStringLiteral("org.kde.KWin");
 const QString scriptingPath = QStringLiteral("/Scripting");
@@ -123,13 +127,19 @@ KWinWindowTracker::KWinWindowTracker(QDBusConnection bus)
         m_failure = QStringLiteral("Cannot offer KWin a place on the session bus to report the focused window.");
         return;
     }
+    // Asked of the bus itself, which answers at once; KWin is never waited for.
+    if (!m_bus.interface() || !m_bus.interface()->isServiceRegistered(kwinService)) {
+        m_failure = QStringLiteral("KWin does not answer on the session bus (org.kde.KWin), "
+                                   "so Dictora cannot tell which window to paste into.");
+        return;
+    }
     if (!loadTrackerScript(true))
         return;
     // A restarted KWin has forgotten the script.
     m_kwinWatcher = std::make_unique<QDBusServiceWatcher>(kwinService, m_bus,
         QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration);
     QObject::connect(m_kwinWatcher.get(), &QDBusServiceWatcher::serviceRegistered, m_reports.get(),
-        [this] { loadTrackerScript(false); });
+        [this] { loadTrackerScript(true); });
     QObject::connect(m_kwinWatcher.get(), &QDBusServiceWatcher::serviceUnregistered, m_reports.get(),
         [this] { onActiveWindow({}); });
 }
@@ -166,40 +176,45 @@ QString KWinWindowTracker::writeScript(const QString &name, const QString &body)
     return path;
 }
 
-bool KWinWindowTracker::loadTrackerScript(bool wait)
+bool KWinWindowTracker::loadTrackerScript(bool takeOver)
 {
     const QString path = writeScript(m_trackerName, scriptHeader() + QLatin1String(trackerBody));
     if (path.isEmpty()) {
         m_failure = QStringLiteral("Cannot write the KWin script to ") + m_scripts.path();
         return false;
     }
+    // Answered later: a KWin busy with its compositing keeps the GUI thread waiting otherwise.
     const QDBusMessage load = scriptingCall(QStringLiteral("loadScript"), {path, m_trackerName});
-    if (!wait) {
-        m_bus.send(load);
-        m_bus.send(scriptingCall(QStringLiteral("start")));
-        return true;
-    }
-    if (!m_bus.interface() || !m_bus.interface()->isServiceRegistered(kwinService)) {
-        m_failure = QStringLiteral("KWin does not answer on the session bus (org.kde.KWin), "
-                                   "so Dictora cannot tell which window to paste into.");
-        return false;
-    }
-    // Once, at start-up: a KWin that does not answer within the bound is not one to rely on.
-    QDBusMessage reply = m_bus.call(load, QDBus::Block, 2000);
-    if (reply.type() == QDBusMessage::ReplyMessage && reply.arguments().value(0).toInt() < 0) {
-        // A script by this name is left from an earlier process that had our pid and died.
-        unloadScript(m_trackerName, true);
-        reply = m_bus.call(load, QDBus::Block, 2000);
-    }
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
-        m_failure = QStringLiteral("KWin did not load the window tracking script: ") + reply.errorMessage();
-        return false;
-    }
-    if (reply.arguments().constFirst().toInt() < 0) {
-        m_failure = QStringLiteral("KWin refused the window tracking script.");
-        return false;
-    }
-    m_bus.send(scriptingCall(QStringLiteral("start")));
+    auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(load, 2000), m_reports.get());
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, m_reports.get(),
+        [this, takeOver](QDBusPendingCallWatcher *call) {
+            call->deleteLater();
+            const QDBusMessage reply = call->reply();
+            const bool answered = reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty();
+            const int id = answered ? reply.arguments().constFirst().toInt() : -1;
+            if (answered && id < 0 && takeOver) {
+                // A script by this name is left from an earlier process that had our pid and
+                // died. KWin lets go of an unloaded script only after answering, so the load
+                // waits for that answer rather than overtaking it.
+                const QDBusMessage unload = scriptingCall(QStringLiteral("unloadScript"), {m_trackerName});
+                auto *unloaded = new QDBusPendingCallWatcher(m_bus.asyncCall(unload, 2000), m_reports.get());
+                QObject::connect(unloaded, &QDBusPendingCallWatcher::finished, m_reports.get(),
+                    [this](QDBusPendingCallWatcher *done) {
+                        done->deleteLater();
+                        loadTrackerScript(false);
+                    });
+                return;
+            }
+            if (!answered || id < 0) {
+                m_failure = answered ? QStringLiteral("KWin refused the window tracking script.")
+                                     : QStringLiteral("KWin did not load the window tracking script: ")
+                        + reply.errorMessage();
+                qCWarning(lcKWin, "window tracker unavailable: %s", qPrintable(m_failure));
+                return;
+            }
+            m_failure.clear(); // a restarted KWin took the script after all
+            m_bus.send(scriptingCall(QStringLiteral("start")));
+        });
     return true;
 }
 
@@ -233,6 +248,10 @@ void KWinWindowTracker::onActivationDone(const QString &pluginName)
 
 std::optional<FrontmostWindow> KWinWindowTracker::frontmostWindow()
 {
+    // KWin refused the script after this tracker was chosen: as where the
+    // desktop names nothing, the target is whatever has focus at paste time.
+    if (!m_failure.isEmpty())
+        return FrontmostWindow{};
     Report active;
     quint64 handle = 0;
     {

@@ -27,7 +27,9 @@ public:
     explicit KWinWindowTracker(QDBusConnection bus = QDBusConnection::sessionBus());
     ~KWinWindowTracker() override;
 
-    // False when KWin is not on the bus or would not load the script.
+    // False when KWin is not on the bus or would not load the script. KWin's
+    // answer comes later, through the event loop; until then this is true,
+    // and a refusal then leaves the focus at paste time as the target.
     bool isUsable() const { return m_failure.isEmpty(); }
     QString failureReason() const { return m_failure; }
     // The plugin name KWin knows our script by; activation scripts add "-activate-N".
@@ -51,7 +53,9 @@ private:
     };
     void onActiveWindow(const Report &report);
     void onActivationDone(const QString &pluginName);
-    bool loadTrackerScript(bool wait);
+    // Loads asynchronously; false only when the script cannot be written.
+    // With `takeOver`, a script left under our name is unloaded and ours loaded again.
+    bool loadTrackerScript(bool takeOver);
     QString writeScript(const QString &name, const QString &body);
     void unloadScript(const QString &pluginName, bool wait = false);
     QString scriptHeader() const;
