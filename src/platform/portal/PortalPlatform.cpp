@@ -14,10 +14,13 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QSaveFile>
 #include <QSettings>
 #include <QThreadPool>
 #include <QStandardPaths>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace dictora::PortalPlatform {
 
@@ -44,13 +47,18 @@ QString ensureDesktopEntry(QString *error)
             return found;
     }
     QDir().mkpath(QFileInfo(userFile).path());
-    QSaveFile file(userFile);
     const QByteArray text = QStringLiteral(
         "[Desktop Entry]\nType=Application\nName=Dictora\nComment=Push-to-talk dictation\nExec=\"%1\"\nIcon=dictora\n"
         "NoDisplay=true\nTerminal=false\nX-Dictora-Source-Build=true\n").arg(binary).toUtf8();
-    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit()) {
+    // Written beside and renamed over, without QSaveFile's fsync: this runs
+    // at start-up on the GUI thread, and a lost entry is written again next run.
+    QFile file(userFile + QStringLiteral(".new"));
+    const bool written = file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(text) == text.size();
+    file.close();
+    if (!written || std::rename(QFile::encodeName(file.fileName()).constData(), QFile::encodeName(userFile).constData()) != 0) {
         if (error)
-            *error = QStringLiteral("%1: %2").arg(userFile, file.errorString());
+            *error = QStringLiteral("%1: %2").arg(userFile, written ? QString::fromLocal8Bit(std::strerror(errno)) : file.errorString());
+        file.remove();
         return {};
     }
     return userFile;
