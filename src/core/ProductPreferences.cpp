@@ -1,5 +1,7 @@
 #include "core/ProductPreferences.h"
 
+#include <QRegularExpression>
+
 #include <cmath>
 
 namespace dictora {
@@ -111,6 +113,55 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_snippets = readBool(value(kSnippetsKey)).value_or(true);
     m_holdToTalk = readBool(value(kHoldToTalkKey)).value_or(false);
     m_startsAtLogin = readBool(value(kStartAtLoginKey)).value_or(false);
+    m_language = validLanguage(value(kLanguageKey).toString());
+    m_vocabulary = cleanVocabulary(value(kVocabularyKey).toStringList());
+    m_restoresClipboard = readBool(value(kRestoreClipboardKey)).value_or(false);
+}
+
+void ProductPreferences::setRestoresClipboard(bool value)
+{
+    if (value == m_restoresClipboard)
+        return;
+    m_restoresClipboard = value;
+    store(kRestoreClipboardKey, value);
+    Q_EMIT restoresClipboardChanged(value);
+}
+
+QString ProductPreferences::validLanguage(const QString &value)
+{
+    static const QRegularExpression code(QStringLiteral("^([a-z]{2,3}|auto)$"));
+    return code.match(value).hasMatch() ? value : QString::fromLatin1(kDefaultLanguage);
+}
+
+QStringList ProductPreferences::cleanVocabulary(const QStringList &value)
+{
+    QStringList clean;
+    for (const QString &entry : value) {
+        const QString term = entry.simplified();
+        if (!term.isEmpty() && !clean.contains(term))
+            clean.append(term);
+    }
+    return clean;
+}
+
+void ProductPreferences::setLanguage(const QString &value)
+{
+    const QString language = validLanguage(value);
+    if (language == m_language)
+        return;
+    m_language = language;
+    store(kLanguageKey, language);
+    Q_EMIT languageChanged(language);
+}
+
+void ProductPreferences::setVocabulary(const QStringList &value)
+{
+    const QStringList vocabulary = cleanVocabulary(value);
+    if (vocabulary == m_vocabulary)
+        return;
+    m_vocabulary = vocabulary;
+    store(kVocabularyKey, vocabulary);
+    Q_EMIT vocabularyChanged(vocabulary);
 }
 
 double ProductPreferences::clampOpacity(double value)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QList>
+#include <QPair>
 #include <QString>
 
 #include <optional>
@@ -11,11 +12,13 @@ namespace dictora {
 // one; `gpu` asks for one explicitly (still the CPU when none is found).
 enum class SpeechDevicePreference { automatic, cpu, gpu };
 
-// The setting (in the preferences store) that can pin recognition to the CPU:
-// "cpu", or "auto" (the default).
+// The setting (in the preferences store) that picks the device: "auto" (the
+// default), "cpu", "gpu", or "gpu:N" for the library's GPU number N.
 inline constexpr auto kSpeechDeviceSettingKey = "transcription.device";
 
 std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text);
+// N of "gpu:N"; -1 for any other value.
+int speechDeviceGpuIndex(const QString &text);
 QString rawValue(SpeechDevicePreference preference);
 
 // DICTORA_SPEECH_DEVICE (cpu, gpu, auto) wins over `configured`; tests use it
@@ -45,7 +48,11 @@ struct SpeechDeviceChoice {
 
 // A discrete GPU first, else an integrated one; software rasterisers
 // (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped.
-SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference);
+// With `gpuIndex` set and usable, that GPU, whatever its kind.
+SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference,
+    int gpuIndex = -1);
+// Each GPU the choice could take, by its number, as "gpu:N" and its name.
+QList<QPair<QString, QString>> usableGpus(const QList<ComputeDevice> &devices);
 
 bool isSoftwareRasteriser(const ComputeDevice &device);
 

@@ -79,6 +79,11 @@ private Q_SLOTS:
             record.value("recordingDurationMilliseconds").toInteger()));
         QVERIFY(agrees(at("savedAt") - at("recordingStartedAt"), record.value("totalDurationMilliseconds").toInteger()));
 
+        // Nothing to paste again, and it says so.
+        QString refusal;
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("paste-last")}, &refusal), 1);
+        QVERIFY2(refusal.contains(QStringLiteral("The last dictation heard no speech")), qPrintable(refusal));
+
         // Back to idle: the next press starts a new recording, and quitting
         // in the middle of it ends the program cleanly.
         QVERIFY2(startDictation(2, &why), qPrintable(why));

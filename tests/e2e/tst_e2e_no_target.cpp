@@ -1,5 +1,6 @@
 #include "E2eSupport.h"
 
+#include <QClipboard>
 #include <QGuiApplication>
 #include <QJsonObject>
 #include <QtTest>
@@ -8,7 +9,7 @@ using namespace dictora::test::e2e;
 
 // A dictation that began with no other application focused has nowhere to
 // go: it is journaled as failed, nothing is pasted, and the program is ready
-// for the next press.
+// for the next press. `dictora paste-last` then puts it where the user wants.
 class TestE2eNoTarget : public E2eCase {
     Q_OBJECT
 
@@ -47,9 +48,11 @@ private Q_SLOTS:
         run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("hello there"));
         QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
         QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QString output;
+        QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &output), 1);
+        QVERIFY2(output.contains(QStringLiteral("There is no dictation yet.")), qPrintable(output));
 
         // A second start shows the running program's window.
-        QString output;
         QCOMPARE(run->runVerb(scriptedBinary(), {}, &output), 0);
         QTRY_COMPARE_WITH_TIMEOUT(windowPid(activeWindow()), run->pid(), 20000);
         if (!ownWindowFocused)
@@ -78,6 +81,22 @@ private Q_SLOTS:
                      &why),
             qPrintable(why));
         QVERIFY2(!messages.filter(QStringLiteral("paste begin")).size(), qPrintable(messages.join(u'\n')));
+
+        // Pasted again where the focus is now, the way a dictation is pasted.
+        TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
+        QVERIFY2(editor.start(&why), qPrintable(why));
+        QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &output), 0);
+        QString received;
+        QVERIFY2(editor.readBack(QStringLiteral("Hello there"), &received), qPrintable(received));
+        QVERIFY2(linesInOrder(run->messages(),
+                     {QStringLiteral("paste again id=%1 chars=11").arg(record.value("id").toString()),
+                         QStringLiteral("paste begin target=L3afpad chars=11"),
+                         QStringLiteral("command-v posted to pid=%1").arg(editor.pid())},
+                     &why),
+            qPrintable(why));
+        QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("copy-last")}), 0);
+        QTRY_COMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("Hello there"));
+        QCOMPARE(run->records().size(), 1); // nothing new is journaled
 
         // Idle again: the next dictation starts.
         QVERIFY2(startDictation(2, &why), qPrintable(why));

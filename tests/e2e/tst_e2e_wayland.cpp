@@ -108,6 +108,13 @@ private Q_SLOTS:
             qPrintable(why));
         QCOMPARE(messages.contains(QStringLiteral("paste target reactivated ok=true")), moveFocus);
         QTRY_VERIFY_WITH_TIMEOUT(run.countLines(QStringLiteral("paste delivered to target selection=clipboard")) == 1, 5000);
+
+        // The same text again, into the window that has the focus now.
+        if (!moveFocus) {
+            QCOMPARE(run.runVerb(scriptedBinary(), {QStringLiteral("paste-last")}), 0);
+            QVERIFY2(target.waitFor(expected + expected, 20000, &received), qPrintable(received));
+            QCOMPARE(run.records().size(), 1);
+        }
         QVERIFY2(run.stop(&why), qPrintable(why));
     }
 };

@@ -291,7 +291,7 @@ void DictoraController::captureStopped(MicrophonePort::Captured captured, qint64
     if (captured.samples.size() < kMinimumSamples || captured.rmsLevel < kMinimumRms) {
         log(QStringLiteral("accurate local transcription skipped for silence"));
         cancelStream();
-        finishWithText(QString(), 0, captureStopMs);
+        finishWithText(QString(), 0, captureStopMs, QString());
         return;
     }
     QPointer<DictoraController> self(this);
@@ -302,7 +302,7 @@ void DictoraController::captureStopped(MicrophonePort::Captured captured, qint64
             self->failDictation(error);
             return;
         }
-        self->finishWithText(result->text, result->durationMilliseconds, captureStopMs);
+        self->finishWithText(result->text, result->durationMilliseconds, captureStopMs, result->language);
     };
     if (m_streaming) {
         // Most of a long recording is recognised already; only the rest is left.
@@ -321,13 +321,17 @@ void DictoraController::cancelStream()
     m_c.speech.cancelStream();
 }
 
-void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs)
+void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs, QString language)
 {
     Finalization f;
     f.raw = raw;
     f.engineMs = engineMs;
     f.captureStopMs = captureStopMs;
-    f.text = BasicFormatter::formatTranscript(raw, m_preferences.formattingEnabled());
+    // A recogniser that does not say ran in the language the user chose.
+    if (language.isEmpty() && m_preferences.language() != QLatin1String(ProductPreferences::kAutomaticLanguage))
+        language = m_preferences.language();
+    f.language = language;
+    f.text = BasicFormatter::formatTranscript(raw, m_preferences.formattingEnabled(), language);
     if (m_preferences.snippetsEnabled())
         f.text = SnippetExpander::apply(f.text, m_c.snippets.entries());
     log(QStringLiteral("accurate local finalization returned rawChars=%1 formattedChars=%2")
@@ -367,6 +371,8 @@ void DictoraController::saveRecord(Finalization f)
     record.pasteDispatchDurationMilliseconds = f.pasteMs;
     record.error = f.error;
     record.earsDurationMilliseconds = f.engineMs;
+    if (!f.language.isEmpty())
+        record.language = f.language;
 
     log(QStringLiteral("journal append begin"));
     appendInBackground(record, [this, record, f](std::optional<QString> appendError) {

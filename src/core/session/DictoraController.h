@@ -94,6 +94,7 @@ private:
         qint64 engineMs = 0;
         qint64 pasteMs = 0;
         bool practice = false;
+        QString language;
         TranscriptOutcome outcome = TranscriptOutcome::empty;
         std::optional<QString> error;
     };
@@ -107,7 +108,7 @@ private:
     void captureStarted(const std::optional<QString> &error, const QUuid &sessionID, const QDateTime &startedAt);
     void stopAndPaste();
     void captureStopped(MicrophonePort::Captured captured, qint64 captureStopMs);
-    void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs);
+    void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs, QString language);
     void saveRecord(Finalization finalization);
     void failDictation(const QString &error);
     void cancelStream();

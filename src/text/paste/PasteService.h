@@ -46,12 +46,21 @@ public:
     // never if the service goes first. Pastes asked for meanwhile run after.
     void paste(const QString &text, const PasteTarget &target, Done done = {});
     bool isPasting() const { return m_busy; }
+    // The clipboard alone, no keystroke. False where this desktop has none.
+    bool copy(const QString &text);
+    // Off by default: the transcript replaces what the clipboard held. On:
+    // what it held, every format, comes back once the target has read the
+    // transcript (or after restoreTimeout where reads cannot be seen).
+    void setRestoresClipboard(bool restores) { m_restores = restores; }
 
     // Bounds of the waits in the sequence; long enough for a window manager
     // and a user letting go of keys, short enough never to hang a dictation.
     static constexpr std::chrono::milliseconds activationTimeout{1000};
     static constexpr std::chrono::milliseconds keyReleaseTimeout{2000};
     static constexpr std::chrono::milliseconds pollInterval{5};
+    static constexpr std::chrono::milliseconds restoreTimeout{2000};
+    // A target may ask for several formats of the text in a row.
+    static constexpr std::chrono::milliseconds restoreAfterRead{300};
 
 Q_SIGNALS:
     // The target read the text we offered, this long after paste() began.
@@ -74,6 +83,7 @@ private:
     void enter(Step step);
     void dispatch();
     void onTextRead(const QString &selection);
+    void restoreClipboard();
 
     const RuntimeLog &m_log;
     WindowTracker &m_windows;
@@ -84,6 +94,9 @@ private:
     QElapsedTimer m_lastPaste;
     bool m_busy = false; // the front request is under way
     bool m_awaitingRead = false;
+    bool m_restores = false;
+    std::optional<ClipboardContents> m_saved; // what to put back, while a restore waits
+    QTimer m_restore;
 };
 
 } // namespace dictora
