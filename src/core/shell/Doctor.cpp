@@ -27,6 +27,7 @@
 #include <QTemporaryFile>
 #include <QTimer>
 
+#include <algorithm>
 #include <cmath>
 
 namespace dictora {
