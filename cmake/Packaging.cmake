@@ -6,7 +6,7 @@ set(_data ${CMAKE_SOURCE_DIR}/data)
 set(_generated ${CMAKE_BINARY_DIR}/package-files)
 set(DICTORA_APP_ID "com.dictora.Dictora")
 
-install(FILES ${_data}/dictora.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications COMPONENT dictora)
+install(FILES ${_data}/${DICTORA_APP_ID}.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications COMPONENT dictora)
 install(FILES ${_data}/dictora.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps COMPONENT dictora)
 install(FILES ${_data}/${DICTORA_APP_ID}.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo COMPONENT dictora)
 # udev reads /usr/lib/udev/rules.d and /etc/udev/rules.d only: the package's

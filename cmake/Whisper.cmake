@@ -71,6 +71,10 @@ if(NOT EXISTS "${_stamp}")
   file(WRITE "${_stamp}" "${DICTORA_WHISPER_SHA512}\n")
 endif()
 
+include(${CMAKE_CURRENT_LIST_DIR}/WhisperAbort.cmake)
+dictora_patch_whisper_abort("${_src}/src/whisper.cpp" _abort_patch)
+message(STATUS "Dictora: abort inside whisper's graph computations (${_abort_patch})")
+
 # Without the Vulkan headers or glslc the build still works, CPU only.
 set(_vulkan ${DICTORA_WHISPER_VULKAN})
 if(_vulkan)

@@ -8,8 +8,8 @@
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
-#include "core/session/DictoraController.h"
-#include "core/shell/ProductionPorts.h"
+#include "dictation/DictoraController.h"
+#include "app/ProductionPorts.h"
 #include "history/TranscriptJournal.h"
 #include "platform/portal/PortalShortcutBackend.h"
 #include "text/SnippetStore.h"
@@ -95,7 +95,7 @@ int main(int argc, char **argv)
     portal::PortalShortcutBackend shortcut(portal.connect(QStringLiteral("dictora")));
     DictoraController controller(state, preferences,
         DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, snippets,
-            TranscriptJournal(dir.filePath(QStringLiteral("transcripts.jsonl"))), log, dir.path(), {}});
+            TranscriptJournal(dir.filePath(QStringLiteral("transcripts.jsonl"))), dir.path(), {}});
 
     QSignalSpy bound(&shortcut, &ShortcutBackend::installationChanged);
     controller.start();

@@ -4,6 +4,7 @@
 
 #include <QMetaObject>
 #include <QPointer>
+#include <QTimer>
 
 namespace dictora {
 
@@ -53,9 +54,26 @@ void AudioCaptureThread::start(AudioMeterCallback onMeterLevels, AudioSampleSink
     }, std::move(done));
 }
 
-void AudioCaptureThread::stop(Stopped done)
+void AudioCaptureThread::stop(Stopped done, int tailMilliseconds)
 {
-    request([](AudioCaptureService &service) { return service.stop(); }, std::move(done));
+    if (tailMilliseconds <= 0) {
+        request([](AudioCaptureService &service) { return service.stop(); }, std::move(done));
+        return;
+    }
+    // A timer on the capture thread, not a sleep: a cancel or another request
+    // in the meantime still runs in its turn.
+    QPointer<AudioCaptureThread> self(this);
+    QMetaObject::invokeMethod(m_service, [self, service = m_service, tailMilliseconds, done = std::move(done)]() mutable {
+        QTimer::singleShot(tailMilliseconds, service, [self, service, done = std::move(done)]() mutable {
+            CapturedAudioResult result = service->stop();
+            if (!self)
+                return;
+            QMetaObject::invokeMethod(self.data(), [done = std::move(done), result = std::move(result)]() mutable {
+                if (done)
+                    done(std::move(result));
+            }, Qt::QueuedConnection);
+        });
+    }, Qt::QueuedConnection);
 }
 
 void AudioCaptureThread::cancel()

@@ -32,7 +32,9 @@ public:
     // Meter levels arrive on this object's thread while recording; samples
     // (when onSamples is set) on the capture thread as they are converted.
     void start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples, Started done);
-    void stop(Stopped done);
+    // Capture goes on for `tailMilliseconds` after the call, so a word still
+    // being spoken at the press is kept; then everything comes back.
+    void stop(Stopped done, int tailMilliseconds = 0);
     void cancel();
     void requestPermission(Answered done);
     void checkStatus(StatusDone done);

@@ -5,7 +5,7 @@
 #include "core/DataPaths.h"
 #include "core/DiagnosticReport.h"
 #include "core/SingleInstance.h"
-#include "core/shell/Doctor.h"
+#include "app/Doctor.h"
 
 namespace dictora::cli {
 

@@ -2,7 +2,7 @@
 
 #include "cli/CommandLine.h"
 #include "cli/Verbs.h"
-#include "core/shell/ApplicationShell.h"
+#include "app/ApplicationShell.h"
 
 #include <QApplication>
 #include <QCoreApplication>

@@ -6,6 +6,7 @@
 #include "speech/AccuracyModelContract.h"
 #include "speech/ModelInstall.h"
 #include "speech/ModelVerifier.h"
+#include "speech/VoiceActivity.h"
 
 #include <QFileInfo>
 
@@ -21,13 +22,15 @@ const char *const kHelp =
     "       dictora model path\n"
     "\n"
     "  status        where the model is, its size, whether it passes its SHA-256\n"
-    "                check, and what the running Dictora is doing with it\n"
-    "  install FILE  checks FILE's size and SHA-256 against the model Dictora needs,\n"
-    "                then installs it; a running Dictora starts using it at once.\n"
+    "                check, and what the running Dictora is doing with it; the\n"
+    "                same for the voice-activity model that finds the speech\n"
+    "  install FILE  checks FILE's size and SHA-256 against the model Dictora needs\n"
+    "                (or the voice-activity model, when FILE has its size), then\n"
+    "                installs it; a running Dictora starts using it at once.\n"
     "                A wrong file is refused and the installed model is kept\n"
     "  path          prints where the model is installed\n";
 
-int runStatus(const AccuracyModelContract &contract)
+QString fileStatus(const AccuracyModelContract &contract)
 {
     const QString path = contract.installedPath();
     const QFileInfo info(path);
@@ -40,8 +43,16 @@ int runStatus(const AccuracyModelContract &contract)
         text += QStringLiteral("verified: %1\n").arg(valid ? QStringLiteral("yes, size and SHA-256 match")
                                                             : QStringLiteral("no, it does not match the model"));
     }
+    return text;
+}
+
+int runStatus(const AccuracyModelContract &contract, const AccuracyModelContract &voiceActivity)
+{
+    QString text = fileStatus(contract);
     const auto reply = sendToRunningInstance(DataPaths::instanceSocket(), QStringLiteral("model-status"));
     text += QStringLiteral("running:  %1\n").arg(reply ? *reply : QStringLiteral("Dictora is not running"));
+    text += QStringLiteral("\nvoice activity (finds the speech; without it whole recordings are recognised)\n")
+        + fileStatus(voiceActivity);
     printOut(text);
     return kExitOk;
 }
@@ -76,8 +87,10 @@ int runModel(const QStringList &arguments)
         return kExitOk;
     }
     AccuracyModelContract contract;
+    AccuracyModelContract voiceActivity;
     try {
         contract = AccuracyModelContract::current();
+        voiceActivity = VoiceActivityModel::current();
     } catch (const Error &error) {
         printErr(QStringLiteral("dictora model: %1\n").arg(error.description()));
         return kExitFailure;
@@ -87,12 +100,15 @@ int runModel(const QStringList &arguments)
     if (action == QLatin1String("install")) {
         if (rest.size() != 1)
             return usageError(kVerb, QStringLiteral("install takes one FILE"));
-        return runInstall(contract, rest.first());
+        // The two files differ in size by orders of magnitude: the size says which one is meant.
+        const qint64 size = QFileInfo(rest.first()).size();
+        const bool detector = size == voiceActivity.bytes && size != contract.bytes;
+        return runInstall(detector ? voiceActivity : contract, rest.first());
     }
     if (!rest.isEmpty())
         return usageError(kVerb, QStringLiteral("unexpected argument '%1'").arg(rest.first()));
     if (action == QLatin1String("status"))
-        return runStatus(contract);
+        return runStatus(contract, voiceActivity);
     if (action == QLatin1String("path")) {
         printOut(contract.installedPath() + QLatin1Char('\n'));
         return kExitOk;

@@ -23,6 +23,14 @@ void DictoraState::setLastTranscript(const QString &text)
     Q_EMIT lastTranscriptChanged(m_lastTranscript);
 }
 
+void DictoraState::setPreviewText(const QString &text)
+{
+    if (m_previewText == text)
+        return;
+    m_previewText = text;
+    Q_EMIT previewTextChanged(m_previewText);
+}
+
 void DictoraState::setMeterLevels(const AudioMeterLevels &levels)
 {
     if (m_meterLevels == levels)

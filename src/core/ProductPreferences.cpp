@@ -2,6 +2,7 @@
 
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <cmath>
 
 namespace dictora {
@@ -116,6 +117,9 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_language = validLanguage(value(kLanguageKey).toString());
     m_vocabulary = cleanVocabulary(value(kVocabularyKey).toStringList());
     m_restoresClipboard = readBool(value(kRestoreClipboardKey)).value_or(false);
+    m_captureTailMs = int(std::clamp(readNumber(value(kCaptureTailKey)).value_or(kDefaultCaptureTailMilliseconds), 0.0,
+        double(kMaximumCaptureTailMilliseconds)));
+    m_livePreview = readBool(value(kLivePreviewKey));
 }
 
 void ProductPreferences::setRestoresClipboard(bool value)

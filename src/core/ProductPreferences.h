@@ -38,6 +38,10 @@ public:
     static constexpr auto kRestoreClipboardKey = "paste.restoreClipboard";
     static constexpr auto kDefaultLanguage = "en";
     static constexpr auto kAutomaticLanguage = "auto";
+    static constexpr auto kCaptureTailKey = "audio.capture.tailMilliseconds";
+    static constexpr auto kLivePreviewKey = "overlay.livePreview.enabled";
+    static constexpr int kDefaultCaptureTailMilliseconds = 250;
+    static constexpr int kMaximumCaptureTailMilliseconds = 2000;
     static constexpr double kMinimumOpacity = 0.2;
     static constexpr double kMaximumOpacity = 1.0;
 
@@ -61,6 +65,11 @@ public:
     QStringList vocabulary() const { return m_vocabulary; }
     // Off by default: a paste leaves the transcript on the clipboard.
     bool restoresClipboard() const { return m_restoresClipboard; }
+    // How long capture goes on after the stop press, so a last word is kept.
+    int captureTailMilliseconds() const { return m_captureTailMs; }
+    // The text recognised so far, shown beside the indicator while recording.
+    // Unset: on where recognition runs faster than real time (a GPU).
+    std::optional<bool> livePreview() const { return m_livePreview; }
 
     void setMicrophoneLocation(ScreenAnchor value);
     void setMicrophoneSize(OverlaySize value);
@@ -118,6 +127,8 @@ private:
     QString m_language = QString::fromLatin1(kDefaultLanguage);
     QStringList m_vocabulary;
     bool m_restoresClipboard = false;
+    int m_captureTailMs = kDefaultCaptureTailMilliseconds;
+    std::optional<bool> m_livePreview;
 };
 
 } // namespace dictora

@@ -17,16 +17,11 @@ qint64 monotonicMs()
     return timer.elapsed();
 }
 
-bool isStarting(const DictoraPhase &phase)
-{
-    return phase.is(DictoraPhase::Kind::preparing);
-}
 } // namespace
 
 ShortcutGesture::ShortcutGesture(const DictoraState &state, Setting holdToTalk, QObject *parent)
     : QObject(parent), m_state(state), m_holdToTalk(std::move(holdToTalk)), m_clock(&monotonicMs)
 {
-    connect(&state, &DictoraState::phaseChanged, this, &ShortcutGesture::phaseChanged);
 }
 
 void ShortcutGesture::press()
@@ -37,7 +32,6 @@ void ShortcutGesture::press()
     m_keyDown = true;
     m_pressedAt = m_clock();
     m_pressStarted = phase.is(DictoraPhase::Kind::idle) || phase.is(DictoraPhase::Kind::error);
-    m_stopWhenRecording = false;
     Q_EMIT toggleRequested();
 }
 
@@ -51,20 +45,7 @@ void ShortcutGesture::release()
         return;
     if (m_clock() - m_pressedAt < kHoldThresholdMs)
         return; // a tap: the recording goes on until the next press
-    const DictoraPhase phase = m_state.phase();
-    if (phase.is(DictoraPhase::Kind::recording))
-        Q_EMIT toggleRequested();
-    else if (isStarting(phase))
-        m_stopWhenRecording = true;
-}
-
-void ShortcutGesture::phaseChanged(const DictoraPhase &phase)
-{
-    if (!m_stopWhenRecording || isStarting(phase))
-        return;
-    m_stopWhenRecording = false;
-    if (phase.is(DictoraPhase::Kind::recording))
-        Q_EMIT toggleRequested();
+    Q_EMIT stopRequested();
 }
 
 } // namespace dictora

@@ -8,10 +8,11 @@
 
 namespace dictora {
 
-// Turns the shortcut's key going down and up into toggles. A press always
+// Turns the shortcut's key going down and up into requests. A press always
 // toggles. With hold to talk on, releasing a key that started a recording and
-// was held long enough toggles again, so holding records until release while
-// a quick tap still behaves as a toggle.
+// was held long enough asks for a stop, so holding records until release while
+// a quick tap still behaves as a toggle. Whether the dictation can stop yet
+// (the microphone may still be opening) is the controller's business.
 class ShortcutGesture : public QObject {
     Q_OBJECT
 public:
@@ -32,18 +33,15 @@ public Q_SLOTS:
 
 Q_SIGNALS:
     void toggleRequested();
+    void stopRequested();
 
 private:
-    void phaseChanged(const DictoraPhase &phase);
-
     const DictoraState &m_state;
     Setting m_holdToTalk;
     Clock m_clock;
     bool m_keyDown = false;
     bool m_pressStarted = false; // this press began a recording
     qint64 m_pressedAt = 0;
-    // Released while the microphone was still opening: stop once it records.
-    bool m_stopWhenRecording = false;
 };
 
 } // namespace dictora

@@ -207,9 +207,9 @@ AppearanceSheet::AppearanceSheet(ProductPreferences &preferences, QWidget *paren
     , m_opacity(new QSlider(Qt::Horizontal, this))
     , m_opacityValue(new QLabel(this))
     , m_icon(new Style::ToggleSwitch(this))
-    , m_login(preferences,
-          QGuiApplication::desktopFileName().isEmpty() ? QStringLiteral("dictora") : QGuiApplication::desktopFileName(),
-          QCoreApplication::applicationFilePath())
+    // The autostart entry keeps its first name, so switches made before the
+    // app id changed still find their file.
+    , m_login(preferences, QStringLiteral("dictora"), QCoreApplication::applicationFilePath())
     , m_startAtLogin(new Style::ToggleSwitch(this))
     , m_loginFailure(new QLabel(this))
 {

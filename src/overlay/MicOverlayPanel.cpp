@@ -10,9 +10,11 @@
 #include <QEvent>
 #include <QThread>
 #include <QGuiApplication>
+#include <QLabel>
 #include <QScreen>
 #include <QWidget>
 
+#include <algorithm>
 #include <cmath>
 
 namespace dictora {
@@ -39,6 +41,21 @@ MicOverlayPanel::MicOverlayPanel(DictoraState &state, ProductPreferences &prefer
 
     connect(&m_state, &DictoraState::phaseChanged, this, &MicOverlayPanel::updateAccessibleName);
     updateAccessibleName();
+
+    // Its own window, so the indicator keeps its size and place while the text grows.
+    m_preview = std::make_unique<QLabel>(nullptr, m_panel->windowFlags());
+    for (Qt::WidgetAttribute attribute : {Qt::WA_ShowWithoutActivating, Qt::WA_TransparentForMouseEvents,
+             Qt::WA_X11DoNotAcceptFocus, Qt::WA_TranslucentBackground})
+        m_preview->setAttribute(attribute);
+    m_preview->setAttribute(Qt::WA_QuitOnClose, false);
+    m_preview->setFocusPolicy(Qt::NoFocus);
+    m_preview->setWindowTitle(QStringLiteral("Dictora preview"));
+    m_preview->setWordWrap(true);
+    m_preview->setMaximumWidth(360);
+    m_preview->setStyleSheet(QStringLiteral(
+        "QLabel { background: rgba(24, 24, 27, 225); color: white; border-radius: 10px; padding: 6px 10px; }"));
+    connect(&m_state, &DictoraState::previewTextChanged, this, &MicOverlayPanel::updatePreview);
+    connect(&m_state, &DictoraState::phaseChanged, this, &MicOverlayPanel::updatePreview);
 
     // Every one of the four settings re-applies all four, like a combine-latest.
     connect(&m_preferences, &ProductPreferences::microphoneSizeChanged, this, &MicOverlayPanel::applyPreferences);
@@ -105,6 +122,35 @@ void MicOverlayPanel::show()
     }
     m_panel->show();
     m_panel->raise();
+}
+
+void MicOverlayPanel::updatePreview()
+{
+    const QString text = m_state.previewText().simplified();
+    if (text.isEmpty() || !m_state.phase().is(DictoraPhase::Kind::recording) || !m_panel->isVisible()) {
+        m_preview->hide();
+        return;
+    }
+    // The latest words matter: a long preview keeps its end.
+    constexpr qsizetype kShownCharacters = 160;
+    m_preview->setText(text.size() > kShownCharacters ? QStringLiteral("…") + text.right(kShownCharacters) : text);
+    m_preview->adjustSize();
+    // Beside the indicator, on whichever side the screen has room.
+    const QRect indicator = m_panel->frameGeometry();
+    const QScreen *screen = m_panel->screen();
+    const QRect room = screen ? screen->availableGeometry() : indicator;
+    const QSize size = m_preview->size();
+    int x = indicator.right() + 8;
+    if (x + size.width() > room.right())
+        x = indicator.left() - 8 - size.width();
+    const int y = std::clamp(indicator.center().y() - size.height() / 2, room.top(), std::max(room.top(), room.bottom() - size.height()));
+    m_preview->move(std::max(x, room.left()), y);
+    if (!m_preview->isVisible()) {
+        if (m_hints)
+            m_hints->apply(quintptr(m_preview->winId()));
+        m_preview->show();
+    }
+    m_preview->raise();
 }
 
 void MicOverlayPanel::updateAccessibleName()

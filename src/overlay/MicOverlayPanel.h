@@ -6,6 +6,7 @@
 
 #include <memory>
 
+class QLabel;
 class QWidget;
 
 namespace dictora {
@@ -34,6 +35,8 @@ public:
     void show();
 
     QWidget *panel() const { return m_panel.get(); }
+    // The bubble beside the indicator with the text recognised so far.
+    QLabel *previewBubble() const { return m_preview.get(); }
     MicIndicatorView *hostingView() const { return m_view; }
 
 protected:
@@ -43,8 +46,10 @@ private:
     void applyPreferences();
     void updateContent(OverlaySize size, bool showsMicrophoneIcon, double opacity);
     void updateAccessibleName();
+    void updatePreview();
 
     std::unique_ptr<QWidget> m_panel;
+    std::unique_ptr<QLabel> m_preview;
     MicIndicatorView *m_view = nullptr;
     DictoraState &m_state;
     ProductPreferences &m_preferences;

@@ -10,8 +10,17 @@ namespace dictora {
 QtClipboard::QtClipboard(std::unique_ptr<ClipboardReadWatcher> reads, QObject *parent)
     : Clipboard(parent), m_reads(std::move(reads))
 {
-    if (m_reads)
+    if (m_reads) {
         connect(m_reads.get(), &ClipboardReadWatcher::textRead, this, &ClipboardReadWatcher::textRead);
+        connect(m_reads.get(), &ClipboardReadWatcher::offerSeen, this, &ClipboardReadWatcher::offerSeen);
+    }
+}
+
+// Served through XWayland in a Wayland session: the compositor asks us for
+// the offer before its own clients can see it.
+bool QtClipboard::handsOver() const
+{
+    return isWatching() && !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
 
 QtClipboard::~QtClipboard() = default;

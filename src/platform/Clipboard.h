@@ -32,6 +32,9 @@ public:
     // contents back. Empty, and false, where it cannot.
     virtual ClipboardContents contents() { return {}; }
     virtual bool restore(const ClipboardContents &) { return false; }
+    // Whether the compositor must take the text over from us before a
+    // native window can paste it (offerSeen() says when it has).
+    virtual bool handsOver() const { return false; }
 };
 
 // The toolkit's clipboard (QClipboard), with reads reported by `reads`
@@ -46,6 +49,7 @@ public:
     bool setText(const QString &text, bool alsoPrimary) override;
     ClipboardContents contents() override;
     bool restore(const ClipboardContents &contents) override;
+    bool handsOver() const override;
 
 private:
     std::unique_ptr<ClipboardReadWatcher> m_reads;

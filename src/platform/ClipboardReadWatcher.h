@@ -20,6 +20,9 @@ public:
 Q_SIGNALS:
     // selection: "clipboard" or "primary".
     void textRead(const QString &selection);
+    // Someone asked what we offer: in a Wayland session served through
+    // XWayland, the compositor taking the selection over.
+    void offerSeen(const QString &selection);
 };
 
 } // namespace dictora

@@ -17,4 +17,12 @@ QString keystrokeName(PasteKeystroke keystroke)
 
 KeystrokeSender::~KeystrokeSender() = default;
 
+void KeystrokeSender::sendThen(PasteKeystroke keystroke, Sent done)
+{
+    const bool sent = send(keystroke);
+    const QString reason = failureReason();
+    if (done)
+        done(sent ? QString() : reason.isEmpty() ? QStringLiteral("The paste keystroke could not be typed.") : reason);
+}
+
 } // namespace dictora

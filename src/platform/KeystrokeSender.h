@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <functional>
+
 
 namespace dictora {
 
@@ -24,6 +26,17 @@ public:
     virtual bool anyKeyHeld() = 0;
     // Types the keystroke into whatever window has the keyboard focus.
     virtual bool send(PasteKeystroke keystroke) = 0;
+    // The same, answering once the desktop has taken every key event: `done`
+    // gets an error for the user, empty when all of them arrived. Senders
+    // whose desktop answers later (a portal) override it; the rest type at
+    // once. `done` runs on the caller's thread, at most once, never after
+    // the sender is gone.
+    using Sent = std::function<void(const QString &error)>;
+    virtual void sendThen(PasteKeystroke keystroke, Sent done);
+    // False where the key that types "v" depends on which keyboard layout
+    // group is active when the keys arrive (a non-Latin layout among the
+    // user's): then only a paste key every layout shares will do.
+    virtual bool pastesWithVOnEveryLayout() const { return true; }
     // Why the sender cannot type, in words for the user; empty when it can.
     virtual QString failureReason() const = 0;
 };

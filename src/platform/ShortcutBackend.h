@@ -25,6 +25,9 @@ public:
     virtual void uninstall() = 0;
     // Why the last install failed, in words for the user; empty after success.
     virtual QString failureReason() const = 0;
+    // What the button beside that reason does (a PermissionAction); empty
+    // when retrying is all there is to do.
+    virtual QString attentionAction() const { return {}; }
 
 Q_SIGNALS:
     void pressed();

@@ -4,6 +4,7 @@
 #include "core/RuntimeLog.h"
 #include "speech/AccuracyModelError.h"
 #include "speech/ModelVerifier.h"
+#include "speech/VoiceActivity.h"
 
 #include <QDir>
 #include <QFile>
@@ -51,11 +52,13 @@ AccuracyModelManager::AccuracyModelManager(RuntimeLog *log, QObject *parent)
 AccuracyModelManager::AccuracyModelManager(Options options, RuntimeLog *log, QObject *parent)
     : QObject(parent), m_options(std::move(options)), m_log(log)
 {
-    m_engine = std::make_unique<AccurateSpeechEngine>(
-        speechDevicePreferenceFromEnvironment(m_options.devicePreference), [log](const QString &message) {
-            if (log)
-                log->write(message); // RuntimeLog is safe from the engine's thread
-        });
+    if (!m_options.loader) {
+        m_engine = std::make_unique<AccurateSpeechEngine>(
+            speechDevicePreferenceFromEnvironment(m_options.devicePreference), [log](const QString &message) {
+                if (log)
+                    log->write(message); // RuntimeLog is safe from the engine's thread
+            });
+    }
     if (m_options.installedPath.isEmpty())
         m_options.installedPath = m_options.contract.installedPath();
     if (m_options.developmentCopyPath.isEmpty())
@@ -63,6 +66,26 @@ AccuracyModelManager::AccuracyModelManager(Options options, RuntimeLog *log, QOb
     m_pool.setMaxThreadCount(1);
     m_retryTimer.setSingleShot(true);
     connect(&m_retryTimer, &QTimer::timeout, this, &AccuracyModelManager::prepareOnce);
+
+    if (m_options.voiceActivity) {
+        // The detector's file follows the same fetch, verify and retry rules,
+        // but nothing waits for it: until it is in place, whole recordings go
+        // to the recogniser.
+        Options detector;
+        detector.contract = *m_options.voiceActivity;
+        detector.firstPause = m_options.firstPause;
+        detector.maximumPause = m_options.maximumPause;
+        detector.downloadLimits = m_options.downloadLimits;
+        detector.logName = QStringLiteral("voice activity model");
+        detector.loader = [holder = m_voiceActivityPath](const QString &path) {
+            if (!VoiceActivityDetector::open(path))
+                return QtFuture::makeExceptionalFuture<void>(
+                    std::make_exception_ptr(Error(QStringLiteral("%1 is not a voice activity model").arg(path))));
+            holder->set(path);
+            return QtFuture::makeReadyFuture();
+        };
+        m_voiceActivity = std::make_unique<AccuracyModelManager>(std::move(detector), log);
+    }
 }
 
 AccuracyModelManager::~AccuracyModelManager()
@@ -80,6 +103,8 @@ QString AccuracyModelManager::partialPath() const
 
 void AccuracyModelManager::startAutomatically()
 {
+    if (m_voiceActivity)
+        m_voiceActivity->startAutomatically();
     if (m_preparing || m_phase.isReady())
         return;
     prepareUntilReady();
@@ -95,10 +120,12 @@ void AccuracyModelManager::retryManually()
 
 void AccuracyModelManager::adoptInstalledModel()
 {
+    if (m_voiceActivity)
+        m_voiceActivity->adoptInstalledModel();
     const auto kind = m_phase.kind();
     if (kind == AccuracyModelPhase::Kind::ready || kind == AccuracyModelPhase::Kind::loading)
         return; // a verified file is already loaded or loading
-    log(QStringLiteral("accuracy model installed from outside; checking it path=%1").arg(m_options.installedPath));
+    log((m_options.logName + QStringLiteral(" installed from outside; checking it path=%1")).arg(m_options.installedPath));
     abandonAttempt();
     prepareUntilReady();
 }
@@ -159,7 +186,7 @@ void AccuracyModelManager::prepareOnce()
                 loadInstalled();
                 return;
             }
-            log(QStringLiteral("accuracy model failed verification; removing path=%1").arg(m_options.installedPath));
+            log((m_options.logName + QStringLiteral(" failed verification; removing path=%1")).arg(m_options.installedPath));
             QFile file(m_options.installedPath);
             if (!file.remove()) {
                 attemptFailed(std::make_exception_ptr(
@@ -216,7 +243,7 @@ void AccuracyModelManager::checkDevelopmentCopy()
 void AccuracyModelManager::downloadModel()
 {
     setPhase(AccuracyModelPhase::downloading());
-    log(QStringLiteral("accuracy model download started url=%1").arg(m_options.contract.url.toString()));
+    log((m_options.logName + QStringLiteral(" download started url=%1")).arg(m_options.contract.url.toString()));
 
     const quint64 attempt = m_attempt;
     const double total = double(m_options.contract.bytes);
@@ -285,7 +312,9 @@ void AccuracyModelManager::installPartial()
 void AccuracyModelManager::loadInstalled()
 {
     setPhase(AccuracyModelPhase::loading());
-    whenReady(m_engine->load(m_options.installedPath), this, [this, cancel = m_cancel](QFuture<void> future) {
+    const QFuture<void> loaded =
+        m_options.loader ? m_options.loader(m_options.installedPath) : m_engine->load(m_options.installedPath);
+    whenReady(loaded, this, [this, cancel = m_cancel](QFuture<void> future) {
         if (cancel->load())
             return;
         try {
@@ -296,7 +325,7 @@ void AccuracyModelManager::loadInstalled()
         }
         m_preparing = false;
         m_integrityFailures = 0;
-        log(QStringLiteral("accuracy model ready path=%1").arg(m_options.installedPath));
+        log((m_options.logName + QStringLiteral(" ready path=%1")).arg(m_options.installedPath));
         setPhase(AccuracyModelPhase::ready());
     });
 }
@@ -304,7 +333,7 @@ void AccuracyModelManager::loadInstalled()
 void AccuracyModelManager::attemptFailed(std::exception_ptr error)
 {
     const QString description = errorMessage(error);
-    log(QStringLiteral("accuracy model preparation failed error=%1").arg(description));
+    log((m_options.logName + QStringLiteral(" preparation failed error=%1")).arg(description));
     if (isIntegrityMismatch(error)) {
         if (++m_integrityFailures >= kIntegrityFailuresBeforeAttention) {
             m_preparing = false;

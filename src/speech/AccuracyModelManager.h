@@ -4,6 +4,7 @@
 #include "speech/AccuracyModelPhase.h"
 #include "speech/AccurateSpeechEngine.h"
 #include "speech/StreamingModelDownloader.h"
+#include "speech/VoiceActivity.h"
 
 #include <QFuture>
 #include <QObject>
@@ -15,6 +16,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace dictora {
 
@@ -43,6 +45,12 @@ public:
         StreamingModelDownloader::TimeLimits downloadLimits;
         // DICTORA_SPEECH_DEVICE, when set, wins over this.
         SpeechDevicePreference devicePreference = SpeechDevicePreference::automatic;
+        // What the log calls the file.
+        QString logName = QStringLiteral("accuracy model");
+        // Loads a verified file; unset: the speech engine loads it.
+        std::function<QFuture<void>(const QString &path)> loader;
+        // The voice-activity model, prepared beside this one when set.
+        std::optional<AccuracyModelContract> voiceActivity;
     };
 
     // The contract of the environment (DICTORA_MODEL_CONTRACT) or the product's;
@@ -56,6 +64,8 @@ public:
     qint64 downloadedBytes() const { return m_downloadedBytes; }
     bool isPreparing() const { return m_preparing; }
     AccurateSpeechEngine &engine() { return *m_engine; }
+    // The voice-activity model's path once verified and loadable, else empty.
+    std::shared_ptr<const VoiceActivityModelPath> voiceActivityModel() const { return m_voiceActivityPath; }
     const AccuracyModelContract &contract() const { return m_options.contract; }
     QString installedPath() const { return m_options.installedPath; }
     QString partialPath() const;
@@ -97,6 +107,8 @@ private:
     Options m_options;
     RuntimeLog *m_log;
     std::unique_ptr<AccurateSpeechEngine> m_engine;
+    std::shared_ptr<VoiceActivityModelPath> m_voiceActivityPath = std::make_shared<VoiceActivityModelPath>();
+    std::unique_ptr<AccuracyModelManager> m_voiceActivity;
     std::unique_ptr<StreamingModelDownloader> m_downloader;
     QThreadPool m_pool;
     std::shared_ptr<std::atomic_bool> m_cancel = std::make_shared<std::atomic_bool>(false);

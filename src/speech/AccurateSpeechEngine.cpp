@@ -178,7 +178,8 @@ QFuture<void> AccurateSpeechEngine::load(const QString &modelPath)
         }
         const SpeechDeviceChoice choice =
             chooseSpeechDevice(m_devices ? m_devices() : QList<ComputeDevice>{}, preference, gpuIndex);
-        if (!choice.useGpu && preference == SpeechDevicePreference::gpu)
+        if (!choice.useGpu
+            && (preference == SpeechDevicePreference::gpu || preference == SpeechDevicePreference::software))
             log(QStringLiteral("speech engine gpu requested but unavailable reason=") + choice.reason);
         m_context = initContext(path, choice.useGpu, choice.gpuIndex);
         if (choice.useGpu) {
@@ -348,8 +349,16 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<cons
         QList<QByteArray> segments;
         const int segmentCount = whisper_full_n_segments(m_context);
         for (int i = 0; i < segmentCount; ++i) {
-            if (const char *text = whisper_full_get_segment_text(m_context, i))
-                segments.append(QByteArray(text));
+            const char *text = whisper_full_get_segment_text(m_context, i);
+            if (!text)
+                continue;
+            if (isNoSpeechSegment(i)) {
+                log(QStringLiteral("recogniser segment dropped as no speech chars=%1 noSpeechProbability=%2")
+                        .arg(qstrlen(text))
+                        .arg(whisper_full_get_segment_no_speech_prob(m_context, i), 0, 'f', 2));
+                continue;
+            }
+            segments.append(QByteArray(text));
         }
         const QString text = joinSegments(segments);
         const auto elapsed = std::chrono::steady_clock::now() - started;
@@ -358,6 +367,26 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<cons
         promise->finish();
     });
     return future;
+}
+
+bool AccurateSpeechEngine::isNoSpeechSegment(int segment) const
+{
+    // whisper's own rule for silence: its no-speech token likely and the
+    // words it chose unlikely. Such text was made up from the background.
+    const float noSpeech = whisper_full_get_segment_no_speech_prob(m_context, segment);
+    if (noSpeech < kNoSpeechProbability)
+        return false;
+    const int tokens = whisper_full_n_tokens(m_context, segment);
+    double logProbability = 0;
+    int counted = 0;
+    for (int t = 0; t < tokens; ++t) {
+        const whisper_token_data data = whisper_full_get_token_data(m_context, segment, t);
+        if (data.id >= whisper_token_eot(m_context))
+            continue; // special tokens say nothing about the words
+        logProbability += data.plog;
+        ++counted;
+    }
+    return counted == 0 || logProbability / counted < kNoSpeechLogProbability;
 }
 
 int AccurateSpeechEngine::threadCountFor(int processorCount)

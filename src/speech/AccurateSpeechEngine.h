@@ -99,6 +99,10 @@ public:
     static constexpr const char *kQueueLabel = "com.dictora.app.accurate-speech";
     // One second of silence: enough for the GPU back-end to build its pipelines.
     static constexpr int kWarmUpSamples = kSampleRate;
+    // A segment this likely to be no speech, whose words average below this
+    // log-probability, is dropped (whisper's own thresholds for silence).
+    static constexpr float kNoSpeechProbability = 0.6f;
+    static constexpr double kNoSpeechLogProbability = -1.0;
 
     using LogSink = std::function<void(const QString &message)>;
     // The devices the library offers; replaceable so the choice can be exercised without a GPU.
@@ -152,10 +156,14 @@ private:
                                           int sampleRate, std::shared_ptr<const std::atomic_bool> skip = {});
     // On the queue only.
     whisper_context *initContext(const QByteArray &path, bool useGpu, int gpuIndex);
-    // `abandon`, when given and set, ends a run under way at whisper's next check
-    // (after the encoder, between decoder steps); whisper then returns non-zero.
+    // `abandon`, when given and set, ends a run under way inside the back-end's
+    // graph computation (the CPU checks after every node), so an abandoned
+    // recognition lets go of the processor within a few milliseconds; whisper
+    // then returns non-zero. An installed whisper.cpp without our build's
+    // patch only checks between the encoder and the decoder steps.
     int runFull(const float *samples, int count, const std::atomic_bool *abandon = nullptr);
     bool fallBackToCpu(const QString &why);
+    bool isNoSpeechSegment(int segment) const;
     void setDevice(const QString &name, bool gpu);
     void log(const QString &message) const;
 

@@ -119,8 +119,24 @@ struct ChunkedTranscription::Outcome {
     }
 };
 
+ChunkRules ChunkRules::forVoiceActivity()
+{
+    ChunkRules rules;
+    rules.frameSamples = VoiceActivityRules::kFrameSamples;
+    rules.pauseFrames = 10; // 320 ms
+    rules.silenceLevel = VoiceActivityRules{}.pauseThreshold;
+    rules.quietFraction = 0;
+    rules.minimumRecognisedRms = 0; // the detector decides
+    return rules;
+}
+
 ChunkedTranscription::ChunkedTranscription(Recognise recognise, ChunkRules rules)
     : m_recognise(std::move(recognise)), m_rules(rules)
+{
+}
+
+ChunkedTranscription::ChunkedTranscription(Recognise recognise, const QString &voiceActivityModel)
+    : m_recognise(std::move(recognise)), m_detectorModel(voiceActivityModel)
 {
 }
 
@@ -156,12 +172,18 @@ void ChunkedTranscription::feed(const float *samples, size_t count)
     std::lock_guard lock(m_mutex);
     if (m_finished || m_cancelled)
         return;
+    if (!m_detectorModel.isEmpty()) {
+        m_detector = VoiceActivityDetector::open(std::exchange(m_detectorModel, QString()));
+        if (m_detector)
+            m_rules = ChunkRules::forVoiceActivity();
+    }
     m_pending.insert(m_pending.end(), samples, samples + count);
     if (m_fed < m_rules.maximumChunkSamples) {
         const size_t kept = size_t(std::min<qint64>(qint64(count), m_rules.maximumChunkSamples - m_fed));
         m_head.insert(m_head.end(), samples, samples + kept);
     }
     m_fed += qint64(count);
+    levelLocked(samples, count);
     if (outgrewOneWindowLocked() && !m_held.empty()) {
         for (std::vector<float> &held : m_held)
             submitLocked(std::move(held));
@@ -175,22 +197,41 @@ void ChunkedTranscription::cutWhileReadyLocked()
     const qsizetype frame = m_rules.frameSamples;
     if (frame <= 0)
         return;
-    bool grew = false;
-    while (m_levelledSamples + frame <= qsizetype(m_pending.size())) {
-        m_levels.push_back(rmsOf(m_pending.data() + m_levelledSamples, size_t(frame)));
-        m_levelledSamples += frame;
-        grew = true;
-    }
-    while (grew && qsizetype(m_levels.size()) >= m_rules.minimumChunkFrames()) {
+    while (qsizetype(m_levels.size()) >= m_rules.minimumChunkFrames()) {
         const std::optional<qsizetype> cut = chooseCutFrame(m_levels, m_rules);
         if (!cut || *cut <= 0)
             return;
         const qsizetype cutSamples = *cut * frame;
         std::vector<float> chunk(m_pending.begin(), m_pending.begin() + cutSamples);
+        if (m_detector) {
+            // A chunk keeps its speech only; one without any never leaves here.
+            const std::vector<SpeechSpan> spans = speechSpans(std::span(m_levels).first(size_t(*cut)), cutSamples);
+            chunk = speechOnly(chunk, spans);
+        }
         m_pending.erase(m_pending.begin(), m_pending.begin() + cutSamples);
         m_levels.erase(m_levels.begin(), m_levels.begin() + *cut);
         m_levelledSamples -= cutSamples;
+        if (m_detector && chunk.empty())
+            continue;
         queueLocked(std::move(chunk));
+    }
+}
+
+void ChunkedTranscription::levelLocked(const float *samples, size_t count)
+{
+    const qsizetype frame = m_rules.frameSamples;
+    if (frame <= 0)
+        return;
+    if (m_detector) {
+        const size_t before = m_levels.size();
+        m_detector->feed(std::span(samples, count), m_levels);
+        m_allLevels.insert(m_allLevels.end(), m_levels.begin() + qsizetype(before), m_levels.end());
+        m_levelledSamples += qsizetype(m_levels.size() - before) * frame;
+        return;
+    }
+    while (m_levelledSamples + frame <= qsizetype(m_pending.size())) {
+        m_levels.push_back(rmsOf(m_pending.data() + m_levelledSamples, size_t(frame)));
+        m_levelledSamples += frame;
     }
 }
 
@@ -206,14 +247,20 @@ void ChunkedTranscription::queueLocked(std::vector<float> chunk)
     submitLocked(std::move(chunk));
 }
 
-void ChunkedTranscription::submitLocked(std::vector<float> chunk)
+void ChunkedTranscription::submitLocked(std::vector<float> chunk, std::span<const float> levels)
 {
+    if (m_detector && !levels.empty()) {
+        chunk = speechOnly(chunk, speechSpans(levels, qsizetype(chunk.size())));
+        if (chunk.empty())
+            return;
+    }
     const bool tooQuiet = qsizetype(chunk.size()) < m_rules.minimumRecognisedSamples
         || rmsOf(chunk.data(), chunk.size()) < m_rules.minimumRecognisedRms;
     if (tooQuiet || !m_recognise) {
         m_chunks.push_back(QtFuture::makeReadyFuture(AccurateSpeechResult{}));
         return;
     }
+    m_sent += qint64(chunk.size());
     m_chunks.push_back(m_recognise(std::move(chunk), m_skip));
 }
 
@@ -233,13 +280,19 @@ QFuture<AccurateSpeechResult> ChunkedTranscription::finish()
             return result;
         }
         m_finished = true;
+        if (m_detector) {
+            const size_t before = m_levels.size();
+            m_detector->flush(m_levels);
+            m_allLevels.insert(m_allLevels.end(), m_levels.begin() + qsizetype(before), m_levels.end());
+        }
         if (!outgrewOneWindowLocked()) {
             // Fits in one window: recognised whole, the held chunks with it.
             m_held.clear();
+            const std::span<const float> all(m_allLevels);
             if (!m_head.empty())
-                submitLocked(std::move(m_head));
+                submitLocked(std::move(m_head), all.first(std::min(all.size(), size_t(m_rules.maximumChunkFrames() + 1))));
         } else if (!m_pending.empty()) {
-            submitLocked(std::move(m_pending));
+            submitLocked(std::move(m_pending), m_levels);
         }
         m_head = {};
         m_pending = {};
@@ -285,6 +338,18 @@ void ChunkedTranscription::cancel()
     m_levels.clear();
     m_levelledSamples = 0;
     m_chunks.clear();
+}
+
+qint64 ChunkedTranscription::samplesSent() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_sent;
+}
+
+std::vector<float> ChunkedTranscription::speechProbabilities() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_allLevels;
 }
 
 int ChunkedTranscription::chunksSubmitted() const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "speech/AccurateSpeechEngine.h"
+#include "speech/VoiceActivity.h"
 
 #include <QFuture>
 
@@ -29,6 +30,10 @@ struct ChunkRules {
     qsizetype minimumRecognisedSamples = 1'600;
     float minimumRecognisedRms = 0.0015f;
 
+    // With a voice-activity detector the frames are its windows and their
+    // "levels" its speech probabilities: a pause is where speech is unlikely.
+    static ChunkRules forVoiceActivity();
+
     qsizetype minimumChunkFrames() const { return minimumChunkSamples / frameSamples; }
     qsizetype maximumChunkFrames() const { return maximumChunkSamples / frameSamples; }
 };
@@ -55,6 +60,11 @@ public:
         std::vector<float> chunk, std::shared_ptr<const std::atomic_bool> skip)>;
 
     explicit ChunkedTranscription(Recognise recognise, ChunkRules rules = {});
+    // With the detector's model, chunks end where speech pauses, and each
+    // chunk goes to the recogniser as speech only (see speechOnly()); one
+    // without speech is not recognised at all. The model is opened by the
+    // first feed(), on the capture thread; if it cannot be, loudness decides.
+    ChunkedTranscription(Recognise recognise, const QString &voiceActivityModel);
     static Recognise recogniserFor(AccurateSpeechEngine &engine);
     // Cancels: a transcription dropped unfinished discards its work.
     ~ChunkedTranscription();
@@ -70,13 +80,19 @@ public:
 
     int chunksSubmitted() const;
     qint64 samplesFed() const;
+    // Samples handed to the recogniser so far.
+    qint64 samplesSent() const;
+    // Frames the detector judged (its probabilities), for a whole-recording
+    // verdict without a second pass; empty without a detector.
+    std::vector<float> speechProbabilities() const;
 
     // Joins chunk texts with one space, skipping empty ones.
     static QString joinTexts(const QList<QString> &texts);
 
 private:
     struct Outcome;
-    void submitLocked(std::vector<float> chunk);
+    void submitLocked(std::vector<float> chunk, std::span<const float> levels = {});
+    void levelLocked(const float *samples, size_t count);
     void queueLocked(std::vector<float> chunk);
     bool outgrewOneWindowLocked() const { return m_fed > m_rules.maximumChunkSamples; }
     void cutWhileReadyLocked();
@@ -88,6 +104,10 @@ private:
     std::vector<float> m_head;        // the first window's worth of the recording
     std::vector<std::vector<float>> m_held; // chunks cut before the recording outgrew one window
     std::vector<float> m_levels;      // their whole frames' levels
+    QString m_detectorModel;          // opened at the first feed
+    std::unique_ptr<VoiceActivityDetector> m_detector;
+    std::vector<float> m_allLevels;   // every frame's speech probability (with a detector)
+    qint64 m_sent = 0;
     qsizetype m_levelledSamples = 0;  // samples of m_pending covered by m_levels
     qint64 m_fed = 0;
     bool m_finished = false;

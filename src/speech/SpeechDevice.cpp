@@ -13,6 +13,8 @@ std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QSt
         return SpeechDevicePreference::cpu;
     if (value == QLatin1String("gpu") || speechDeviceGpuIndex(value) >= 0)
         return SpeechDevicePreference::gpu;
+    if (value == QLatin1String("software") || value == QLatin1String("lavapipe"))
+        return SpeechDevicePreference::software;
     if (value == QLatin1String("auto") || value == QLatin1String("automatic"))
         return SpeechDevicePreference::automatic;
     return std::nullopt;
@@ -35,6 +37,8 @@ QString rawValue(SpeechDevicePreference preference)
         return QStringLiteral("cpu");
     case SpeechDevicePreference::gpu:
         return QStringLiteral("gpu");
+    case SpeechDevicePreference::software:
+        return QStringLiteral("software");
     case SpeechDevicePreference::automatic:
         break;
     }
@@ -78,7 +82,7 @@ SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, Speec
         if (!gpu && !igpu)
             continue;
         const int index = gpuIndex++;
-        if (isSoftwareRasteriser(device))
+        if (isSoftwareRasteriser(device) != (preference == SpeechDevicePreference::software))
             continue;
         if (preference == SpeechDevicePreference::gpu && index == chosenGpu) {
             discrete = Candidate{index, &device};
@@ -91,7 +95,8 @@ SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, Speec
     }
     const std::optional<Candidate> picked = discrete ? discrete : integrated;
     if (!picked) {
-        choice.reason = QStringLiteral("no gpu found");
+        choice.reason = preference == SpeechDevicePreference::software ? QStringLiteral("no software vulkan device found")
+                                                                       : QStringLiteral("no gpu found");
         return choice;
     }
     choice.useGpu = true;

@@ -10,10 +10,13 @@ namespace dictora {
 
 // Where recognition should run. `automatic` takes a real GPU when there is
 // one; `gpu` asks for one explicitly (still the CPU when none is found).
-enum class SpeechDevicePreference { automatic, cpu, gpu };
+// `software` takes a software Vulkan device (Mesa's lavapipe) on purpose, so
+// machines without a GPU (CI) run the whole GPU path; slower than the CPU.
+enum class SpeechDevicePreference { automatic, cpu, gpu, software };
 
 // The setting (in the preferences store) that picks the device: "auto" (the
-// default), "cpu", "gpu", or "gpu:N" for the library's GPU number N.
+// default), "cpu", "gpu", "gpu:N" for the library's GPU number N, or
+// "software" (also "lavapipe").
 inline constexpr auto kSpeechDeviceSettingKey = "transcription.device";
 
 std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text);
@@ -21,7 +24,7 @@ std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QSt
 int speechDeviceGpuIndex(const QString &text);
 QString rawValue(SpeechDevicePreference preference);
 
-// DICTORA_SPEECH_DEVICE (cpu, gpu, auto) wins over `configured`; tests use it
+// DICTORA_SPEECH_DEVICE (cpu, gpu, software, auto) wins over `configured`; tests use it
 // to pin the CPU. An unknown value is ignored.
 SpeechDevicePreference speechDevicePreferenceFromEnvironment(SpeechDevicePreference configured);
 
@@ -47,8 +50,9 @@ struct SpeechDeviceChoice {
 };
 
 // A discrete GPU first, else an integrated one; software rasterisers
-// (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped.
-// With `gpuIndex` set and usable, that GPU, whatever its kind.
+// (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped,
+// unless `software` asks for exactly them. With `gpuIndex` set and usable,
+// that GPU, whatever its kind.
 SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference,
     int gpuIndex = -1);
 // Each GPU the choice could take, by its number, as "gpu:N" and its name.

@@ -72,7 +72,7 @@ private Q_SLOTS:
     void safetyLimit_data();
     void safetyLimit();
     void rmsAndReset();
-    void errorTexts();
+    void unusableFormatsAreRefused();
 };
 
 void AudioCapturePipeTest::meterEmissions_data()
@@ -368,15 +368,9 @@ void AudioCapturePipeTest::rmsAndReset()
     QVERIFY(std::abs(capture.result().rmsLevel - 0.1f) < 1e-6f);
 }
 
-void AudioCapturePipeTest::errorTexts()
+// Formats the converter refuses.
+void AudioCapturePipeTest::unusableFormatsAreRefused()
 {
-    QCOMPARE(int(DictoraAudioCaptureError::invalidInputFormat), 0);
-    QCOMPARE(int(DictoraAudioCaptureError::audioConverterUnavailable), 1);
-    QCOMPARE(DictoraAudioCaptureError(DictoraAudioCaptureError::invalidInputFormat).description(),
-             QStringLiteral("The selected microphone did not provide a usable audio format."));
-    QCOMPARE(DictoraAudioCaptureError(DictoraAudioCaptureError::audioConverterUnavailable).description(),
-             QStringLiteral("The microphone audio converter could not be created."));
-    // Formats the converter refuses.
     QVERIFY(!AudioConverter::create({0, 1, false, true}, AudioFormat::dictationOutput()));
     QVERIFY(!AudioConverter::create({48000, 0, false, true}, AudioFormat::dictationOutput()));
     QVERIFY(!AudioConverter::create({48000, 2, false, true}, {16000, 2, false, true}));

@@ -110,6 +110,20 @@ private Q_SLOTS:
         QCOMPARE(beside, QStringList{kModelName});
     }
 
+    // The voice-activity model goes in the same way, told apart by its size.
+    void installsTheVoiceActivityModel()
+    {
+        const QString file = dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-silero-v6.2.0-ggml.bin");
+        const Run run = dictora({QStringLiteral("model"), QStringLiteral("install"), file});
+        QVERIFY2(run.exitCode == 0, qPrintable(run.err));
+        const QString target = m_home->dataHome() + QStringLiteral("/Dictora/Models/ggml-silero-v6.2.0.bin");
+        QCOMPARE(dictora::test::readFile(target), dictora::test::readFile(file));
+        QVERIFY(!QFileInfo::exists(installed()));
+        const Run status = dictora({QStringLiteral("model"), QStringLiteral("status")});
+        QVERIFY2(status.out.contains(QStringLiteral("ggml-silero-v6.2.0.bin\npath:     %1\nsize:     885098 bytes").arg(target)),
+            qPrintable(status.out));
+    }
+
     void statusAndPath_data()
     {
         QTest::addColumn<QString>("content");

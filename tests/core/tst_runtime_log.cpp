@@ -51,6 +51,28 @@ private Q_SLOTS:
         QVERIFY(lines[0].endsWith(QStringLiteral("] two")));
     }
 
+    // The subsystems' categories reach the installed log; debug lines only
+    // when the logging rules ask for them.
+    void categoriesReachTheInstalledLog()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("runtime.log"));
+        {
+            RuntimeLog log(path);
+            log.install();
+            qCInfo(lcSession).noquote() << "recording started";
+            qCDebug(lcSession) << "hidden";
+            QLoggingCategory::setFilterRules(QStringLiteral("dictora.*.debug=true"));
+            qCDebug(lcAudio).noquote() << "shown";
+            QLoggingCategory::setFilterRules(QString());
+        }
+        qCInfo(lcSession) << "after the log went"; // back to standard error
+        const QStringList lines = readLines(path);
+        QCOMPARE(lines.size(), 3);
+        QVERIFY(lines[0].endsWith(QStringLiteral("] recording started")));
+        QVERIFY(lines[1].endsWith(QStringLiteral("] debug shown")));
+    }
+
     void unwritableLocationDoesNotThrow()
     {
         QTemporaryDir dir;

@@ -224,6 +224,12 @@ DictoraRun::DictoraRun()
     m_env.insert(QStringLiteral("HOME"), root.filePath(QStringLiteral("home")));
     m_env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     m_env.remove(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"));
+    // The voice-activity model as the product knows it, fetched from nowhere:
+    // a test that wants it copies it into Models/.
+    const QString vad = root.filePath(QStringLiteral("vad-contract.json"));
+    writeFile(vad, R"({"fileName":"ggml-silero-v6.2.0.bin","bytes":885098,)"
+                   R"("sha256":"2aa269b785eeb53a82983a20501ddf7c1d9c48e33ab63a41391ac6c9f7fb6987","url":"http://127.0.0.1:9/vad"})");
+    m_env.insert(QStringLiteral("DICTORA_VAD_CONTRACT"), vad);
 }
 
 DictoraRun::~DictoraRun()

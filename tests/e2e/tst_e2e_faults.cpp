@@ -261,15 +261,16 @@ private Q_SLOTS:
 
         const QString failed = QStringLiteral("recording finalization failed error=") + run->journalPath()
             + QStringLiteral(": Read-only file system");
-        const int started = run->countLines(QStringLiteral("recording started session="));
         QVERIFY2(toggle(&why), qPrintable(why));
         QTest::qWait(500);
         QVERIFY2(toggle(&why), qPrintable(why));
+        // The log was open before the folder turned read-only and may go on;
+        // where it cannot, standard error has the line.
+        const auto told = [&] { return run->programOutput().contains(failed) || run->countLines(failed) > 0; };
         QDeadlineTimer deadline(30000);
-        while (!run->programOutput().contains(failed) && !deadline.hasExpired())
+        while (!told() && !deadline.hasExpired())
             QTest::qWait(50);
-        QVERIFY2(run->programOutput().contains(failed), qPrintable(run->programOutput()));
-        QVERIFY(run->countLines(QStringLiteral("recording started session=")) == started); // the log was refused too
+        QVERIFY2(told(), qPrintable(run->programOutput()));
         unmount.dismiss();
         QCOMPARE(QProcess::execute(QStringLiteral("umount"), {folder}), 0);
 

@@ -113,6 +113,15 @@ private Q_SLOTS:
                      &why),
             qPrintable(why));
         QCOMPARE(messages.contains(QStringLiteral("paste target reactivated ok=true")), moveFocus);
+
+        // Again, into whatever has the focus now (the terminal), the same way; nothing new is journaled.
+        if (terminal) {
+            QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}), 0);
+            QTRY_COMPARE_WITH_TIMEOUT(terminal->received(), expected, 20000);
+            QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("copy-last")}), 0);
+            QTRY_COMPARE(QGuiApplication::clipboard()->text(), expected);
+            QCOMPARE(run->records().size(), 1);
+        }
     }
 
     // With "keep my clipboard" on, what was copied before (every format)
@@ -125,6 +134,9 @@ private Q_SLOTS:
         run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("hello again"));
         QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
         QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QString refusal;
+        QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &refusal), 1);
+        QVERIFY2(refusal.contains(QStringLiteral("There is no dictation yet.")), qPrintable(refusal));
 
         const QList<QPair<QString, QByteArray>> copied{{QStringLiteral("text/plain"), "copied before"},
             {QStringLiteral("text/html"), "<b>copied</b> before"},

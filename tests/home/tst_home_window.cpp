@@ -1,5 +1,4 @@
-// The main window: header, model banner, sizes, reloads, sheet buttons, and
-// screenshots of every window and sheet for a person to look at.
+// The main window: header, model banner, sizes, reloads and sheet buttons.
 #include "HomeTestSupport.h"
 #include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
@@ -72,13 +71,6 @@ private:
         QVERIFY(reloaded.count() > 0 || reloaded.wait(10000));
     }
 
-    void shoot(QWidget *widget, const QString &name)
-    {
-        QVERIFY(QDir().mkpath(QStringLiteral(DICTORA_SCREENSHOT_DIR)));
-        QCoreApplication::processEvents();
-        const QString path = QStringLiteral(DICTORA_SCREENSHOT_DIR "/%1.png").arg(name);
-        QVERIFY2(widget->grab().save(path), qPrintable(path));
-    }
 
 private Q_SLOTS:
     void init()
@@ -249,61 +241,6 @@ private Q_SLOTS:
         QCOMPARE(m_preferences->microphoneSize(), OverlaySize::large);
     }
 
-    void screenshots_data()
-    {
-        QTest::addColumn<bool>("dark");
-        QTest::newRow("light") << false;
-        QTest::newRow("dark") << true;
-    }
-
-    void screenshots()
-    {
-        QFETCH(bool, dark);
-        Style::apply(*qApp, dark);
-        const QString theme = dark ? QStringLiteral("dark") : QStringLiteral("light");
-        build(someRecords(40));
-        present();
-        m_window->setModelPreparation(QStringLiteral("Downloading the speech model (574 MB)"), 0.36, false);
-        shoot(m_window.get(), QStringLiteral("home-%1").arg(theme));
-
-        m_window->setModelPreparation(QStringLiteral("The download was interrupted. Check the connection and try again."),
-            0.36, true);
-        m_store->setFilterPanelPresented(true);
-        m_store->setFilterMonth(QDate::currentDate().month());
-        shoot(m_window.get(), QStringLiteral("home-filters-banner-%1").arg(theme));
-        m_store->resetTimeFilters();
-        m_store->setFilterPanelPresented(false);
-        m_window->setModelPreparation(QString());
-
-        m_window->historyView()->model()->copyTranscript(1);
-        shoot(m_window.get(), QStringLiteral("home-copied-%1").arg(theme));
-
-        m_store->setQuery(QStringLiteral("no such words"));
-        shoot(m_window.get(), QStringLiteral("history-no-matches-%1").arg(theme));
-        m_store->setQuery(QString());
-
-        m_window->historyView()->openRecord(0);
-        QVERIFY(QTest::qWaitForWindowExposed(m_window->historyView()->presentedSheet()));
-        shoot(m_window->historyView()->presentedSheet(), QStringLiteral("transcript-sheet-%1").arg(theme));
-        m_window->historyView()->presentedSheet()->close();
-
-        m_window->historyView()->requestArchive();
-        auto *confirm = visibleDialog<QMessageBox>(QStringLiteral("archiveConfirmation"));
-        QVERIFY(confirm);
-        shoot(confirm, QStringLiteral("archive-confirmation-%1").arg(theme));
-        confirm->reject();
-
-        m_window->openAppearanceSheet();
-        QVERIFY(QTest::qWaitForWindowExposed(m_window->appearanceSheet()));
-        shoot(m_window->appearanceSheet(), QStringLiteral("appearance-sheet-%1").arg(theme));
-        m_window->appearanceSheet()->close();
-
-        m_window.reset();
-        m_store.reset();
-        build({});
-        present();
-        shoot(m_window.get(), QStringLiteral("home-empty-%1").arg(theme));
-    }
 };
 
 int main(int argc, char **argv)

@@ -16,12 +16,12 @@ TABLE = ROOT / 'tools' / 'layers.txt'
 # (what, file to plant into, line planted)
 PLANTS = [
     ('logic reaching into widgets', 'core/DictoraState.cpp', '#include "home/HomeWindow.h"'),
-    ('the controller naming a backend', 'core/session/DictoraController.cpp', '#include "platform/x11/X11WindowTracker.h"'),
+    ('the controller naming a backend', 'dictation/DictoraController.cpp', '#include "platform/x11/X11WindowTracker.h"'),
     ('a backend reaching up to its factory', 'platform/x11/X11Platform.cpp', '#include "platform/services/PlatformServices.h"'),
     ('the seam reaching down to a backend', 'platform/WindowTracker.cpp', '#include "platform/x11/XConnection.h"'),
-    ('a private dependency seen from above', 'core/shell/ApplicationShell.cpp', '#include "platform/x11/X11Platform.h"'),
+    ('a private dependency seen from above', 'app/ApplicationShell.cpp', '#include "platform/x11/X11Platform.h"'),
     ('Xlib in the overlay', 'overlay/MicOverlayPanel.cpp', '#include <X11/Xlib.h>'),
-    ('the paste service using the shell', 'text/paste/PasteService.cpp', '#include "core/shell/ProductionPorts.h"'),
+    ('the paste service using the shell', 'text/paste/PasteService.cpp', '#include "app/ProductionPorts.h"'),
 ]
 
 

@@ -10,6 +10,7 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QLabel>
 #include <QPainter>
 #include <QPointer>
 #include <QScreen>
@@ -59,15 +60,6 @@ class MicOverlayPanelTest : public QObject {
 
     QWidget *window() const { return m_panel->panel(); }
 
-    static QString screenshotDir()
-    {
-#ifdef DICTORA_OVERLAY_SCREENSHOT_DIR
-        return QStringLiteral(DICTORA_OVERLAY_SCREENSHOT_DIR);
-#else
-        return QDir::temp().filePath(QStringLiteral("dictora-overlay-screenshots"));
-#endif
-    }
-
 private Q_SLOTS:
     void init()
     {
@@ -88,36 +80,6 @@ private Q_SLOTS:
         m_home.reset();
     }
 
-    void twoScreensAreSetUp()
-    {
-        // Everything below relies on the offscreen platform's two displays.
-        const QList<QScreen *> screens = QGuiApplication::screens();
-        QCOMPARE(screens.size(), 2);
-        QCOMPARE(screens.at(0)->geometry(), kFirstScreen);
-        QCOMPARE(screens.at(1)->geometry(), kSecondScreen);
-    }
-
-    void windowNeverTakesFocusOrClicks()
-    {
-        const Qt::WindowFlags flags = window()->windowFlags();
-        QCOMPARE(flags & Qt::WindowType_Mask, Qt::Tool);
-        for (Qt::WindowType flag : {Qt::FramelessWindowHint, Qt::WindowStaysOnTopHint,
-                 Qt::WindowDoesNotAcceptFocus, Qt::WindowTransparentForInput})
-            QVERIFY2(flags.testFlag(flag), qPrintable(QString::number(int(flag), 16)));
-        QVERIFY(!flags.testFlag(Qt::X11BypassWindowManagerHint));
-        QVERIFY(window()->testAttribute(Qt::WA_ShowWithoutActivating));
-        QVERIFY(window()->testAttribute(Qt::WA_TranslucentBackground));
-        QCOMPARE(window()->focusPolicy(), Qt::NoFocus);
-        QCOMPARE(m_panel->hostingView()->focusPolicy(), Qt::NoFocus);
-        QVERIFY(m_panel->hostingView()->testAttribute(Qt::WA_TransparentForMouseEvents));
-
-        m_panel->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window()));
-        QVERIFY(window()->windowHandle()->flags().testFlag(Qt::WindowTransparentForInput));
-        QVERIFY(window()->windowHandle()->flags().testFlag(Qt::WindowDoesNotAcceptFocus));
-        QCOMPARE(QApplication::focusWidget(), nullptr);
-    }
-
     void closeRequestsAreRefused()
     {
         m_panel->show();
@@ -125,6 +87,33 @@ private Q_SLOTS:
         QVERIFY(!window()->testAttribute(Qt::WA_QuitOnClose));
         QVERIFY(!window()->close());
         QVERIFY(window()->isVisible());
+    }
+
+    // The text so far shows beside the indicator, on the side with room,
+    // only while recording; it takes neither focus nor clicks.
+    void previewBubbleFollowsTheRecording_data()
+    {
+        QTest::addColumn<ScreenAnchor>("anchor");
+        QTest::newRow("left of a right-hand indicator") << ScreenAnchor::bottomRight;
+        QTest::newRow("right of a left-hand indicator") << ScreenAnchor::topLeft;
+    }
+    void previewBubbleFollowsTheRecording()
+    {
+        QFETCH(ScreenAnchor, anchor);
+        m_preferences->setMicrophoneLocation(anchor);
+        m_panel->show();
+        QLabel *bubble = m_panel->previewBubble();
+        m_state->setPhase(DictoraPhase::recording());
+        m_state->setPreviewText(QStringLiteral("so far so good"));
+        QVERIFY(QTest::qWaitForWindowExposed(bubble));
+        QCOMPARE(bubble->text(), QStringLiteral("so far so good"));
+        QVERIFY(bubble->windowFlags().testFlag(Qt::WindowDoesNotAcceptFocus));
+        const QRect indicator = window()->frameGeometry();
+        QVERIFY(!bubble->frameGeometry().intersects(indicator));
+        QVERIFY(kFirstScreen.contains(bubble->frameGeometry()));
+        QCOMPARE(bubble->frameGeometry().center().x() < indicator.center().x(), anchor == ScreenAnchor::bottomRight);
+        m_state->setPhase(DictoraPhase::finalizing());
+        QVERIFY(!bubble->isVisible());
     }
 
     void startsAtStoredPlaceAndSize()
@@ -322,66 +311,6 @@ private Q_SLOTS:
         QCOMPARE(window()->accessibleName(), label);
     }
 
-    // Pictures for a person to look at; also checks each one is the right size.
-    void screenshots_data()
-    {
-        QTest::addColumn<OverlaySize>("size");
-        QTest::addColumn<bool>("icon");
-        for (OverlaySize size : allOverlaySizes())
-            for (bool icon : {true, false})
-                QTest::addRow("%s %s", qPrintable(rawValue(size)), icon ? "icon" : "bare") << size << icon;
-    }
-    void screenshots()
-    {
-        QFETCH(OverlaySize, size);
-        QFETCH(bool, icon);
-        QVERIFY(QDir().mkpath(screenshotDir()));
-        m_preferences->setMicrophoneSize(size);
-        m_preferences->setShowsMicrophoneIcon(icon);
-        m_preferences->setMicrophoneOpacity(1.0);
-        const QString stem = QStringLiteral("indicator-%1-%2").arg(rawValue(size), icon ? "icon" : "bare");
-
-        m_state->setPhase(DictoraPhase::idle());
-        const QImage idle = m_panel->hostingView()->grab().toImage();
-        QVERIFY(idle.save(QDir(screenshotDir()).filePath(stem + QStringLiteral("-idle.png"))));
-
-        m_state->setPhase(DictoraPhase::recording());
-        m_state->setMeterLevels(AudioMeterLevels{0.45f, 0.8f, 0.3f, 0.95f});
-        const QImage recording = m_panel->hostingView()->grab().toImage();
-        QVERIFY(recording.save(QDir(screenshotDir()).filePath(stem + QStringLiteral("-recording.png"))));
-
-        QCOMPARE(idle.size(), overlay::overlayWindowSize(size, icon));
-        QVERIFY(idle != recording);
-    }
-
-    // All of the above, four times larger on a mid-grey desktop, on one page.
-    void screenshotSheet()
-    {
-        const int zoom = 4;
-        QImage sheet(zoom * 2 * 100, zoom * 6 * 60, QImage::Format_ARGB32);
-        sheet.fill(QColor(0x70, 0x80, 0x90));
-        QPainter painter(&sheet);
-        painter.setRenderHint(QPainter::SmoothPixmapTransform, false);
-        int row = 0;
-        for (OverlaySize size : allOverlaySizes()) {
-            for (bool icon : {true, false}) {
-                int column = 0;
-                for (const char *phase : {"idle", "recording"}) {
-                    const QString name = QStringLiteral("indicator-%1-%2-%3.png")
-                                             .arg(rawValue(size), icon ? "icon" : "bare", QLatin1String(phase));
-                    const QImage shot(QDir(screenshotDir()).filePath(name));
-                    QVERIFY2(!shot.isNull(), qPrintable(name));
-                    painter.drawImage(QRect(zoom * (column * 100 + 4), zoom * (row * 60 + 4),
-                                          shot.width() * zoom, shot.height() * zoom),
-                        shot);
-                    ++column;
-                }
-                ++row;
-            }
-        }
-        painter.end();
-        QVERIFY(sheet.save(QDir(screenshotDir()).filePath(QStringLiteral("indicator-sheet.png"))));
-    }
 };
 
 int main(int argc, char **argv)

@@ -91,33 +91,6 @@ private Q_SLOTS:
         QVERIFY(available.contains(placed));
     }
 
-    void anchorExactValues_data()
-    {
-        QTest::addColumn<ScreenAnchor>("anchor");
-        QTest::addColumn<QRectF>("available");
-        QTest::addColumn<QSizeF>("panel");
-        QTest::addColumn<QPointF>("expected");
-        QTest::newRow("topMiddle 1440") << ScreenAnchor::topMiddle << QRectF(0, 25, 1440, 875) << QSizeF(69, 39)
-                                        << QPointF(685.5, 33);
-        QTest::newRow("topMiddle offset") << ScreenAnchor::topMiddle << QRectF(100, 0, 1440, 900) << QSizeF(69, 39)
-                                          << QPointF(785.5, 8);
-        QTest::newRow("bottomRight") << ScreenAnchor::bottomRight << QRectF(0, 0, 1920, 1040) << QSizeF(69, 39)
-                                     << QPointF(1843, 993);
-        QTest::newRow("bottomLeft negative origin")
-            << ScreenAnchor::bottomLeft << QRectF(-1280, -200, 1280, 1024) << QSizeF(30, 31.2)
-            << QPointF(-1272, 784.8);
-    }
-    void anchorExactValues()
-    {
-        QFETCH(ScreenAnchor, anchor);
-        QFETCH(QRectF, available);
-        QFETCH(QSizeF, panel);
-        QFETCH(QPointF, expected);
-        const QPointF got = anchoredTopLeft(anchor, available, panel);
-        QVERIFY2(fuzzyEqual(got.x(), expected.x()) && fuzzyEqual(got.y(), expected.y()),
-            qPrintable(QStringLiteral("%1,%2").arg(got.x()).arg(got.y())));
-    }
-
     void screenUnderPointer_data()
     {
         QTest::addColumn<QList<QRect>>("screens");

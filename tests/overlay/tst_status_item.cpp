@@ -5,7 +5,6 @@
 #include <QApplication>
 #include <QDir>
 #include <QImage>
-#include <QPainter>
 #include <QMenu>
 #include <QPalette>
 #include <QSystemTrayIcon>
@@ -159,21 +158,6 @@ private Q_SLOTS:
         QVERIFY2(mirrored >= opaque * 9 / 10, qPrintable(QStringLiteral("%1 of %2").arg(mirrored).arg(opaque)));
     }
 
-    // Both icons on the panels they are meant for, for a person to look at.
-    void trayScreenshot()
-    {
-        QImage sheet(2 * 96 + 3 * 16, 96 + 32, QImage::Format_ARGB32);
-        sheet.fill(Qt::gray);
-        QPainter painter(&sheet);
-        for (bool dark : {false, true}) {
-            const QRect cell(16 + (dark ? 96 + 16 : 0), 16, 96, 96);
-            painter.fillRect(cell.adjusted(-8, -8, 8, 8), dark ? QColor(0x2b, 0x2b, 0x2b) : QColor(0xf6, 0xf5, 0xf4));
-            painter.drawPixmap(cell, overlay::trayIconPixmap(96, dark));
-        }
-        painter.end();
-        QVERIFY(QDir().mkpath(QStringLiteral(DICTORA_OVERLAY_SCREENSHOT_DIR)));
-        QVERIFY(sheet.save(QDir(QStringLiteral(DICTORA_OVERLAY_SCREENSHOT_DIR)).filePath(QStringLiteral("tray-icons.png"))));
-    }
 };
 
 QTEST_MAIN(StatusItemTest)

@@ -69,7 +69,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("path");
         QTest::newRow("program") << "usr/bin/dictora";
-        QTest::newRow("launcher") << "usr/share/applications/dictora.desktop";
+        QTest::newRow("launcher") << "usr/share/applications/" DICTORA_APP_ID ".desktop";
         QTest::newRow("metainfo") << "usr/share/metainfo/" DICTORA_APP_ID ".metainfo.xml";
         QTest::newRow("manual") << "usr/share/man/man1/dictora.1.gz";
         QTest::newRow("copyright") << "usr/share/doc/dictora/copyright";
@@ -121,7 +121,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("tool");
         QTest::addColumn<QStringList>("arguments");
-        QTest::newRow("desktop entry") << "desktop-file-validate" << QStringList{"usr/share/applications/dictora.desktop"};
+        QTest::newRow("desktop entry") << "desktop-file-validate" << QStringList{"usr/share/applications/" DICTORA_APP_ID ".desktop"};
         QTest::newRow("metainfo") << "appstreamcli"
                                   << QStringList{"validate", "--no-net", "usr/share/metainfo/" DICTORA_APP_ID ".metainfo.xml"};
         QTest::newRow("manual page") << "man" << QStringList{"--warnings", "-l", "-Tutf8", "usr/share/man/man1/dictora.1.gz"};

@@ -191,4 +191,9 @@ QString ChildProgram::errorOutput()
     return QString::fromLocal8Bit(m_process.readAllStandardError());
 }
 
+void unmapMissingWindow(_XDisplay *display)
+{
+    XUnmapWindow(display, 0x7ffffff0);
+}
+
 } // namespace dictora::test::x11

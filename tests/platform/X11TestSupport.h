@@ -9,6 +9,8 @@
 // Helpers that drive the test X server from outside the code under test:
 // a keyboard typing through XTEST on its own connection, and a second
 // client that can hold a key grab. Xlib stays out of this header.
+struct _XDisplay;
+
 namespace dictora::test::x11 {
 
 class FakeKeyboard {
@@ -70,5 +72,9 @@ public:
 private:
     QProcess m_process;
 };
+
+// Asks the server to unmap a window that does not exist: one BadWindow error
+// on that connection.
+void unmapMissingWindow(_XDisplay *display);
 
 } // namespace dictora::test::x11

@@ -147,7 +147,7 @@ private Q_SLOTS:
 
         QTest::newRow("focus at paste time") << true << FrontmostWindow{}
                                              << std::optional(TargetApplication{"Unknown", std::nullopt, 0})
-                                             << "ctrl+v";
+                                             << "shift+insert"; // an editor or a terminal: both paste it
         QTest::newRow("terminal named by app id, no handle")
             << false << FrontmostWindow{"foot", "foot", {}, 0, {}}
             << std::optional(TargetApplication{"foot", QStringLiteral("foot"), 0}) << "ctrl+shift+v";

@@ -17,7 +17,8 @@ private Q_SLOTS:
 
         QTest::newRow("text editor") << "Mousepad" << PasteKeystroke::controlV;
         QTest::newRow("browser") << "firefox-esr" << PasteKeystroke::controlV;
-        QTest::newRow("no class") << "" << PasteKeystroke::controlV;
+        // The desktop names nothing (GNOME): a key editors and terminals share.
+        QTest::newRow("no class") << "" << PasteKeystroke::shiftInsert;
         QTest::newRow("xterm") << "XTerm" << PasteKeystroke::shiftInsert;
         QTest::newRow("uxterm") << "UXTerm" << PasteKeystroke::shiftInsert;
         QTest::newRow("urxvt") << "URxvt" << PasteKeystroke::shiftInsert;
@@ -38,7 +39,26 @@ private Q_SLOTS:
     {
         QFETCH(QString, windowClass);
         QFETCH(PasteKeystroke, expected);
-        QCOMPARE(pasteKeystrokeForWindowClass(windowClass), expected);
+        PasteTarget target;
+        if (!windowClass.isEmpty())
+            target.application.bundleIdentifier = windowClass;
+        QCOMPARE(pasteKeystrokeFor(target), expected);
+    }
+
+    // "foot --app-id=work": the class says nothing, the program does.
+    void terminalUnderItsOwnAppId()
+    {
+        QTemporaryDir dir;
+        QVERIFY(QFile::copy("/bin/sleep", dir.filePath("foot")));
+        QProcess foot;
+        foot.start(dir.filePath("foot"), {"30"});
+        QVERIFY(foot.waitForStarted());
+        PasteTarget target;
+        target.application.bundleIdentifier = "work";
+        target.application.processIdentifier = int(foot.processId());
+        QCOMPARE(pasteKeystrokeFor(target), PasteKeystroke::controlShiftV);
+        foot.kill();
+        foot.waitForFinished();
     }
 
     void targetFromWindow_data()

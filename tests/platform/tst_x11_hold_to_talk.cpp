@@ -45,6 +45,11 @@ private Q_SLOTS:
             ++m_toggles;
             m_state.setPhase(m_state.phase().is(Kind::recording) ? DictoraPhase::idle() : DictoraPhase::recording());
         });
+        // A held key's release asks for a stop.
+        connect(m_gesture.get(), &ShortcutGesture::stopRequested, this, [this] {
+            ++m_toggles;
+            m_state.setPhase(DictoraPhase::idle());
+        });
     }
 
     void init()

@@ -4,6 +4,7 @@
 #include "platform/services/PlatformServices.h"
 #include "platform/x11/X11KeystrokeSender.h"
 #include "platform/x11/X11WindowTracker.h"
+#include "platform/x11/XConnection.h"
 #include "support/TestSupport.h"
 
 #include <QApplication>
@@ -13,6 +14,7 @@
 #include <QWidget>
 #include <QtTest>
 
+#include <atomic>
 #include <thread>
 
 #include <unistd.h>
@@ -208,6 +210,31 @@ private Q_SLOTS:
         const PermissionCheck check = Platform::createPermissionProbe()->accessibility(nullptr);
         QVERIFY2(check.authorized, qPrintable(check.reason));
         QVERIFY(check.reason.isEmpty());
+    }
+
+    // Threads trapping errors on their own connections at the same time:
+    // each trap sees exactly its connection's errors, and none reaches
+    // Xlib's default handler (which would end the process).
+    void xErrorsStayWithTheirConnection()
+    {
+        std::atomic<int> wrong{0};
+        const auto provoke = [&wrong] {
+            x11::XConnection connection;
+            for (int i = 0; i < 300 && connection.isOpen(); ++i) {
+                x11::XErrorTrap trap(connection.display());
+                dictora::test::x11::unmapMissingWindow(connection.display());
+                if (trap.sync() != 3) // BadWindow
+                    ++wrong;
+                x11::XErrorTrap quiet(connection.display());
+                if (quiet.sync() != 0)
+                    ++wrong;
+            }
+        };
+        std::thread a(provoke), b(provoke), c(provoke);
+        a.join();
+        b.join();
+        c.join();
+        QCOMPARE(wrong.load(), 0);
     }
 };
 

@@ -93,31 +93,6 @@ private Q_SLOTS:
     }
     void init() { m_dir = std::make_unique<QTemporaryDir>(); }
 
-    void phaseTexts_data()
-    {
-        QTest::addColumn<AccuracyModelPhase>("phase");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("raw");
-        QTest::newRow("checking") << AccuracyModelPhase::checking() << "Checking the accuracy model…" << "checking";
-        QTest::newRow("copying") << AccuracyModelPhase::copyingBundledDevelopmentAsset() << "Preparing the accuracy model…"
-                                 << "copyingBundledDevelopmentAsset";
-        QTest::newRow("downloading") << AccuracyModelPhase::downloading() << "Downloading the accuracy model…" << "downloading";
-        QTest::newRow("verifying") << AccuracyModelPhase::verifying() << "Verifying every byte…" << "verifying";
-        QTest::newRow("loading") << AccuracyModelPhase::loading() << "Starting the local speech engine…" << "loading";
-        QTest::newRow("ready") << AccuracyModelPhase::ready() << "Accuracy model ready" << "ready";
-        QTest::newRow("retrying") << AccuracyModelPhase::retrying("x.") << "Retrying automatically: x." << "retrying";
-        QTest::newRow("attention") << AccuracyModelPhase::needsAttention("y.") << "Download paused: y." << "needsAttention";
-    }
-    void phaseTexts()
-    {
-        QFETCH(AccuracyModelPhase, phase);
-        QFETCH(QString, text);
-        QFETCH(QString, raw);
-        QCOMPARE(phase.statusText(), text);
-        QCOMPARE(phase.rawValue(), raw);
-        QCOMPARE(phase.isReady(), raw == QLatin1String("ready"));
-    }
-
     void validity_data()
     {
         QTest::addColumn<QByteArray>("content");
@@ -394,17 +369,6 @@ private Q_SLOTS:
         QVERIFY_THROWS_EXCEPTION(AccuracyModelContractError, AccuracyModelContract::current());
     }
 
-    void productContract()
-    {
-        test::IsolatedHome home;
-        const AccuracyModelContract product = AccuracyModelContract::current();
-        QCOMPARE(product.fileName, QStringLiteral("ggml-large-v3-turbo-q5_0.bin"));
-        QCOMPARE(product.partialFileName(), QStringLiteral("ggml-large-v3-turbo-q5_0.bin.partial"));
-        QCOMPARE(product.bytes, qint64(574041195));
-        QCOMPARE(product.installedPath(), home.dataHome() + QStringLiteral("/Dictora/Models/ggml-large-v3-turbo-q5_0.bin"));
-        QCOMPARE(product.developmentCopyPath(),
-            QDir::homePath() + QStringLiteral("/Documents/global_assets/global_local_models/ggml-large-v3-turbo-q5_0.bin"));
-    }
 };
 
 DICTORA_TEST_MAIN_WITH_TESTDATA(ModelManagerTest)

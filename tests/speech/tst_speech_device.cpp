@@ -67,6 +67,10 @@ private Q_SLOTS:
         QTest::newRow("cpu only") << QList{kCpu} << automatic << false << 0 << "cpu";
         QTest::newRow("llvmpipe is not a gpu") << QList{kCpu, kLlvmpipe} << automatic << false << 0 << "cpu";
         QTest::newRow("lavapipe is not a gpu") << QList{kCpu, kLavapipe} << automatic << false << 0 << "cpu";
+        QTest::newRow("lavapipe asked for, after a gpu") << QList{kCpu, kH100, kLavapipe} << SpeechDevicePreference::software
+                                                         << true << 1 << "Lavapipe software rasteriser";
+        QTest::newRow("lavapipe asked for, none there") << QList{kCpu, kH100} << SpeechDevicePreference::software << false
+                                                        << 0 << "cpu";
         QTest::newRow("discrete gpu") << QList{kCpu, kH100} << automatic << true << 0 << "NVIDIA H100 80GB HBM3";
         // The library counts every GPU, software ones included, when it numbers them.
         QTest::newRow("gpu after a software one")
@@ -167,6 +171,24 @@ private Q_SLOTS:
         if (realGpu)
             QSKIP("this machine has a real GPU");
         QCOMPARE(chooseSpeechDevice(devices, SpeechDevicePreference::automatic).useGpu, false);
+    }
+
+    // Mesa's software Vulkan driver, asked for by name: the whole GPU path
+    // (choice, load, warm-up, recognition) runs through the real back-end.
+    void softwareVulkanRunsTheGpuPath()
+    {
+        const QList<ComputeDevice> devices = availableComputeDevices();
+        // ggml's Vulkan back-end leaves CPU-type devices out of its own list
+        // even with lavapipe installed; until the software choice reaches it,
+        // this path cannot run here.
+        if (!std::any_of(devices.begin(), devices.end(), isSoftwareRasteriser))
+            QSKIP("ggml's Vulkan back-end lists no software device (lavapipe is installed)");
+        LogLines log;
+        AccurateSpeechEngine engine(SpeechDevicePreference::software, log.sink());
+        engine.load(test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.en.bin")).waitForFinished();
+        QVERIFY2(engine.usesGpu(), qPrintable(log.matching(QStringLiteral("speech engine")).join(u'\n')));
+        QVERIFY(isSoftwareRasteriser({Kind::gpu, QString(), engine.deviceName()}));
+        QCOMPARE(engine.transcribe(QList<float>(16000, 0.0f), 16000).result().text, QString());
     }
 
     // Loads through the real library: the device is logged once per engine

@@ -3,7 +3,10 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -84,6 +87,20 @@ public Q_SLOTS:
 private:
     KWinWindowTracker &m_tracker;
 };
+
+QString KWinWindowTracker::scriptFolderTemplate()
+{
+    QString base = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
+    if (base.isEmpty())
+        base = QDir::tempPath();
+    const QDir dir(base);
+    for (const QString &name : dir.entryList({QStringLiteral("dictora-kwin-*")}, QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const QString pid = name.section(QLatin1Char('-'), 2, 2);
+        if (!pid.isEmpty() && !QFileInfo::exists(QStringLiteral("/proc/") + pid))
+            QDir(dir.filePath(name)).removeRecursively();
+    }
+    return dir.filePath(QStringLiteral("dictora-kwin-%1-XXXXXX").arg(::getpid()));
+}
 
 KWinWindowTracker::KWinWindowTracker(QDBusConnection bus)
     : m_bus(std::move(bus))

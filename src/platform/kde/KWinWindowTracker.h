@@ -38,6 +38,9 @@ public:
     void requestActivation(WindowHandle window) override;
 
 private:
+    // "<runtime dir>/dictora-kwin-<pid>-XXXXXX"; folders of processes that
+    // died without cleaning up are removed first.
+    static QString scriptFolderTemplate();
     friend class KWinReports;
     struct Report {
         QString id; // KWin's internal id; empty when no window is active
@@ -57,7 +60,7 @@ private:
     QString m_objectPath;
     QString m_trackerName;
     QString m_failure;
-    QTemporaryDir m_scripts;
+    QTemporaryDir m_scripts{scriptFolderTemplate()};
     std::unique_ptr<KWinReports> m_reports;
     std::unique_ptr<QDBusServiceWatcher> m_kwinWatcher;
     QStringList m_pendingActivations;

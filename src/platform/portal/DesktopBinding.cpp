@@ -1,9 +1,12 @@
 #include "platform/portal/DesktopBinding.h"
 
+#include "platform/portal/PortalRequest.h"
 #include "platform/portal/PortalTrigger.h"
 #include "shortcut/KeyCodes.h"
 
+#include <QCoreApplication>
 #include <QProcess>
+#include <QThreadPool>
 #include <QRegularExpression>
 #include <QStandardPaths>
 
@@ -80,6 +83,13 @@ QString toStringArray(const QStringList &items)
     for (const QString &item : items)
         quoted << QLatin1Char('\'') + item + QLatin1Char('\'');
     return QLatin1Char('[') + quoted.join(QStringLiteral(", ")) + QLatin1Char(']');
+}
+
+// A value gsettings reads as exactly this string, quotes and all.
+QString gvariantString(QString text)
+{
+    text.replace(QLatin1Char('\\'), QStringLiteral("\\\\")).replace(QLatin1Char('"'), QStringLiteral("\\\""));
+    return QLatin1Char('"') + text + QLatin1Char('"');
 }
 
 QString unquote(QString text)
@@ -164,6 +174,12 @@ QStringList bindingLines(Desktop desktop, const GlobalShortcut &shortcut, bool h
     return {};
 }
 
+QString hyprlandGlobalLine(const GlobalShortcut &shortcut)
+{
+    const QString mods = modifierNames(shortcut, "CTRL", "ALT", "SHIFT", "SUPER").join(QLatin1Char(' '));
+    return QStringLiteral("bind = %1, %2, global, %3:dictate").arg(mods, keyName(shortcut), QLatin1String(kAppId));
+}
+
 QString gnomeAccelerator(const GlobalShortcut &shortcut)
 {
     return modifierNames(shortcut, "<Control>", "<Alt>", "<Shift>", "<Super>").join(QString()) + keyName(shortcut);
@@ -184,18 +200,28 @@ QString GnomeKeybinding::installedAccelerator()
         const QString schema = QLatin1String(kEntrySchema) + QLatin1Char(':') + path;
         const GsettingsResult command = gsettings({QStringLiteral("get"), schema, QStringLiteral("command")});
         const QString text = unquote(command.output);
-        if (command.ok && (text == QLatin1String(kCommand) || text.endsWith(QStringLiteral("/dictora toggle")))) {
+        if (command.ok && (path == QLatin1String(kEntryPath) || text == QLatin1String(kCommand)
+                              || text.endsWith(QStringLiteral("/dictora toggle")))) {
             return unquote(gsettings({QStringLiteral("get"), schema, QStringLiteral("binding")}).output);
         }
     }
     return {};
 }
 
+QString GnomeKeybinding::command()
+{
+    // The shell GNOME runs it from has no PATH of ours: name this very program.
+    const QString program = QCoreApplication::instance() ? QCoreApplication::applicationFilePath() : QString();
+    if (program.isEmpty())
+        return QLatin1String(kCommand);
+    return QStringLiteral("'%1' toggle").arg(QString(program).replace(QLatin1Char('\''), QStringLiteral("'\\''")));
+}
+
 bool GnomeKeybinding::install(const GlobalShortcut &shortcut, QString *error)
 {
     const QString schema = entrySchema();
     const QList<QStringList> writes{{QStringLiteral("name"), QStringLiteral("Dictora: start or stop a dictation")},
-        {QStringLiteral("command"), QLatin1String(kCommand)}, {QStringLiteral("binding"), gnomeAccelerator(shortcut)}};
+        {QStringLiteral("command"), gvariantString(command())}, {QStringLiteral("binding"), gnomeAccelerator(shortcut)}};
     for (const QStringList &write : writes) {
         const GsettingsResult set = gsettings({QStringLiteral("set"), schema, write.at(0), write.at(1)});
         if (!set.ok) {
@@ -247,7 +273,17 @@ DesktopBindingShortcutBackend::DesktopBindingShortcutBackend(Desktop desktop, QO
 
 bool DesktopBindingShortcutBackend::install(const GlobalShortcut &shortcut)
 {
+    const bool changed = m_installed && !(*m_installed == shortcut);
     m_installed = shortcut;
+    // A GNOME keybinding Dictora added follows the shortcut when it changes;
+    // one it never added stays the user's to add.
+    if (m_desktop == Desktop::gnome) {
+        QThreadPool::globalInstance()->start([shortcut, changed] {
+            const QString bound = GnomeKeybinding::installedAccelerator();
+            if (!bound.isEmpty() && (changed || bound != gnomeAccelerator(shortcut)))
+                GnomeKeybinding::install(shortcut);
+        });
+    }
     return true;
 }
 

@@ -20,6 +20,10 @@ QString desktopDisplayName(Desktop desktop);
 // to talk. Empty where the desktop has no configuration file for it.
 QStringList bindingLines(Desktop desktop, const GlobalShortcut &shortcut, bool holdToTalk);
 
+// The Hyprland line that gives the portal's shortcut its key (press and
+// release reach Dictora through the portal).
+QString hyprlandGlobalLine(const GlobalShortcut &shortcut);
+
 // GNOME's own accelerator syntax: "<Control><Alt>k", "grave".
 QString gnomeAccelerator(const GlobalShortcut &shortcut);
 
@@ -41,6 +45,8 @@ public:
     // Adds (or updates) Dictora's entry and lists it. False with `error` set
     // when gsettings refused.
     static bool install(const GlobalShortcut &shortcut, QString *error = nullptr);
+    // What the keybinding runs: this program by its full path, and "toggle".
+    static QString command();
     static bool remove(QString *error = nullptr);
 };
 

@@ -75,11 +75,20 @@ PermissionCheck DesktopPermissionProbe::keystrokeCheck() const
                                "attention: %2").arg(desktopDisplayName(m_mechanisms.desktop), uinput),
                 QLatin1String(PermissionAction::uinputRule));
         }
-        if (m_mechanisms.typingAllowed && m_mechanisms.typingAllowed())
+        using Typing = SessionMechanisms::Typing;
+        const Typing consent = m_mechanisms.typingConsent ? m_mechanisms.typingConsent() : Typing::unknown;
+        if (consent == Typing::allowed)
             return PermissionCheck::granted();
+        if (consent == Typing::refused) {
+            return PermissionCheck::needsAttention(
+                QStringLiteral("Typing was not allowed in %1's dialog, so Dictora cannot paste. Choose Allow Typing "
+                               "to be asked again.").arg(desktopDisplayName(m_mechanisms.desktop)),
+                QLatin1String(PermissionAction::portalConsent));
+        }
         return PermissionCheck::needsAttention(
-            QStringLiteral("%1 asks once before another program may type. Allow Dictora to paste your dictations "
-                           "in the desktop's dialog.").arg(desktopDisplayName(m_mechanisms.desktop)),
+            QStringLiteral("%1 asks before another program may type. Allow Dictora to paste your dictations in the "
+                           "desktop's dialog; with \"Remember\" on it asks only once, otherwise once each time "
+                           "Dictora starts.").arg(desktopDisplayName(m_mechanisms.desktop)),
             QLatin1String(PermissionAction::portalConsent));
     }
     case Keystroke::uinput: {

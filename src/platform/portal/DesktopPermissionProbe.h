@@ -16,9 +16,11 @@ struct SessionMechanisms {
     Desktop desktop = Desktop::other;
     Shortcut shortcut = Shortcut::portal;
     Keystroke keystroke = Keystroke::remoteDesktop;
-    // Whether the user already allowed typing (a restore token is kept, or
-    // the session is running). Called off the GUI thread: must be thread-safe.
-    std::function<bool()> typingAllowed;
+    // What the user answered the desktop's question about typing (allowed
+    // once the desktop started a session with a keyboard). Called off the
+    // GUI thread: must be thread-safe.
+    enum class Typing { unknown, allowed, refused };
+    std::function<Typing()> typingConsent;
     // The bus the portal is on; empty for the session bus.
     QString busAddress;
 };

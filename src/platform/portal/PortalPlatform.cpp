@@ -2,16 +2,70 @@
 
 #include "platform/portal/KeyboardLayout.h"
 #include "platform/portal/PortalRequest.h"
+#include "platform/portal/PortalService.h"
 #include "platform/portal/PortalShortcutBackend.h"
+#include "platform/portal/PortalTrigger.h"
 #include "platform/portal/UinputKeystrokeSender.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
+#include <QSaveFile>
+#include <QSettings>
+#include <QThreadPool>
 #include <QStandardPaths>
 
 namespace dictora::PortalPlatform {
+
+QString ensureDesktopEntry(QString *error)
+{
+    const QString fileName = QStringLiteral("applications/%1.desktop").arg(QLatin1String(portal::kAppId));
+    const QString userDirectory = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    const QString userFile = userDirectory + QLatin1Char('/') + fileName;
+    const QString binary = QCoreApplication::applicationFilePath();
+    const QString found = QStandardPaths::locate(QStandardPaths::GenericDataLocation, fileName);
+    // An installed entry wins; one we wrote for another build is brought up
+    // to date. The portals' lookup passes over an entry whose program is not
+    // found (a package's "dictora" while a build runs from elsewhere).
+    if (!found.isEmpty()) {
+        QSettings entry(found, QSettings::IniFormat);
+        entry.beginGroup(QStringLiteral("Desktop Entry"));
+        const bool ours = entry.value(QStringLiteral("X-Dictora-Source-Build")).toBool();
+        const QString exec = entry.value(QStringLiteral("Exec")).toString();
+        const QString program = exec.section(QLatin1Char(' '), 0, 0).remove(QLatin1Char('"'));
+        const bool runnable = !program.isEmpty()
+            && (QFileInfo(program).isAbsolute() ? QFileInfo(program).isExecutable()
+                                                : !QStandardPaths::findExecutable(program).isEmpty());
+        if (ours ? exec == binary : runnable)
+            return found;
+    }
+    QDir().mkpath(QFileInfo(userFile).path());
+    QSaveFile file(userFile);
+    const QByteArray text = QStringLiteral(
+        "[Desktop Entry]\nType=Application\nName=Dictora\nComment=Push-to-talk dictation\nExec=\"%1\"\nIcon=dictora\n"
+        "NoDisplay=true\nTerminal=false\nX-Dictora-Source-Build=true\n").arg(binary).toUtf8();
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit()) {
+        if (error)
+            *error = QStringLiteral("%1: %2").arg(userFile, file.errorString());
+        return {};
+    }
+    return userFile;
+}
+
+void registerWithPortal()
+{
+    static bool asked = false;
+    if (asked || !QCoreApplication::instance())
+        return;
+    asked = true;
+    QString error;
+    if (ensureDesktopEntry(&error).isEmpty())
+        qCWarning(lcPortal, "portal desktop file not written error=%s", qPrintable(error));
+    portal::PortalService::on(QDBusConnection::sessionBus());
+}
 
 bool hasGlobalShortcutsPortal()
 {
@@ -26,18 +80,31 @@ bool hasRemoteDesktopPortal()
 
 std::unique_ptr<ShortcutBackend> createPortalShortcutBackend(QObject *parent)
 {
-    return std::make_unique<portal::PortalShortcutBackend>(QDBusConnection::sessionBus(), parent);
+    // Read once: the desktop matches the symbol its active layout types, so
+    // every layout the user switches to gets its own trigger.
+    const QList<portal::LayoutName> layouts = portal::configuredLayouts();
+    auto backend = std::make_unique<portal::PortalShortcutBackend>(QDBusConnection::sessionBus(),
+        [layouts](const GlobalShortcut &shortcut) { return portal::preferredTriggers(shortcut, layouts); }, parent);
+    // The keybinding an older GNOME needed would now fire beside the portal's.
+    if (portal::currentDesktop() == portal::Desktop::gnome) {
+        auto *raw = backend.get();
+        QObject::connect(raw, &ShortcutBackend::installationChanged, raw, [raw] {
+            static bool removed = false;
+            if (removed || raw->stage() != portal::PortalShortcutBackend::Stage::bound)
+                return;
+            removed = true;
+            QThreadPool::globalInstance()->start([] {
+                if (!portal::GnomeKeybinding::installedAccelerator().isEmpty())
+                    portal::GnomeKeybinding::remove();
+            });
+        });
+    }
+    return backend;
 }
 
 std::unique_ptr<ShortcutBackend> createDesktopBindingShortcutBackend(portal::Desktop desktop, QObject *parent)
 {
     return std::make_unique<portal::DesktopBindingShortcutBackend>(desktop, parent);
-}
-
-std::unique_ptr<KeystrokeSender> createRemoteDesktopKeystrokeSender(portal::RemoteDesktopKeystrokeSender::TokenStore tokens)
-{
-    return std::make_unique<portal::RemoteDesktopKeystrokeSender>(
-        QDBusConnection::sessionBus(), std::move(tokens), portal::evdevCodeForV());
 }
 
 std::unique_ptr<KeystrokeSender> createUinputKeystrokeSender()
@@ -54,19 +121,17 @@ std::unique_ptr<PermissionProbe> createPermissionProbe(portal::SessionMechanisms
 BindingHint bindingHint(ShortcutBackend &backend, const GlobalShortcut &shortcut, bool holdToTalk)
 {
     if (auto *portalBackend = qobject_cast<portal::PortalShortcutBackend *>(&backend)) {
+        // Hyprland's portal registers the shortcut; its key comes from the config.
+        if (portal::currentDesktop() == portal::Desktop::hyprland) {
+            return {QStringLiteral("Add to ~/.config/hypr/hyprland.conf, then reload Hyprland:\n%1")
+                        .arg(portal::hyprlandGlobalLine(shortcut)), {}, {}};
+        }
         const QString bound = portalBackend->triggerDescription();
         if (!bound.isEmpty())
             return {QStringLiteral("The desktop runs Dictora on: %1 (change it in the desktop's shortcut settings).").arg(bound), {}, {}};
-        if (portalBackend->stage() == portal::PortalShortcutBackend::Stage::bound) {
-            // KDE Plasma 5.27 registers the shortcut without a key and leaves the choice to its settings.
-            return {QStringLiteral("The desktop has registered \"Start or stop a dictation\" without a key: choose "
-                                   "one in the desktop's shortcut settings."), {}, {}};
-        }
-        return {QStringLiteral("The desktop has not confirmed a key yet."), QStringLiteral("Ask the Desktop Again"),
-            [portalBackend, shortcut] {
-                portalBackend->uninstall();
-                portalBackend->install(shortcut);
-            }};
+        const QString reason = portalBackend->failureReason();
+        return {reason.isEmpty() ? QStringLiteral("The desktop has not confirmed a key yet.") : reason,
+            QStringLiteral("Ask the Desktop Again"), [portalBackend] { portalBackend->askAgain(); }};
     }
     auto *binding = qobject_cast<portal::DesktopBindingShortcutBackend *>(&backend);
     if (!binding)
@@ -82,6 +147,12 @@ BindingHint bindingHint(ShortcutBackend &backend, const GlobalShortcut &shortcut
         }
     }
     return hint;
+}
+
+void prepareTyping(KeystrokeSender *keystrokes)
+{
+    if (auto *sender = dynamic_cast<portal::RemoteDesktopKeystrokeSender *>(keystrokes))
+        sender->start();
 }
 
 QString permissionActionLabel(const QString &action)
@@ -116,8 +187,8 @@ QString runPermissionAction(const QString &action, ShortcutBackend *shortcut, Ke
         return {};
     }
     if (action == QLatin1String(PermissionAction::portalShortcut) && shortcut) {
-        shortcut->uninstall(); // a declined dialog is only shown again for a fresh binding
-        shortcut->install(current);
+        if (auto *portalBackend = qobject_cast<portal::PortalShortcutBackend *>(shortcut))
+            portalBackend->askAgain();
         return {};
     }
     if (action == QLatin1String(PermissionAction::gnomeKeybinding)) {

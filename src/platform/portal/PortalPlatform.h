@@ -13,13 +13,22 @@
 // session bus and fails with a reason where the desktop lacks what it needs.
 namespace dictora::PortalPlatform {
 
+// Makes sure a desktop file named after the app id exists (the portals
+// accept an app id only with one), writing a hidden one that runs this binary
+// for a build that is not installed; returns its path, or empty with `error`.
+QString ensureDesktopEntry(QString *error = nullptr);
+
+// Registers the app id with the portal on the session bus before any other
+// portal call. Once per process; later calls do nothing. The answer goes to
+// the runtime log.
+void registerWithPortal();
+
 // Whether the desktop's portal offers the interface (a short blocking call).
 bool hasGlobalShortcutsPortal();
 bool hasRemoteDesktopPortal();
 
 std::unique_ptr<ShortcutBackend> createPortalShortcutBackend(QObject *parent = nullptr);
 std::unique_ptr<ShortcutBackend> createDesktopBindingShortcutBackend(portal::Desktop desktop, QObject *parent = nullptr);
-std::unique_ptr<KeystrokeSender> createRemoteDesktopKeystrokeSender(portal::RemoteDesktopKeystrokeSender::TokenStore tokens);
 std::unique_ptr<KeystrokeSender> createUinputKeystrokeSender();
 std::unique_ptr<PermissionProbe> createPermissionProbe(portal::SessionMechanisms mechanisms);
 
@@ -32,6 +41,9 @@ struct BindingHint {
     std::function<void()> action;
 };
 BindingHint bindingHint(ShortcutBackend &backend, const GlobalShortcut &shortcut, bool holdToTalk);
+
+// Opens the desktop's typing session now where the keystroke needs one.
+void prepareTyping(KeystrokeSender *keystrokes);
 
 // The button text for a check's action (PermissionAction), in the
 // onboarding's capitals; empty for an unknown or empty action.

@@ -6,18 +6,32 @@
 #include <QDBusPendingReply>
 #include <QDBusVariant>
 #include <QPointer>
-#include <QRandomGenerator>
 
 #include <atomic>
+
+Q_LOGGING_CATEGORY(lcPortal, "dictora.portal", QtInfoMsg)
 
 namespace dictora::portal {
 
 QString newHandleToken()
 {
     static std::atomic<uint> counter{0};
-    return QStringLiteral("dictora_%1_%2")
-        .arg(++counter)
-        .arg(QRandomGenerator::global()->bounded(1u << 30));
+    return QStringLiteral("dictora_%1").arg(++counter);
+}
+
+void registerApplication(const QDBusConnection &connection, const QString &appId, QObject *context,
+    std::function<void(const QString &error)> done)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
+        QStringLiteral("org.freedesktop.host.portal.Registry"), QStringLiteral("Register"));
+    call << appId << QVariant::fromValue(QVariantMap());
+    auto *watcher = new QDBusPendingCallWatcher(connection.asyncCall(call), context);
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, context, [watcher, done = std::move(done)] {
+        watcher->deleteLater();
+        const QDBusPendingReply<> reply = *watcher;
+        if (done)
+            done(reply.isError() ? reply.error().name() + QStringLiteral(": ") + reply.error().message() : QString());
+    });
 }
 
 QString senderPathPart(const QDBusConnection &connection)

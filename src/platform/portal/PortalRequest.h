@@ -1,12 +1,16 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QLoggingCategory>
 #include <QDBusObjectPath>
 #include <QObject>
 #include <QPointer>
 #include <QVariantMap>
 
 #include <functional>
+
+// What the portals answered, in the runtime log.
+Q_DECLARE_LOGGING_CATEGORY(lcPortal)
 
 namespace dictora::portal {
 
@@ -18,8 +22,19 @@ inline constexpr auto kSessionInterface = "org.freedesktop.portal.Session";
 // How a portal request ended (the Response signal's first argument).
 enum class ResponseCode : uint { success = 0, cancelled = 1, other = 2 };
 
-// "dictora_<n>_<random>": unique per process, valid in an object path.
+// "dictora_<n>": unique per process, valid in an object path. Predictable on
+// purpose: desktops without an app id name what they keep after the token.
 QString newHandleToken();
+
+// The app id this process shows the desktop (the desktop file's name).
+inline constexpr auto kAppId = "com.dictora.Dictora";
+
+// Tells the portal which application this connection belongs to, so that it
+// keeps one shortcut entry and one consent for Dictora across runs. Must be
+// the connection's first portal call; later calls on it queue behind this one.
+// Asynchronous: `done` receives an error text, empty on success.
+void registerApplication(const QDBusConnection &connection, const QString &appId, QObject *context,
+    std::function<void(const QString &error)> done);
 // ":1.42" -> "1_42", the sender part of request and session paths.
 QString senderPathPart(const QDBusConnection &connection);
 QString requestPath(const QDBusConnection &connection, const QString &token);

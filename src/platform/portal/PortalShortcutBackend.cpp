@@ -1,5 +1,8 @@
 #include "platform/portal/PortalShortcutBackend.h"
 
+#include "platform/PermissionProbe.h"
+#include "platform/portal/DesktopBinding.h"
+#include "platform/portal/PortalService.h"
 #include "platform/portal/PortalTrigger.h"
 
 #include <QDBusArgument>
@@ -67,12 +70,24 @@ QString describe(const GlobalShortcut &shortcut)
     return shortcut.modifiers.displayPrefix() + shortcut.keyLabel;
 }
 
+QString errorSuffix(const QVariantMap &results)
+{
+    const QString error = results.value(QStringLiteral("error")).toString();
+    return error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(error);
+}
+
+constexpr int kFirstRetryMs = 1000;
+constexpr int kLongestRetryMs = 60000;
+
 } // namespace
 
-PortalShortcutBackend::PortalShortcutBackend(QDBusConnection connection, QObject *parent)
-    : ShortcutBackend(parent), m_connection(std::move(connection))
+PortalShortcutBackend::PortalShortcutBackend(QDBusConnection connection, Triggers triggers, QObject *parent)
+    : ShortcutBackend(parent), m_connection(std::move(connection)), m_triggers(std::move(triggers))
 {
     registerTypes();
+    m_retry.setSingleShot(true);
+    // The pause is over: listeners install again, which tries again.
+    connect(&m_retry, &QTimer::timeout, this, &ShortcutBackend::installationChanged);
     m_version = interfaceVersion(m_connection, QLatin1String(kInterface));
     if (m_version == 0)
         return;
@@ -81,6 +96,16 @@ PortalShortcutBackend::PortalShortcutBackend(QDBusConnection connection, QObject
     m_connection.connect(service, path, iface, QStringLiteral("Deactivated"), this, SLOT(onDeactivated(QDBusMessage)));
     m_connection.connect(service, path, iface, QStringLiteral("ShortcutsChanged"), this,
         SLOT(onShortcutsChanged(QDBusMessage)));
+    // A new portal process knows nothing of our session: start over at once.
+    connect(&PortalService::on(m_connection), &PortalService::restarted, this, [this] {
+        ++m_generation;
+        forgetSession();
+        m_retry.stop();
+        m_retryDelayMs = 0;
+        m_boundThisRun = false;
+        m_stage = Stage::idle;
+        Q_EMIT installationChanged();
+    });
 }
 
 PortalShortcutBackend::~PortalShortcutBackend()
@@ -105,30 +130,34 @@ bool PortalShortcutBackend::install(const GlobalShortcut &shortcut)
         case Stage::listing:
         case Stage::binding:
             return false; // still waiting for the desktop; failureReason says so
+        case Stage::keyless:
         case Stage::refused:
-            // The user said no in the desktop's dialog; asking again on every
-            // retry would nag. A new shortcut, or a new process, asks again.
+            // Asking again on every retry would nag: the user asks (askAgain),
+            // or the desktop tells us of a key (ShortcutsChanged).
             return false;
-        case Stage::idle:
         case Stage::failed:
+            if (m_retry.isActive())
+                return false;
+            break;
+        case Stage::idle:
             break;
         }
     }
-    ++m_generation;
+    // A shortcut changed in Dictora is offered to the desktop; one it
+    // already knows from an earlier run is not.
+    const bool changed = m_wanted && !(*m_wanted == shortcut);
+    if (changed) {
+        m_retry.stop();
+        m_retryDelayMs = 0;
+    }
     m_wanted = shortcut;
-    m_bound.reset();
-    m_keyDown = false;
-    m_failureReason = QStringLiteral("Confirm the shortcut %1 in the desktop's dialog.").arg(describe(shortcut));
-    if (m_session.isEmpty())
-        createSession();
-    else
-        bindShortcuts();
+    begin(changed);
     return false;
 }
 
 bool PortalShortcutBackend::verifyInstalled(const GlobalShortcut &shortcut) const
 {
-    return m_stage == Stage::bound && m_bound && *m_bound == shortcut && !m_session.isEmpty();
+    return m_stage == Stage::bound && m_wanted && *m_wanted == shortcut && !m_session.isEmpty();
 }
 
 void PortalShortcutBackend::uninstall()
@@ -137,33 +166,72 @@ void PortalShortcutBackend::uninstall()
     ++m_generation;
     closeSession();
     m_wanted.reset();
-    m_bound.reset();
-    m_keyDown = false;
+    m_retry.stop();
+    m_retryDelayMs = 0;
     m_stage = Stage::idle;
+}
+
+QString PortalShortcutBackend::attentionAction() const
+{
+    const bool userMustAct = m_stage == Stage::refused || m_stage == Stage::keyless || m_stage == Stage::failed;
+    return userMustAct ? QString::fromLatin1(PermissionAction::portalShortcut) : QString();
+}
+
+void PortalShortcutBackend::askAgain()
+{
+    if (!m_wanted || m_version == 0)
+        return;
+    m_retry.stop();
+    m_retryDelayMs = 0;
+    // Where the desktop has a dialog for changing a known shortcut, that is the one to show.
+    if (m_version >= 2 && !m_session.isEmpty() && m_stage == Stage::bound) {
+        QDBusMessage configure = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
+            QLatin1String(kInterface), QStringLiteral("ConfigureShortcuts"));
+        configure << QVariant::fromValue(QDBusObjectPath(m_session)) << QString() << QVariant::fromValue(QVariantMap());
+        m_connection.asyncCall(configure);
+        return;
+    }
+    begin(true);
+}
+
+void PortalShortcutBackend::begin(bool forceBind)
+{
+    ++m_generation;
+    m_keyDown = false;
+    m_askAgain = forceBind;
+    const QStringList triggers = m_triggers ? m_triggers(*m_wanted) : QStringList();
+    m_ids.clear();
+    for (int i = 0; i < std::max<qsizetype>(1, triggers.size()); ++i)
+        m_ids << idFor(i);
+    m_failureReason = QStringLiteral("Waiting for the desktop to bind the shortcut %1.").arg(describe(*m_wanted));
+    if (m_session.isEmpty())
+        createSession();
+    else
+        listShortcuts();
+}
+
+QString PortalShortcutBackend::idFor(int index) const
+{
+    return index == 0 ? QString::fromLatin1(kShortcutId) : QStringLiteral("%1-%2").arg(QLatin1String(kShortcutId)).arg(index + 1);
 }
 
 void PortalShortcutBackend::createSession()
 {
     m_stage = Stage::creatingSession;
     const uint generation = m_generation;
-    const QString sessionToken = newHandleToken();
     PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), sessionToken}}, this,
+        {{QStringLiteral("session_handle_token"), QLatin1String(kSessionToken)}}, this,
         [this, generation](ResponseCode code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
             if (code != ResponseCode::success) {
-                fail(Stage::failed, QStringLiteral("The desktop did not open a shortcut session%1.")
-                                        .arg(results.contains(QStringLiteral("error"))
-                                                ? QStringLiteral(" (") + results.value(QStringLiteral("error")).toString() + QLatin1Char(')')
-                                                : QString()));
+                fail(Stage::failed, QStringLiteral("The desktop did not open a shortcut session%1.").arg(errorSuffix(results)));
                 return;
             }
             // Documented as a string holding an object path; some portals send an object path.
             const QVariant handle = results.value(QStringLiteral("session_handle"));
-            m_session = handle.canConvert<QDBusObjectPath>() && handle.userType() == qMetaTypeId<QDBusObjectPath>()
-                ? handle.value<QDBusObjectPath>().path()
-                : handle.toString();
+            m_session = handle.userType() == qMetaTypeId<QDBusObjectPath>() ? handle.value<QDBusObjectPath>().path()
+                                                                             : handle.toString();
             if (m_session.isEmpty()) {
                 fail(Stage::failed, QStringLiteral("The desktop's shortcut session came without a handle."));
                 return;
@@ -174,8 +242,8 @@ void PortalShortcutBackend::createSession()
         });
 }
 
-// A desktop that remembers our shortcut from an earlier run has it listed
-// already; binding again would show the dialog for nothing.
+// A desktop that remembers our shortcut from an earlier run lists it; binding
+// again would show its dialog for nothing.
 void PortalShortcutBackend::listShortcuts()
 {
     m_stage = Stage::listing;
@@ -185,12 +253,9 @@ void PortalShortcutBackend::listShortcuts()
         [this, generation](ResponseCode code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
-            if (code == ResponseCode::success && takeShortcuts(results.value(QStringLiteral("shortcuts")))
-                && m_triggerDescription.size() > 0) {
-                m_bound = m_wanted;
-                m_stage = Stage::bound;
-                m_failureReason.clear();
-                Q_EMIT installationChanged();
+            const bool listed = code == ResponseCode::success && takeShortcuts(results.value(QStringLiteral("shortcuts")));
+            if (listed && !m_askAgain && (!m_triggerDescription.isEmpty() || m_boundThisRun)) {
+                settle();
                 return;
             }
             bindShortcuts();
@@ -201,81 +266,126 @@ void PortalShortcutBackend::bindShortcuts()
 {
     m_stage = Stage::binding;
     const uint generation = m_generation;
-    QVariantMap properties{{QStringLiteral("description"), QStringLiteral("Start or stop a dictation")}};
-    if (const std::optional<QString> trigger = preferredTrigger(*m_wanted))
-        properties.insert(QStringLiteral("preferred_trigger"), *trigger);
-
-    const QList<ShortcutEntry> list{{QString::fromLatin1(kShortcutId), properties}};
-
+    const QStringList triggers = m_triggers ? m_triggers(*m_wanted) : QStringList();
+    QList<ShortcutEntry> list;
+    for (int i = 0; i < m_ids.size(); ++i) {
+        QVariantMap properties{{QStringLiteral("description"),
+            i == 0 ? QStringLiteral("Start or stop a dictation")
+                   : QStringLiteral("Start or stop a dictation (the same key on another keyboard layout)")}};
+        if (i < triggers.size())
+            properties.insert(QStringLiteral("preferred_trigger"), triggers.at(i));
+        else if (const std::optional<QString> trigger = preferredTrigger(*m_wanted))
+            properties.insert(QStringLiteral("preferred_trigger"), *trigger);
+        list.append({m_ids.at(i), properties});
+    }
     PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("BindShortcuts"),
         {QVariant::fromValue(QDBusObjectPath(m_session)), QVariant::fromValue(list), QString()}, {}, this,
         [this, generation](ResponseCode code, const QVariantMap &results) {
             if (generation != m_generation)
                 return;
+            m_askAgain = false;
             if (code == ResponseCode::cancelled) {
                 fail(Stage::refused, QStringLiteral("The shortcut was declined in the desktop's dialog. Choose "
-                                                    "Update in the shortcut settings to be asked again."));
+                                                    "Ask the Desktop Again to be asked once more."));
                 return;
             }
-            if (code != ResponseCode::success) {
-                fail(Stage::failed, QStringLiteral("The desktop could not bind the shortcut%1.")
-                                        .arg(results.contains(QStringLiteral("error"))
-                                                ? QStringLiteral(" (") + results.value(QStringLiteral("error")).toString() + QLatin1Char(')')
-                                                : QString()));
+            // GNOME answers a bind of shortcuts it already knows with an
+            // error that lists them: they are bound, and they fire.
+            const bool listed = takeShortcuts(results.value(QStringLiteral("shortcuts")));
+            if (code != ResponseCode::success && !listed) {
+                fail(Stage::failed, QStringLiteral("The desktop could not bind the shortcut%1.").arg(errorSuffix(results)));
                 return;
             }
-            takeShortcuts(results.value(QStringLiteral("shortcuts")));
-            m_bound = m_wanted;
-            m_stage = Stage::bound;
-            m_failureReason.clear();
-            Q_EMIT installationChanged();
+            m_boundThisRun = true;
+            settle();
         });
 }
 
 bool PortalShortcutBackend::takeShortcuts(const QVariant &shortcuts)
 {
+    QStringList descriptions;
+    bool found = false;
     for (const ShortcutEntry &entry : readShortcutList(shortcuts)) {
-        if (entry.id == QLatin1String(kShortcutId)) {
-            m_triggerDescription = entry.properties.value(QStringLiteral("trigger_description")).toString();
-            return true;
-        }
+        if (entry.id != QLatin1String(kShortcutId) && !entry.id.startsWith(QLatin1String(kShortcutId) + QLatin1Char('-')))
+            continue;
+        found = true;
+        const QString description = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
+        if (!description.isEmpty() && !descriptions.contains(description))
+            descriptions << description;
     }
-    return false;
+    if (found)
+        m_triggerDescription = descriptions.join(QStringLiteral(" or "));
+    return found;
+}
+
+// The desktop has answered: bound when it names a key, else waiting for the user.
+void PortalShortcutBackend::settle()
+{
+    m_retry.stop();
+    m_retryDelayMs = 0;
+    // Hyprland's portal never names a key: the user's config gives it one
+    // (the shortcut sheet shows the line), so there is nothing to wait for.
+    if (m_triggerDescription.isEmpty() && currentDesktop() != Desktop::hyprland) {
+        m_stage = Stage::keyless;
+        m_failureReason = QStringLiteral("The desktop lists \"Start or stop a dictation\" without a key. Choose one "
+                                         "in the desktop's keyboard shortcut settings.");
+    } else {
+        m_stage = Stage::bound;
+        m_failureReason.clear();
+    }
+    qCInfo(lcPortal, "portal shortcut stage=%s trigger=%s", m_stage == Stage::bound ? "bound" : "keyless",
+        qPrintable(m_triggerDescription));
+    Q_EMIT installationChanged();
 }
 
 void PortalShortcutBackend::fail(Stage stage, const QString &reason)
 {
+    qCInfo(lcPortal, "portal shortcut stage=%s reason=%s", stage == Stage::refused ? "refused" : "failed", qPrintable(reason));
     m_stage = stage;
     m_failureReason = reason;
-    m_bound.reset();
+    if (stage == Stage::failed) {
+        m_retryDelayMs = m_retryDelayMs == 0 ? kFirstRetryMs : std::min(2 * m_retryDelayMs, kLongestRetryMs);
+        m_retry.start(m_retryDelayMs);
+        m_failureReason += QStringLiteral(" Dictora tries again in %1 s.").arg(m_retryDelayMs / 1000);
+    }
     Q_EMIT installationChanged();
+}
+
+void PortalShortcutBackend::forgetSession()
+{
+    if (!m_session.isEmpty()) {
+        m_connection.disconnect(QLatin1String(kService), m_session, QLatin1String(kSessionInterface),
+            QStringLiteral("Closed"), this, SLOT(onSessionClosed()));
+    }
+    m_session.clear();
+    m_keyDown = false;
 }
 
 void PortalShortcutBackend::closeSession()
 {
     if (m_session.isEmpty())
         return;
-    m_connection.disconnect(QLatin1String(kService), m_session, QLatin1String(kSessionInterface),
-        QStringLiteral("Closed"), this, SLOT(onSessionClosed()));
     QDBusMessage close = QDBusMessage::createMethodCall(QLatin1String(kService), m_session,
         QLatin1String(kSessionInterface), QStringLiteral("Close"));
+    forgetSession();
     m_connection.asyncCall(close);
-    m_session.clear();
 }
 
 // Activated and Deactivated carry (session o, shortcut id s, timestamp t, options a{sv}).
 bool PortalShortcutBackend::isOurs(const QDBusMessage &message) const
 {
     const QList<QVariant> arguments = message.arguments();
-    return m_stage == Stage::bound && arguments.size() >= 2
+    return !m_session.isEmpty() && arguments.size() >= 2
         && qvariant_cast<QDBusObjectPath>(arguments.at(0)).path() == m_session
-        && arguments.at(1).toString() == QLatin1String(kShortcutId);
+        && m_ids.contains(arguments.at(1).toString());
 }
 
 void PortalShortcutBackend::onActivated(const QDBusMessage &message)
 {
+    // A second Activated without Deactivated is a held key, or the same
+    // key matched under two of our triggers.
     if (!isOurs(message) || m_keyDown)
-        return; // a second Activated without Deactivated is a held key
+        return;
     m_keyDown = true;
     Q_EMIT pressed();
 }
@@ -291,19 +401,20 @@ void PortalShortcutBackend::onDeactivated(const QDBusMessage &message)
 void PortalShortcutBackend::onShortcutsChanged(const QDBusMessage &message)
 {
     const QList<QVariant> arguments = message.arguments();
-    if (arguments.size() < 2 || qvariant_cast<QDBusObjectPath>(arguments.at(0)).path() != m_session || m_session.isEmpty())
+    if (m_session.isEmpty() || arguments.size() < 2 || qvariant_cast<QDBusObjectPath>(arguments.at(0)).path() != m_session)
         return;
-    // The user changed or removed the key in the desktop's settings.
+    // The user changed, set or removed the key in the desktop's settings.
     if (!takeShortcuts(arguments.at(1)))
         m_triggerDescription.clear();
-    Q_EMIT installationChanged();
+    if (m_stage == Stage::bound || m_stage == Stage::keyless)
+        settle();
 }
 
 void PortalShortcutBackend::onSessionClosed()
 {
-    m_session.clear();
-    m_keyDown = false;
-    if (m_stage == Stage::bound)
+    const bool wasBound = m_stage == Stage::bound;
+    forgetSession();
+    if (wasBound || m_stage == Stage::keyless)
         fail(Stage::failed, QStringLiteral("The desktop ended Dictora's shortcut session."));
 }
 

@@ -6,25 +6,34 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QStringList>
+#include <QTimer>
 
+#include <functional>
 #include <optional>
 
 namespace dictora::portal {
 
-// The desktop's GlobalShortcuts portal. Binding is asynchronous: the desktop
-// may show its own dialog in which the user confirms (or changes) the key, so
+// The desktop's GlobalShortcuts portal. The desktop keeps the binding across
+// runs (under our app id), so a run first lists what it already knows and
+// binds only what is missing; the desktop may show a dialog for that, so
 // install() answers with what is known now and installationChanged() fires
 // once the desktop has answered. Key down and key up arrive as Activated and
-// Deactivated.
+// Deactivated. A failure is retried after a growing pause, never at once.
 class PortalShortcutBackend final : public ShortcutBackend {
     Q_OBJECT
 public:
     static constexpr auto kInterface = "org.freedesktop.portal.GlobalShortcuts";
     static constexpr auto kShortcutId = "dictate";
+    static constexpr auto kSessionToken = "dictora_shortcuts";
 
-    enum class Stage { idle, creatingSession, listing, binding, bound, refused, failed };
+    enum class Stage { idle, creatingSession, listing, binding, bound, keyless, refused, failed };
 
-    explicit PortalShortcutBackend(QDBusConnection connection, QObject *parent = nullptr);
+    // The triggers that describe a shortcut to the desktop, one per symbol
+    // the key types on the user's layouts; by default the US name alone.
+    using Triggers = std::function<QStringList(const GlobalShortcut &)>;
+
+    explicit PortalShortcutBackend(QDBusConnection connection, Triggers triggers = {}, QObject *parent = nullptr);
     ~PortalShortcutBackend() override;
 
     // The portal's GlobalShortcuts version; 0 when the desktop has none.
@@ -34,10 +43,16 @@ public:
     bool verifyInstalled(const GlobalShortcut &shortcut) const override;
     void uninstall() override;
     QString failureReason() const override { return m_failureReason; }
+    QString attentionAction() const override;
+
+    // The user asks for the desktop's dialog again: after a refusal, for a
+    // shortcut listed without a key, or to change the key where the desktop
+    // offers its own dialog for that.
+    void askAgain();
 
     Stage stage() const { return m_stage; }
-    // How the desktop says the shortcut is triggered ("Ctrl+Alt+K"); empty
-    // until it has said so.
+    // How the desktop says the shortcut is triggered ("`" or "Ctrl+Alt+K");
+    // empty until it has said so.
     QString triggerDescription() const { return m_triggerDescription; }
 
 private Q_SLOTS:
@@ -47,26 +62,35 @@ private Q_SLOTS:
     void onSessionClosed();
 
 private:
+    void begin(bool forceBind);
     void createSession();
     void listShortcuts();
     void bindShortcuts();
-    // Takes the trigger description of our shortcut from a result list;
-    // false when the list does not hold it.
+    // Takes our entries' trigger descriptions from a result list; false
+    // when the list holds none of them.
     bool takeShortcuts(const QVariant &shortcuts);
+    void settle();
     void fail(Stage stage, const QString &reason);
+    void forgetSession();
     void closeSession();
     bool isOurs(const QDBusMessage &message) const;
+    QString idFor(int index) const;
 
     QDBusConnection m_connection;
+    Triggers m_triggers;
     uint m_version = 0;
     Stage m_stage = Stage::idle;
     QString m_session;
     std::optional<GlobalShortcut> m_wanted;
-    std::optional<GlobalShortcut> m_bound;
+    QStringList m_ids; // the entries this run binds: one per trigger
+    bool m_boundThisRun = false;
+    bool m_askAgain = false; // the user asked: bind even what is listed
     QString m_triggerDescription;
     QString m_failureReason;
     bool m_keyDown = false;
     uint m_generation = 0; // answers to an abandoned install are dropped
+    QTimer m_retry;
+    int m_retryDelayMs = 0;
 };
 
 } // namespace dictora::portal

@@ -40,14 +40,9 @@ std::optional<QString> keysymName(int evdev)
     return *it;
 }
 
-std::optional<QString> preferredTrigger(const GlobalShortcut &shortcut)
+namespace {
+QString withModifiers(const GlobalShortcut &shortcut, const QString &key)
 {
-    const std::optional<int> evdev = KeyCodes::evdevFromKeyCode(shortcut.keyCode);
-    if (!evdev)
-        return std::nullopt;
-    const std::optional<QString> key = keysymName(*evdev);
-    if (!key)
-        return std::nullopt;
     QStringList parts;
     const GlobalShortcutModifiers m = shortcut.modifiers;
     if (m.contains(GlobalShortcutModifiers::control))
@@ -58,8 +53,36 @@ std::optional<QString> preferredTrigger(const GlobalShortcut &shortcut)
         parts << QStringLiteral("SHIFT");
     if (m.contains(GlobalShortcutModifiers::command))
         parts << QStringLiteral("LOGO");
-    parts << *key;
+    parts << key;
     return parts.join(QLatin1Char('+'));
+}
+} // namespace
+
+std::optional<QString> preferredTrigger(const GlobalShortcut &shortcut)
+{
+    const std::optional<int> evdev = KeyCodes::evdevFromKeyCode(shortcut.keyCode);
+    const std::optional<QString> key = evdev ? keysymName(*evdev) : std::nullopt;
+    if (!key)
+        return std::nullopt;
+    return withModifiers(shortcut, *key);
+}
+
+QStringList preferredTriggers(const GlobalShortcut &shortcut, const QList<LayoutName> &layouts)
+{
+    QStringList triggers;
+    const std::optional<int> evdev = KeyCodes::evdevFromKeyCode(shortcut.keyCode);
+    if (evdev) {
+        for (const LayoutName &layout : layouts) {
+            const QString key = keysymNameOn(*evdev, layout);
+            if (!key.isEmpty() && !triggers.contains(withModifiers(shortcut, key)))
+                triggers << withModifiers(shortcut, key);
+        }
+    }
+    if (triggers.isEmpty()) {
+        if (const std::optional<QString> us = preferredTrigger(shortcut))
+            triggers << *us;
+    }
+    return triggers;
 }
 
 } // namespace dictora::portal

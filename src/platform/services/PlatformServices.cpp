@@ -2,6 +2,7 @@
 
 #include "platform/FocusAtPasteWindowTracker.h"
 #include "platform/kde/KdePlatform.h"
+#include "platform/portal/KeyboardLayout.h"
 #include "platform/portal/PortalPlatform.h"
 #include "platform/portal/UinputKeystrokeSender.h"
 #include "platform/x11/X11Platform.h"
@@ -18,7 +19,12 @@
 #include <QSaveFile>
 #include <QStandardPaths>
 
+#include <QDBusConnection>
+
+#include <algorithm>
+#include <atomic>
 #include <functional>
+#include <optional>
 #include <vector>
 
 namespace dictora {
@@ -60,6 +66,9 @@ bool always(const DesktopSession &) { return true; }
 bool waylandSession(const DesktopSession &s) { return s.wayland; }
 bool kdeWaylandSession(const DesktopSession &s) { return s.wayland && s.desktop.contains(QLatin1String("kde")); }
 
+// What the user answered the desktop about typing, as the sender last heard.
+std::atomic<portal::SessionMechanisms::Typing> typingConsent{portal::SessionMechanisms::Typing::unknown};
+
 // The portal's permission to type, kept so the desktop asks only once.
 QString remoteDesktopTokenPath()
 {
@@ -75,6 +84,10 @@ portal::RemoteDesktopKeystrokeSender::TokenStore remoteDesktopTokens()
             return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
         },
         [](const QString &token) {
+            if (token.isEmpty()) {
+                QFile::remove(remoteDesktopTokenPath());
+                return;
+            }
             QDir().mkpath(QFileInfo(remoteDesktopTokenPath()).path());
             QSaveFile file(remoteDesktopTokenPath());
             if (file.open(QIODevice::WriteOnly)) {
@@ -91,6 +104,8 @@ portal::RemoteDesktopKeystrokeSender::TokenStore remoteDesktopTokens()
 portal::SessionMechanisms portalMechanisms()
 {
     static const portal::SessionMechanisms mechanisms = [] {
+        // Before anything else asks the portal, so it knows who is asking.
+        PortalPlatform::registerWithPortal();
         portal::SessionMechanisms m;
         m.desktop = portal::currentDesktop();
         using Shortcut = portal::SessionMechanisms::Shortcut;
@@ -102,7 +117,13 @@ portal::SessionMechanisms portalMechanisms()
         else
             m.shortcut = Shortcut::compositorBinding;
         m.keystroke = PortalPlatform::hasRemoteDesktopPortal() ? Keystroke::remoteDesktop : Keystroke::uinput;
-        m.typingAllowed = [] { return QFile::exists(remoteDesktopTokenPath()); };
+#ifdef DICTORA_HAVE_WAYLAND
+        // The keystroke table takes the compositor's virtual keyboard first
+        // (COSMIC has one without the wlroots window list): nothing to ask.
+        if (WaylandPlatform::offers("zwp_virtual_keyboard_manager_v1"))
+            m.keystroke = Keystroke::compositorKeyboard;
+#endif
+        m.typingConsent = [] { return typingConsent.load(); };
         return m;
     }();
     return mechanisms;
@@ -133,11 +154,30 @@ std::unique_ptr<T> choose(const char *service, const std::vector<Backend<T>> &ta
 
 } // namespace
 
+namespace {
+std::optional<QByteArray> inheritedQtPlatform;
+}
+
+// A session-wide QT_QPA_PLATFORM=wayland (Plasma sets one) would put the
+// indicator where Wayland lets no client place a window.
 void chooseQtPlatform()
 {
     const DesktopSession session = DesktopSession::fromEnvironment();
-    if (session.wayland && session.x11 && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "xcb");
+    if (!session.wayland || !session.x11 || qgetenv("QT_QPA_PLATFORM") == "xcb")
+        return;
+    inheritedQtPlatform = qgetenv("QT_QPA_PLATFORM");
+    qputenv("QT_QPA_PLATFORM", "xcb");
+}
+
+void restoreInheritedEnvironment()
+{
+    if (!inheritedQtPlatform)
+        return;
+    if (inheritedQtPlatform->isEmpty())
+        qunsetenv("QT_QPA_PLATFORM");
+    else
+        qputenv("QT_QPA_PLATFORM", *inheritedQtPlatform);
+    inheritedQtPlatform.reset();
 }
 
 // The tables. A new desktop's backend goes in as a row before the ones it
@@ -179,7 +219,19 @@ std::unique_ptr<KeystrokeSender> createKeystrokeSender()
                 *why = QStringLiteral("the desktop portal offers no RemoteDesktop interface");
                 return nullptr;
             }
-            return PortalPlatform::createRemoteDesktopKeystrokeSender(remoteDesktopTokens());
+            auto sender = std::make_unique<portal::RemoteDesktopKeystrokeSender>(
+                QDBusConnection::sessionBus(), remoteDesktopTokens(), portal::evdevCodeForV());
+            const auto follow = [raw = sender.get()] {
+                using Consent = portal::RemoteDesktopKeystrokeSender::Consent;
+                using Typing = portal::SessionMechanisms::Typing;
+                const Consent c = raw->consent();
+                typingConsent = c == Consent::allowed ? Typing::allowed : c == Consent::refused ? Typing::refused : Typing::unknown;
+            };
+            const QList<portal::LayoutName> layouts = portal::configuredLayouts();
+            sender->setVOnEveryLayout(std::all_of(layouts.cbegin(), layouts.cend(), &portal::typesLatinV));
+            QObject::connect(sender.get(), &portal::RemoteDesktopKeystrokeSender::stageChanged, sender.get(), follow);
+            follow();
+            return sender;
         }},
         {"uinput", waylandSession, [](QString *why) -> std::unique_ptr<KeystrokeSender> {
             *why = portal::UinputKeystrokeSender::accessProblem();

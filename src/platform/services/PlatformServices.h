@@ -32,6 +32,9 @@ namespace Platform {
 // Before the application object exists: in a Wayland session with XWayland
 // the windows run through it, where their placement is reliable.
 void chooseQtPlatform();
+// Once the application object exists: programs Dictora starts get the
+// session's own choice back.
+void restoreInheritedEnvironment();
 
 std::unique_ptr<ShortcutBackend> createShortcutBackend(QObject *parent = nullptr);
 std::unique_ptr<WindowTracker> createWindowTracker();

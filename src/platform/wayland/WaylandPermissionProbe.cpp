@@ -5,9 +5,17 @@
 
 namespace dictora::wayland {
 
+WaylandPermissionProbe::WaylandPermissionProbe() = default;
+WaylandPermissionProbe::~WaylandPermissionProbe() = default;
+
 PermissionCheck WaylandPermissionProbe::accessibility(const ShortcutBackend *shortcut)
 {
-    const WaylandConnection connection(false);
+    QMutexLocker locker(&m_lock);
+    if (m_connection && m_connection->isOpen())
+        m_connection->roundtrip();
+    if (!m_connection || !m_connection->isOpen())
+        m_connection = std::make_unique<WaylandConnection>(false);
+    const WaylandConnection &connection = *m_connection;
     if (!connection.isOpen())
         return PermissionCheck::needsAttention(connection.failureReason());
     struct Need {

@@ -34,6 +34,12 @@ std::unique_ptr<Clipboard> createClipboard(QObject *parent, QString *why)
     return ifUsable<Clipboard>(std::make_unique<wayland::WaylandClipboard>(parent), why);
 }
 
+bool offers(const char *interface)
+{
+    const wayland::WaylandConnection connection(false);
+    return connection.isOpen() && connection.global(interface);
+}
+
 std::unique_ptr<PermissionProbe> createPermissionProbe(QString *why)
 {
     const wayland::WaylandConnection connection(false);

@@ -17,4 +17,6 @@ std::unique_ptr<WindowTracker> createWindowTracker(QString *why);
 std::unique_ptr<KeystrokeSender> createKeystrokeSender(QString *why);
 std::unique_ptr<Clipboard> createClipboard(QObject *parent, QString *why);
 std::unique_ptr<PermissionProbe> createPermissionProbe(QString *why);
+// Whether the compositor offers a protocol by its interface name (a short roundtrip).
+bool offers(const char *interface);
 } // namespace dictora::WaylandPlatform

@@ -41,8 +41,6 @@ bool X11ClipboardReadWatcher::nativeEventFilter(const QByteArray &eventType, voi
     if ((event->response_type & 0x7f) != XCB_SELECTION_REQUEST)
         return false;
     const auto *request = static_cast<const xcb_selection_request_event_t *>(message);
-    if (request->target == m_targets || request->target == m_timestamp)
-        return false; // asking what we offer is not reading it
     QString selection;
     if (request->selection == m_clipboard)
         selection = QStringLiteral("clipboard");
@@ -50,6 +48,12 @@ bool X11ClipboardReadWatcher::nativeEventFilter(const QByteArray &eventType, voi
         selection = QStringLiteral("primary");
     else
         return false;
+    // Asking what we offer is not reading it.
+    if (request->target == m_targets || request->target == m_timestamp) {
+        QMetaObject::invokeMethod(
+            this, [this, selection] { Q_EMIT offerSeen(selection); }, Qt::QueuedConnection);
+        return false;
+    }
     // Told after Qt has answered, so listeners never delay the reader.
     QMetaObject::invokeMethod(
         this, [this, selection] { Q_EMIT textRead(selection); }, Qt::QueuedConnection);

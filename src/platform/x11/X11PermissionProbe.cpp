@@ -11,9 +11,15 @@
 
 namespace dictora::x11 {
 
+X11PermissionProbe::X11PermissionProbe() = default;
+X11PermissionProbe::~X11PermissionProbe() = default;
+
 PermissionCheck X11PermissionProbe::accessibility(const ShortcutBackend *shortcut)
 {
-    XConnection connection;
+    QMutexLocker locker(&m_lock);
+    if (!m_connection || !m_connection->isOpen())
+        m_connection = std::make_unique<XConnection>();
+    const XConnection &connection = *m_connection;
     if (!connection.isOpen())
         return PermissionCheck::needsAttention(connection.unavailableReason());
 

@@ -6,32 +6,40 @@
 #include <X11/Xlib.h>
 
 #include <memory>
+#include <mutex>
+#include <unordered_map>
 
 namespace dictora::x11 {
 
 namespace {
-// Innermost active trap; Xlib calls the error handler on the thread that
-// reads the reply, which for these private connections is the caller's.
-thread_local XErrorTrap *t_innermostTrap = nullptr;
+
+// X errors have one owner: one handler, installed once for the process and
+// never swapped, that hands each error to the innermost trap on the
+// connection it came from. Traps register by connection, not by thread, so a
+// trap on one thread can neither swallow nor miss another connection's error.
+// Each connection is used by one thread at a time (its owner's rule), so its
+// errors arrive on the thread whose trap is waiting for them.
+std::mutex g_trapsLock;
+std::unordered_map<Display *, XErrorTrap *> g_innermostTrap;
+XErrorHandler g_previousHandler = nullptr;
+std::once_flag g_handlerInstalled;
+
 } // namespace
 
 int trapHandler(_XDisplay *display, void *event)
 {
     auto *error = static_cast<XErrorEvent *>(event);
-    for (XErrorTrap *trap = t_innermostTrap; trap; trap = trap->m_outer) {
-        if (trap->m_display == display) {
-            if (trap->m_errorCode == 0)
-                trap->m_errorCode = error->error_code;
+    {
+        std::lock_guard lock(g_trapsLock);
+        const auto it = g_innermostTrap.find(display);
+        if (it != g_innermostTrap.end()) {
+            if (it->second->m_errorCode == 0)
+                it->second->m_errorCode = error->error_code;
             return 0;
         }
     }
-    // Not ours: hand it to whoever was in charge before the outermost trap.
-    XErrorTrap *outermost = t_innermostTrap;
-    while (outermost && outermost->m_outer)
-        outermost = outermost->m_outer;
-    if (outermost && outermost->m_previousHandler)
-        return reinterpret_cast<XErrorHandler>(outermost->m_previousHandler)(display, error);
-    return 0;
+    // A connection nobody traps: whoever was in charge before us decides.
+    return g_previousHandler ? g_previousHandler(display, error) : 0;
 }
 
 namespace {
@@ -42,18 +50,27 @@ int xlibTrapHandler(Display *display, XErrorEvent *event)
 } // namespace
 
 XErrorTrap::XErrorTrap(_XDisplay *display)
-    : m_display(display), m_outer(t_innermostTrap)
+    : m_display(display)
 {
-    m_previousHandler = reinterpret_cast<void *>(XSetErrorHandler(xlibTrapHandler));
-    t_innermostTrap = this;
+    std::call_once(g_handlerInstalled, [] { g_previousHandler = XSetErrorHandler(xlibTrapHandler); });
+    if (!m_display)
+        return;
+    std::lock_guard lock(g_trapsLock);
+    XErrorTrap *&innermost = g_innermostTrap[m_display];
+    m_outer = innermost;
+    innermost = this;
 }
 
 XErrorTrap::~XErrorTrap()
 {
-    if (m_display)
-        XSync(m_display, False); // errors of this scope must not outlive it
-    t_innermostTrap = m_outer;
-    XSetErrorHandler(reinterpret_cast<XErrorHandler>(m_previousHandler));
+    if (!m_display)
+        return;
+    XSync(m_display, False); // errors of this scope must not outlive it
+    std::lock_guard lock(g_trapsLock);
+    if (m_outer)
+        g_innermostTrap[m_display] = m_outer;
+    else
+        g_innermostTrap.erase(m_display);
 }
 
 int XErrorTrap::sync()

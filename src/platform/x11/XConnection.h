@@ -10,7 +10,8 @@ struct _XDisplay;
 
 namespace dictora::x11 {
 
-// One private Xlib connection, closed when it goes. Xlib types stay out of
+// One private Xlib connection, closed when it goes. One thread at a time uses
+// it (its owner serialises), so its errors reach that thread's traps. Xlib types stay out of
 // this header so that Qt code including it never meets Xlib's macros.
 class XConnection {
 public:
@@ -43,7 +44,8 @@ private:
 };
 
 // Catches X protocol errors on one connection while it lives instead of
-// letting Xlib's default handler end the process. Nests.
+// letting Xlib's default handler end the process. Nests on one connection;
+// traps on other connections, on any thread, do not see its errors.
 class XErrorTrap {
 public:
     explicit XErrorTrap(_XDisplay *display);
@@ -60,8 +62,7 @@ private:
     friend int trapHandler(_XDisplay *, void *);
     _XDisplay *m_display;
     int m_errorCode = 0;
-    void *m_previousHandler;
-    XErrorTrap *m_outer;
+    XErrorTrap *m_outer = nullptr;
 };
 
 } // namespace dictora::x11

@@ -110,7 +110,10 @@ void LastDictation::paste(const TranscriptRecord &record, Done done)
 void LastDictation::pasteWhenFocused(QString text, int attemptsLeft, Done done)
 {
     if (const std::optional<PasteTarget> target = m_paste.captureTarget()) {
-        m_paste.paste(text, *target, [done](qint64) { done({}); });
+        m_paste.paste(text, *target, [this, done](qint64) {
+            const QString error = m_paste.lastError();
+            done(error.isEmpty() ? QString() : QStringLiteral("The paste did not reach the window: ") + error);
+        });
         return;
     }
     if (attemptsLeft <= 1) {

@@ -18,8 +18,15 @@ PasteService::PasteService(const RuntimeLog &log, WindowTracker &windows, Keystr
     m_poll.setInterval(pollInterval);
     m_poll.setTimerType(Qt::PreciseTimer);
     connect(&m_poll, &QTimer::timeout, this, &PasteService::advance);
-    if (m_clipboard)
+    if (m_clipboard) {
         connect(m_clipboard.get(), &ClipboardReadWatcher::textRead, this, &PasteService::onTextRead);
+        connect(m_clipboard.get(), &ClipboardReadWatcher::offerSeen, this, [this](const QString &selection) {
+            if (m_busy && !m_queue.empty() && m_queue.front().step == Step::handingOver) {
+                m_queue.front().awaitedOffers.removeAll(selection);
+                advance();
+            }
+        });
+    }
     m_restore.setSingleShot(true);
     connect(&m_restore, &QTimer::timeout, this, &PasteService::restoreClipboard);
 }
@@ -38,7 +45,11 @@ void PasteService::paste(const QString &text, const PasteTarget &target, Done do
     Request request;
     request.text = text;
     request.target = target;
-    request.keystroke = pasteKeystrokeForWindowClass(target.application.bundleIdentifier.value_or(QString()));
+    request.keystroke = pasteKeystrokeFor(target);
+    // Where Ctrl+V depends on the layout group active at that moment,
+    // Shift+Insert (with both selections set) pastes whatever the group.
+    if (!m_keystrokes.pastesWithVOnEveryLayout())
+        request.keystroke = PasteKeystroke::shiftInsert;
     request.done = std::move(done);
     request.elapsed.start();
     m_queue.push_back(std::move(request));
@@ -99,40 +110,73 @@ void PasteService::advance()
                 break;
             m_log.write(QStringLiteral("paste keys still held; sending anyway"));
         }
-        dispatch();
+        offer();
         return;
+    case Step::handingOver:
+        // A keystroke that beats the compositor would paste the old clipboard.
+        if (!request.awaitedOffers.isEmpty() && request.stepElapsed.elapsed() < handOverTimeout.count())
+            break;
+        m_log.write(QStringLiteral("paste clipboard handed over ok=")
+                    + (request.awaitedOffers.isEmpty() ? QStringLiteral("true") : QStringLiteral("false")));
+        type();
+        return;
+    case Step::typing:
+        return; // the sender answers
     }
     if (!m_poll.isActive())
         m_poll.start();
 }
 
-void PasteService::dispatch()
+void PasteService::offer()
 {
-    m_poll.stop();
-    Request request = std::move(m_queue.front());
-    m_queue.pop_front();
-    m_busy = false;
-
+    Request &request = m_queue.front();
+    // Terminals paste the primary selection on Shift+Insert, editors the clipboard.
+    const bool alsoPrimary = request.keystroke == PasteKeystroke::shiftInsert;
     // A restore still waiting keeps what the user had, not our last text.
     if (m_clipboard && m_restores && !m_saved) {
         m_saved = m_clipboard->contents();
         m_log.write(QStringLiteral("clipboard saved formats=%1").arg(m_saved->formats.size()));
     }
-    // xterm and urxvt paste the primary selection on Shift+Insert.
-    if (m_clipboard)
-        m_clipboard->setText(request.text, request.keystroke == PasteKeystroke::shiftInsert);
+    const bool offered = m_clipboard && m_clipboard->setText(request.text, alsoPrimary);
     m_log.write(QStringLiteral("pasteboard transcript installed"));
+    if (offered && m_clipboard->handsOver()) {
+        request.awaitedOffers = alsoPrimary ? QStringList{QStringLiteral("clipboard"), QStringLiteral("primary")}
+                                            : QStringList{QStringLiteral("clipboard")};
+        enter(Step::handingOver);
+        return;
+    }
+    type();
+}
 
+void PasteService::type()
+{
+    m_poll.stop();
+    Request &request = m_queue.front();
+    request.step = Step::typing;
     m_lastPaste = request.elapsed;
     m_awaitingRead = m_clipboard && m_clipboard->isWatching();
-    if (!m_keystrokes.send(request.keystroke)) {
-        m_awaitingRead = false;
-        const QString reason = m_keystrokes.failureReason();
-        m_log.write(QStringLiteral("paste keystroke failed keystroke=") + keystrokeName(request.keystroke)
-                    + (reason.isEmpty() ? QString() : QStringLiteral(" error=") + reason));
-    } else {
-        m_log.write(QStringLiteral("paste keystroke sent keystroke=") + keystrokeName(request.keystroke));
-    }
+    const PasteKeystroke keystroke = request.keystroke;
+    QPointer<PasteService> self(this);
+    m_keystrokes.sendThen(keystroke, [self, keystroke](const QString &error) {
+        if (!self)
+            return;
+        if (error.isEmpty()) {
+            self->m_log.write(QStringLiteral("paste keystroke sent keystroke=") + keystrokeName(keystroke));
+        } else {
+            self->m_awaitingRead = false;
+            self->m_log.write(QStringLiteral("paste keystroke failed keystroke=") + keystrokeName(keystroke)
+                              + QStringLiteral(" error=") + error);
+        }
+        self->finish(error);
+    });
+}
+
+void PasteService::finish(const QString &error)
+{
+    Request request = std::move(m_queue.front());
+    m_queue.pop_front();
+    m_busy = false;
+    m_lastError = error;
     m_log.write(QStringLiteral("command-v posted to pid=")
                 + QString::number(request.target.application.processIdentifier));
     const qint64 dispatchMs = request.elapsed.elapsed();

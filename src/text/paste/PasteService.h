@@ -7,6 +7,7 @@
 
 #include <QElapsedTimer>
 #include <QObject>
+#include <QStringList>
 #include <QTimer>
 
 #include <chrono>
@@ -42,8 +43,9 @@ public:
     std::optional<PasteTarget> captureTarget();
 
     // Never fails: whatever cannot be done is logged and skipped. Returns at
-    // once; `done` follows on this thread once the keystroke is out, or
-    // never if the service goes first. Pastes asked for meanwhile run after.
+    // once; `done` follows on this thread once the desktop has taken the
+    // keystroke, or never if the service goes first. Pastes asked for
+    // meanwhile run after.
     void paste(const QString &text, const PasteTarget &target, Done done = {});
     bool isPasting() const { return m_busy; }
     // The clipboard alone, no keystroke. False where this desktop has none.
@@ -52,11 +54,16 @@ public:
     // what it held, every format, comes back once the target has read the
     // transcript (or after restoreTimeout where reads cannot be seen).
     void setRestoresClipboard(bool restores) { m_restores = restores; }
+    // Why the last paste did not reach the desktop, for the user; empty when
+    // it did. Read it in `done`.
+    QString lastError() const { return m_lastError; }
 
     // Bounds of the waits in the sequence; long enough for a window manager
     // and a user letting go of keys, short enough never to hang a dictation.
     static constexpr std::chrono::milliseconds activationTimeout{1000};
     static constexpr std::chrono::milliseconds keyReleaseTimeout{2000};
+    // How long the compositor gets to take the clipboard over from XWayland.
+    static constexpr std::chrono::milliseconds handOverTimeout{300};
     static constexpr std::chrono::milliseconds pollInterval{5};
     static constexpr std::chrono::milliseconds restoreTimeout{2000};
     // A target may ask for several formats of the text in a row.
@@ -67,7 +74,7 @@ Q_SIGNALS:
     void delivered(qint64 milliseconds);
 
 private:
-    enum class Step { activating, releasingKeys };
+    enum class Step { activating, releasingKeys, handingOver, typing };
     struct Request {
         QString text;
         PasteTarget target;
@@ -76,12 +83,15 @@ private:
         QElapsedTimer elapsed;
         Step step = Step::activating;
         QElapsedTimer stepElapsed;
+        QStringList awaitedOffers; // selections the compositor has yet to take over
     };
 
     void begin();
     void advance();
     void enter(Step step);
-    void dispatch();
+    void offer();
+    void type();
+    void finish(const QString &error);
     void onTextRead(const QString &selection);
     void restoreClipboard();
 
@@ -97,6 +107,7 @@ private:
     bool m_restores = false;
     std::optional<ClipboardContents> m_saved; // what to put back, while a restore waits
     QTimer m_restore;
+    QString m_lastError;
 };
 
 } // namespace dictora

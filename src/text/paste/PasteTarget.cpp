@@ -1,5 +1,6 @@
 #include "text/paste/PasteTarget.h"
 
+#include <QFile>
 #include <QSet>
 
 namespace dictora {
@@ -47,6 +48,23 @@ PasteKeystroke pasteKeystrokeForWindowClass(const QString &windowClass)
     if (terminals.contains(key))
         return PasteKeystroke::controlShiftV;
     return PasteKeystroke::controlV;
+}
+
+PasteKeystroke pasteKeystrokeFor(const PasteTarget &target)
+{
+    const QString windowClass = target.application.bundleIdentifier.value_or(QString());
+    const PasteKeystroke byClass = pasteKeystrokeForWindowClass(windowClass);
+    if (byClass != PasteKeystroke::controlV)
+        return byClass;
+    if (target.application.processIdentifier > 0) {
+        QFile comm(QStringLiteral("/proc/%1/comm").arg(target.application.processIdentifier));
+        if (comm.open(QIODevice::ReadOnly)) {
+            const PasteKeystroke byProgram = pasteKeystrokeForWindowClass(QString::fromUtf8(comm.readAll()));
+            if (byProgram != PasteKeystroke::controlV)
+                return byProgram;
+        }
+    }
+    return windowClass.isEmpty() ? PasteKeystroke::shiftInsert : PasteKeystroke::controlV;
 }
 
 } // namespace dictora

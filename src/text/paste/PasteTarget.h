@@ -24,4 +24,10 @@ PasteTarget pasteTargetFor(const FrontmostWindow &window);
 // Which keystroke makes the application with this window class paste.
 PasteKeystroke pasteKeystrokeForWindowClass(const QString &windowClass);
 
+// The same for a target: by its class, else by its program's name (a
+// terminal started under an app id of the user's own), else, where the
+// desktop names nothing, Shift+Insert, which editors and terminals alike
+// paste from (the clipboard, the primary selection: both are set).
+PasteKeystroke pasteKeystrokeFor(const PasteTarget &target);
+
 } // namespace dictora

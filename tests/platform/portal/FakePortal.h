@@ -21,6 +21,7 @@ public:
 
     // Starts the bus and the portal with fake_portal.py's options.
     bool start(const QStringList &portalOptions = {});
+    bool restartPortal();
     QString errorText() const { return m_error; }
     QString busAddress() const { return m_address; }
 
@@ -43,10 +44,12 @@ public:
 
 private:
     void control(const QString &method, const QVariantList &arguments = {});
+    bool startPortal();
 
     QProcess m_bus;
     QProcess m_portal;
     QString m_address;
+    QStringList m_options;
     QString m_error;
     QStringList m_connections;
     QVariant m_lastReply;

@@ -108,11 +108,13 @@ class RemoteDesktopPart(dbus.service.Object):
         def answer():
             # A valid token skips the dialog, as the real portal does.
             restored = session.restore_token in self.issued_tokens
-            if not restored and self.consent_answer != "accept":
+            if not restored and self.consent_answer == "close":
+                return (2, {})  # the dialog went away unanswered
+            if not restored and self.consent_answer not in ("accept", "forget"):
                 return (1, {})
             session.started = True
             results = {"devices": dbus.UInt32(1)}
-            if session.persist:
+            if session.persist and (restored or self.consent_answer != "forget"):
                 token = "token-%d" % (len(self.issued_tokens) + 1)
                 self.issued_tokens.append(token)
                 results["restore_token"] = dbus.String(token)
@@ -125,6 +127,8 @@ class RemoteDesktopPart(dbus.service.Object):
         session = self.sessions.get(str(session_handle))
         if session is None or not session.started:
             raise dbus.exceptions.DBusException("session not started", name="org.freedesktop.DBus.Error.AccessDenied")
+        if keycode == self.options.fail_keycode and state == 1:
+            raise dbus.exceptions.DBusException("refused", name="org.freedesktop.DBus.Error.Failed")
         self.log("RemoteDesktop.NotifyKeyboardKeycode", [session_handle, options, keycode, state])
 
 
@@ -139,6 +143,7 @@ class Portal(RemoteDesktopPart):
         self.consent_answer = options.consent_answer
         self.issued_tokens = []
         self.remembered = {}  # app shortcuts kept across sessions, as KDE does
+        self.registered = set()
 
     def log(self, method, args):
         self.calls.append({"method": method, "args": plain(args)})
@@ -183,15 +188,22 @@ class Portal(RemoteDesktopPart):
         self.sessions[path].shortcuts = dict(self.remembered)
         return self.request(sender, options, lambda: (0, {"session_handle": dbus.String(path)}))
 
-    def shortcut_list(self, session):
+    def shortcut_list(self, shortcuts):
         return dbus.Array([dbus.Struct((sid, dbus.Dictionary(props, signature="sv")))
-                           for sid, props in session.shortcuts.items()], signature="(sa{sv})")
+                           for sid, props in shortcuts.items()], signature="(sa{sv})")
+
+    @dbus.service.method("org.freedesktop.host.portal.Registry", in_signature="sa{sv}", sender_keyword="sender")
+    def Register(self, app_id, options, sender=None):
+        self.log("Registry.Register", [app_id])
+        self.registered.add(sender)
 
     @dbus.service.method(SHORTCUTS, in_signature="oa{sv}", out_signature="o", sender_keyword="sender")
     def ListShortcuts(self, session_handle, options, sender=None):
         self.log("GlobalShortcuts.ListShortcuts", [session_handle, options])
         session = self.sessions[str(session_handle)]
-        return self.request(sender, options, lambda: (0, {"shortcuts": self.shortcut_list(session)}))
+        # GNOME lists nothing to a new session; it answers the bind instead.
+        listed = {} if self.bind_answer == "gnome" else session.shortcuts
+        return self.request(sender, options, lambda: (0, {"shortcuts": self.shortcut_list(listed)}))
 
     @dbus.service.method(SHORTCUTS, in_signature="oa(sa{sv})sa{sv}", out_signature="o", sender_keyword="sender")
     def BindShortcuts(self, session_handle, shortcuts, parent_window, options, sender=None):
@@ -199,7 +211,14 @@ class Portal(RemoteDesktopPart):
         session = self.sessions[str(session_handle)]
 
         def answer():
-            if self.bind_answer != "accept":
+            if self.options.require_app_id and sender not in self.registered:
+                return (2, {})  # GNOME: "invalid app_id"
+            if self.bind_answer == "gnome" and all(str(sid) in self.remembered for sid, _ in shortcuts):
+                session.shortcuts = dict(self.remembered)
+                return (2, {"shortcuts": self.shortcut_list(session.shortcuts)})  # "already known"
+            if self.bind_answer == "error":
+                return (2, {})
+            if self.bind_answer not in ("accept", "gnome"):
                 return (1, {})
             for sid, props in shortcuts:
                 trigger = str(props.get("preferred_trigger", self.options.user_trigger))
@@ -208,7 +227,7 @@ class Portal(RemoteDesktopPart):
                     "trigger_description": dbus.String(trigger.replace("CTRL", "Ctrl").replace("ALT", "Alt")),
                 }
             self.remembered = dict(session.shortcuts)
-            return (0, {"shortcuts": self.shortcut_list(session)})
+            return (0, {"shortcuts": self.shortcut_list(session.shortcuts)})
 
         return self.request(sender, options, answer)
 
@@ -252,7 +271,7 @@ class Portal(RemoteDesktopPart):
                                             "trigger_description": dbus.String(trigger_description)}
             else:
                 s.shortcuts.pop(shortcut_id, None)
-            self.ShortcutsChanged(dbus.ObjectPath(s.path), self.shortcut_list(s))
+            self.ShortcutsChanged(dbus.ObjectPath(s.path), self.shortcut_list(s.shortcuts))
 
     @dbus.service.method(CONTROL, in_signature="ss")
     def SetAnswers(self, bind_answer, consent_answer):
@@ -277,6 +296,8 @@ def main():
     parser.add_argument("--consent-answer", default="accept")
     parser.add_argument("--user-trigger", default="CTRL+ALT+d")
     parser.add_argument("--delay-ms", type=int, default=1)
+    parser.add_argument("--fail-keycode", type=int, default=-1)
+    parser.add_argument("--require-app-id", action="store_true")
     options = parser.parse_args()
 
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)

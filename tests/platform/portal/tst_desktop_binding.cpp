@@ -168,20 +168,22 @@ private Q_SLOTS:
     // What a KDE/GNOME session needs before typing works.
     void remoteDesktopConsent_data()
     {
+        using Typing = SessionMechanisms::Typing;
         QTest::addColumn<QStringList>("portalOptions");
-        QTest::addColumn<bool>("typingAllowed");
+        QTest::addColumn<Typing>("consent");
         QTest::addColumn<bool>("authorized");
         QTest::addColumn<QString>("action");
-        QTest::newRow("consent not given yet") << QStringList{} << false << false << QString(PermissionAction::portalConsent);
-        QTest::newRow("consent remembered") << QStringList{} << true << true << QString();
+        QTest::newRow("not answered yet") << QStringList{} << Typing::unknown << false << QString(PermissionAction::portalConsent);
+        QTest::newRow("refused, asks again") << QStringList{} << Typing::refused << false << QString(PermissionAction::portalConsent);
+        QTest::newRow("allowed") << QStringList{} << Typing::allowed << true << QString();
         QTest::newRow("no RemoteDesktop, no uinput")
-            << QStringList{"--remote-version", "0"} << false << false << QString(PermissionAction::uinputRule);
+            << QStringList{"--remote-version", "0"} << Typing::unknown << false << QString(PermissionAction::uinputRule);
     }
 
     void remoteDesktopConsent()
     {
         QFETCH(QStringList, portalOptions);
-        QFETCH(bool, typingAllowed);
+        QFETCH(SessionMechanisms::Typing, consent);
         QFETCH(bool, authorized);
         QFETCH(QString, action);
         if (QFile::exists(UinputKeystrokeSender::kDevicePath) && action == PermissionAction::uinputRule)
@@ -194,7 +196,7 @@ private Q_SLOTS:
         SessionMechanisms mechanisms;
         mechanisms.desktop = Desktop::kde;
         mechanisms.keystroke = SessionMechanisms::Keystroke::remoteDesktop;
-        mechanisms.typingAllowed = [typingAllowed] { return typingAllowed; };
+        mechanisms.typingConsent = [consent] { return consent; };
         mechanisms.busAddress = portal.busAddress();
         DesktopPermissionProbe probe(mechanisms);
         // Off the GUI thread, as the readiness monitor runs it.

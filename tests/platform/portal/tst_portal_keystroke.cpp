@@ -146,6 +146,60 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "29+ 42+ 47+ 47- 42- 29-"; }, 5000));
     }
 
+    // What the user answers decides what is kept and what the next paste does.
+    void consentAnswers_data()
+    {
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<int>("stage");
+        QTest::addColumn<int>("consent");
+        QTest::addColumn<bool>("tokenKept");
+        using Consent = RemoteDesktopKeystrokeSender::Consent;
+        QTest::newRow("allowed, remembered") << "accept" << int(Stage::started) << int(Consent::allowed) << true;
+        QTest::newRow("allowed, not remembered") << "forget" << int(Stage::started) << int(Consent::allowed) << false;
+        QTest::newRow("refused") << "cancel" << int(Stage::refused) << int(Consent::refused) << false;
+        QTest::newRow("dialog closed unanswered") << "close" << int(Stage::idle) << int(Consent::unknown) << false;
+    }
+
+    void consentAnswers()
+    {
+        QFETCH(QString, answer);
+        QFETCH(int, stage);
+        QFETCH(int, consent);
+        QFETCH(bool, tokenKept);
+        FakePortal portal;
+        QVERIFY2(portal.start({"--consent-answer", answer}), qPrintable(portal.errorText()));
+        MemoryTokens tokens;
+        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
+        QString error = "not answered";
+        sender.sendThen(PasteKeystroke::controlV, [&](const QString &e) { error = e; });
+        QVERIFY(QTest::qWaitFor([&] { return error != "not answered"; }, 10000));
+        QCOMPARE(int(sender.stage()), stage);
+        QCOMPARE(int(sender.consent()), consent);
+        QCOMPARE(!tokens.token.isEmpty(), tokenKept);
+        QCOMPARE(error.isEmpty(), stage == int(Stage::started)); // pasted only when every key arrived
+        // Never a dead end: the next paste asks again.
+        portal.setAnswers("accept", "accept");
+        QVERIFY(sender.send(PasteKeystroke::controlV));
+        QVERIFY(waitForStage(sender, Stage::started));
+    }
+
+    // A key the desktop refuses ends the keystroke, and nothing stays pressed.
+    void refusedKeyReleasesTheHeldOnes()
+    {
+        FakePortal portal;
+        QVERIFY2(portal.start({"--fail-keycode", "47"}), qPrintable(portal.errorText()));
+        MemoryTokens tokens;
+        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
+        sender.start();
+        QVERIFY(waitForStage(sender, Stage::started));
+        QString error;
+        bool done = false;
+        sender.sendThen(PasteKeystroke::controlShiftV, [&](const QString &e) { error = e, done = true; });
+        QVERIFY(QTest::qWaitFor([&] { return done; }, 5000));
+        QVERIFY(error.contains("did not take"));
+        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "29+ 42+ 42- 29-"; }, 5000));
+    }
+
     // KDE Plasma 5.27 offers version 1: no persistence to ask for.
     void versionOneSendsNoPersistence()
     {

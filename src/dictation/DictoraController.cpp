@@ -1,4 +1,4 @@
-#include "core/session/DictoraController.h"
+#include "dictation/DictoraController.h"
 
 #include "core/Async.h"
 #include "history/PendingJournal.h"
@@ -8,6 +8,7 @@
 
 #include <QPointer>
 
+#include <algorithm>
 #include <array>
 
 namespace dictora {
@@ -29,27 +30,70 @@ constexpr float kMinimumRms = 0.0015f;
 
 constexpr unsigned bit(Kind kind) { return 1u << unsigned(kind); }
 constexpr unsigned kAnyPhase = ~0u;
+constexpr unsigned kAtRest = bit(Kind::idle) | bit(Kind::error) | bit(Kind::needsAccessibility);
+constexpr unsigned kBusy = bit(Kind::preparing) | bit(Kind::recording) | bit(Kind::finalizing);
+constexpr std::optional<Kind> kStay = std::nullopt;
 
-// Every phase change the controller makes. A row applies when the current
-// phase is in `from`; an event with no matching row changes nothing.
+// Every event each phase accepts, and where it leads (kStay: accepted, the
+// phase stays). An event without a row is refused and logged. A press or a
+// shortcut loss while the microphone opens or the text is produced waits
+// for the phase to end: presses are dropped, and a missing shortcut is
+// reported again by the next retry.
 struct Transition {
     unsigned from;
     DictationEvent event;
-    Kind to;
+    std::optional<Kind> to;
 };
 constexpr std::array kTransitions{
     Transition{bit(Kind::idle) | bit(Kind::error), DictationEvent::press, Kind::preparing},
     Transition{bit(Kind::recording), DictationEvent::press, Kind::finalizing},
-    Transition{kAnyPhase, DictationEvent::modelNotReady, Kind::error},
+    Transition{bit(Kind::needsAccessibility), DictationEvent::press, kStay},
+    Transition{bit(Kind::recording), DictationEvent::release, Kind::finalizing},
+    Transition{bit(Kind::preparing), DictationEvent::release, kStay},
+    Transition{bit(Kind::idle) | bit(Kind::error), DictationEvent::modelNotReady, Kind::error},
     Transition{bit(Kind::preparing), DictationEvent::microphoneDenied, Kind::error},
     Transition{bit(Kind::preparing), DictationEvent::captureFailed, Kind::error},
     Transition{bit(Kind::preparing), DictationEvent::captureStarted, Kind::recording},
     Transition{bit(Kind::finalizing), DictationEvent::recordSaved, Kind::idle},
     Transition{bit(Kind::finalizing), DictationEvent::finalizationFailed, Kind::error},
-    Transition{kAnyPhase, DictationEvent::shortcutMissing, Kind::needsAccessibility},
+    Transition{kAtRest, DictationEvent::shortcutMissing, Kind::needsAccessibility},
+    // The words said so far are kept: the recording ends as if stopped.
+    Transition{bit(Kind::recording), DictationEvent::shortcutMissing, Kind::finalizing},
     Transition{bit(Kind::needsAccessibility), DictationEvent::shortcutInstalled, Kind::idle},
-    Transition{kAnyPhase, DictationEvent::journalUnavailable, Kind::error},
+    Transition{kAnyPhase & ~bit(Kind::needsAccessibility), DictationEvent::shortcutInstalled, kStay},
+    Transition{kAtRest, DictationEvent::journalUnavailable, Kind::error},
 };
+
+QString eventName(DictationEvent event)
+{
+    switch (event) {
+    case DictationEvent::press: return QStringLiteral("press");
+    case DictationEvent::release: return QStringLiteral("release");
+    case DictationEvent::modelNotReady: return QStringLiteral("modelNotReady");
+    case DictationEvent::microphoneDenied: return QStringLiteral("microphoneDenied");
+    case DictationEvent::captureFailed: return QStringLiteral("captureFailed");
+    case DictationEvent::captureStarted: return QStringLiteral("captureStarted");
+    case DictationEvent::recordSaved: return QStringLiteral("recordSaved");
+    case DictationEvent::finalizationFailed: return QStringLiteral("finalizationFailed");
+    case DictationEvent::shortcutMissing: return QStringLiteral("shortcutMissing");
+    case DictationEvent::shortcutInstalled: return QStringLiteral("shortcutInstalled");
+    case DictationEvent::journalUnavailable: return QStringLiteral("journalUnavailable");
+    }
+    return {};
+}
+
+QString phaseName(Kind kind)
+{
+    switch (kind) {
+    case Kind::idle: return QStringLiteral("idle");
+    case Kind::preparing: return QStringLiteral("preparing");
+    case Kind::recording: return QStringLiteral("recording");
+    case Kind::finalizing: return QStringLiteral("finalizing");
+    case Kind::needsAccessibility: return QStringLiteral("needsAccessibility");
+    case Kind::error: return QStringLiteral("error");
+    }
+    return {};
+}
 
 DictoraPhase phaseOf(Kind kind, const QString &message)
 {
@@ -79,14 +123,18 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     , m_preferences(preferences)
     , m_c(std::move(collaborators))
     , m_onboarding(!preferences.hasCompletedOnboarding())
-    , m_readiness(m_c.shortcut, m_c.permissions, m_c.microphone, m_onboarding, m_preferences, m_c.log,
+    , m_readiness(m_c.shortcut, m_c.permissions, m_c.microphone, m_onboarding, m_preferences,
           {m_c.shortcutRetryMs, m_c.permissionPollMs})
     , m_gesture(state, [&preferences] { return preferences.holdToTalk(); })
 {
     connect(&m_readiness, &ReadinessMonitor::shortcutInstalled, this,
         [this] { transition(DictationEvent::shortcutInstalled); });
-    connect(&m_readiness, &ReadinessMonitor::shortcutMissing, this,
-        [this] { transition(DictationEvent::shortcutMissing); });
+    connect(&m_readiness, &ReadinessMonitor::shortcutMissing, this, [this] {
+        if (transition(DictationEvent::shortcutMissing) && m_state.phase().is(Kind::finalizing)) {
+            log(QStringLiteral("recording stopped because the shortcut is gone"));
+            stopAndPaste();
+        }
+    });
 
     m_listeningDots.setInterval(m_c.listeningDotMs);
     m_listeningDots.setTimerType(Qt::PreciseTimer);
@@ -103,20 +151,81 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
     connect(&m_c.shortcut, &ShortcutBackend::pressed, &m_gesture, &ShortcutGesture::press);
     connect(&m_c.shortcut, &ShortcutBackend::released, &m_gesture, &ShortcutGesture::release);
     connect(&m_gesture, &ShortcutGesture::toggleRequested, this, &DictoraController::toggleRecording);
+    connect(&m_gesture, &ShortcutGesture::stopRequested, this, &DictoraController::releaseRecording);
 }
 
-DictoraController::~DictoraController() = default;
+DictoraController::~DictoraController()
+{
+    // Quitting is a way out too: whatever the phase holds is released.
+    leave(Kind::idle);
+}
 
 bool DictoraController::transition(DictationEvent event, const QString &message)
 {
-    const unsigned current = bit(m_state.phase().kind());
-    for (const Transition &row : kTransitions) {
-        if (row.event == event && (row.from & current) != 0) {
-            m_state.setPhase(phaseOf(row.to, message));
-            return true;
-        }
+    const Kind current = m_state.phase().kind();
+    const auto row = std::find_if(kTransitions.begin(), kTransitions.end(),
+        [&](const Transition &t) { return t.event == event && (t.from & bit(current)) != 0; });
+    if (row == kTransitions.end()) {
+        log(QStringLiteral("dictation event refused event=%1 phase=%2").arg(eventName(event), phaseName(current)));
+        return false;
     }
-    return false;
+    if (!row->to)
+        return true;
+    const Kind to = *row->to;
+    Held previous = leave(to);
+    Session *session = std::visit([](auto &h) -> Session * {
+        if constexpr (std::is_same_v<std::decay_t<decltype(h)>, std::monostate>)
+            return nullptr;
+        else
+            return &h.session;
+    }, previous);
+    switch (to) {
+    case Kind::preparing:
+        m_held = Preparing{Session{QUuid::createUuid(), {}, {}, false}};
+        break;
+    case Kind::recording:
+        m_held = Recording{std::move(*session)};
+        break;
+    case Kind::finalizing:
+        m_held = Finalizing{std::move(*session), QDateTime::currentDateTimeUtc()};
+        break;
+    default:
+        m_held = std::monostate{};
+        break;
+    }
+    m_state.setPhase(phaseOf(to, message));
+    return true;
+}
+
+DictoraController::Held DictoraController::leave(Kind to)
+{
+    Held held = std::exchange(m_held, std::monostate{});
+    if (auto *p = std::get_if<Preparing>(&held); p && to != Kind::recording) {
+        if (p->captureRequested)
+            m_c.microphone.cancel();
+        cancelStream(p->session);
+    } else if (auto *r = std::get_if<Recording>(&held); r && to != Kind::finalizing) {
+        m_c.microphone.cancel();
+        cancelStream(r->session);
+    } else if (auto *f = std::get_if<Finalizing>(&held)) {
+        cancelStream(f->session);
+    }
+    if (to != Kind::preparing && to != Kind::recording) {
+        m_state.setMeterLevels(AudioMeterLevels::zero());
+        m_state.setPreviewText(QString());
+        stopListeningDots();
+    }
+    return held;
+}
+
+bool DictoraController::isCurrent(const QUuid &sessionID)
+{
+    return std::visit([&](auto &h) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(h)>, std::monostate>)
+            return false;
+        else
+            return h.session.id == sessionID;
+    }, m_held);
 }
 
 void DictoraController::start()
@@ -130,6 +239,10 @@ void DictoraController::start()
     });
     m_onboarding.setAccuracyModelReady(m_c.speech.isReady());
     m_c.speech.startAutomatically();
+    connect(&m_c.speech, &SpeechPort::previewChanged, this, [this](const QString &text) {
+        if (m_state.phase().is(Kind::recording))
+            m_state.setPreviewText(text);
+    });
 
     try {
         m_c.journal.prepare();
@@ -158,25 +271,40 @@ void DictoraController::start()
 
 void DictoraController::toggleRecording()
 {
-    if (m_operationInFlight)
-        return;
     if (m_c.views.repositionOverlay)
         m_c.views.repositionOverlay(m_preferences.microphoneLocation());
+    const Kind kind = m_state.phase().kind();
+    if ((kind == Kind::idle || kind == Kind::error) && !m_c.speech.isReady()) {
+        m_c.speech.startAutomatically();
+        transition(DictationEvent::modelNotReady, QStringLiteral("The accuracy model is finishing automatically"));
+        log(QStringLiteral("recording blocked because mandatory accuracy model is not ready"));
+        return;
+    }
+    if (!transition(DictationEvent::press))
+        return;
     switch (m_state.phase().kind()) {
-    case Kind::idle:
-    case Kind::error:
+    case Kind::preparing:
         beginRecording();
         break;
-    case Kind::recording:
-        stopAndPaste();
-        break;
-    case Kind::preparing:
     case Kind::finalizing:
+        stopAndPaste();
         break;
     case Kind::needsAccessibility:
         m_readiness.installCurrentShortcutSilently();
         break;
+    default:
+        break;
     }
+}
+
+void DictoraController::releaseRecording()
+{
+    if (Preparing *p = held<Preparing>()) {
+        p->stopWhenOpen = true;
+        return;
+    }
+    if (transition(DictationEvent::release))
+        stopAndPaste();
 }
 
 bool DictoraController::isPracticing() const
@@ -186,117 +314,96 @@ bool DictoraController::isPracticing() const
 
 void DictoraController::beginRecording()
 {
-    if (!m_c.speech.isReady()) {
-        m_c.speech.startAutomatically();
-        transition(DictationEvent::modelNotReady, QStringLiteral("The accuracy model is finishing automatically"));
-        log(QStringLiteral("recording blocked because mandatory accuracy model is not ready"));
-        return;
-    }
-    m_operationInFlight = true;
-    transition(DictationEvent::press);
     m_state.setMeterLevels(AudioMeterLevels::zero());
     startListeningDots();
-    m_meterActivityLogged = false;
-
     QPointer<DictoraController> self(this);
-    m_c.microphone.requestPermission([self](bool permitted) {
+    const QUuid sessionID = held<Preparing>()->session.id;
+    m_c.microphone.requestPermission([self, sessionID](bool permitted) {
         if (self)
-            self->permissionAnswered(permitted);
+            self->permissionAnswered(sessionID, permitted);
     });
 }
 
-void DictoraController::permissionAnswered(bool permitted)
+void DictoraController::permissionAnswered(const QUuid &sessionID, bool permitted)
 {
+    Preparing *preparing = held<Preparing>();
+    if (!preparing || preparing->session.id != sessionID)
+        return; // the press was abandoned meanwhile
     if (!permitted) {
         transition(DictationEvent::microphoneDenied, QStringLiteral("Allow Microphone"));
-        m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("microphone permission denied"));
-        m_operationInFlight = false;
         return;
     }
-    m_target = isPracticing() ? std::nullopt : m_c.paster.captureTarget();
-    const QUuid sessionID = QUuid::createUuid();
-    const QDateTime startedAt = QDateTime::currentDateTimeUtc();
-    QPointer<DictoraController> self(this);
+    Session &session = preparing->session;
+    session.target = isPracticing() ? std::nullopt : m_c.paster.captureTarget();
+    session.startedAt = QDateTime::currentDateTimeUtc();
     const SpeechPort::SampleSink sink = m_c.speech.beginStream();
-    m_streaming = bool(sink);
+    session.streaming = bool(sink);
+    preparing->captureRequested = true;
+
+    QPointer<DictoraController> self(this);
     MicrophonePort::Listeners listeners;
     listeners.onSamples = sink;
     listeners.onMeterLevels = [self](AudioMeterLevels levels) {
-        if (!self || !self->m_state.phase().is(Kind::recording))
+        Recording *recording = self ? self->held<Recording>() : nullptr;
+        if (!recording)
             return;
         self->m_state.setMeterLevels(levels);
-        if (!self->m_meterActivityLogged && levels.maximum() > kMeterActivityThreshold) {
-            self->m_meterActivityLogged = true;
+        if (!recording->meterActivityLogged && levels.maximum() > kMeterActivityThreshold) {
+            recording->meterActivityLogged = true;
             self->log(QStringLiteral("pcm meter active"));
         }
     };
-    m_c.microphone.start(std::move(listeners), [self, sessionID, startedAt](std::optional<QString> error) {
+    m_c.microphone.start(std::move(listeners), [self, sessionID](std::optional<QString> error) {
         if (self)
-            self->captureStarted(error, sessionID, startedAt);
+            self->captureStarted(sessionID, error);
     });
 }
 
-void DictoraController::captureStarted(const std::optional<QString> &error, const QUuid &sessionID,
-    const QDateTime &startedAt)
+void DictoraController::captureStarted(const QUuid &sessionID, const std::optional<QString> &error)
 {
+    if (!isCurrent(sessionID))
+        return; // abandoned; leaving the phase closed the microphone
     if (error) {
-        m_c.microphone.cancel();
-        cancelStream();
         transition(DictationEvent::captureFailed, *error);
-        m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("recording start failed error=") + *error);
-        m_operationInFlight = false;
         return;
     }
-    if (!transition(DictationEvent::captureStarted)) {
-        // The shortcut went missing meanwhile: no recording nobody can stop.
-        m_c.microphone.cancel();
-        cancelStream();
-        stopListeningDots();
-        m_target.reset();
-        m_operationInFlight = false;
-        return;
-    }
-    m_recordingStartedAt = startedAt;
-    m_recordingSessionID = sessionID;
-    log(QStringLiteral("recording started session=") + uuidString(sessionID) + QStringLiteral(" target=")
-        + (m_target ? m_target->application.name : QStringLiteral("none")));
-    m_operationInFlight = false;
+    const bool stopNow = held<Preparing>()->stopWhenOpen;
+    transition(DictationEvent::captureStarted);
+    const Session &session = held<Recording>()->session;
+    log(QStringLiteral("recording started session=") + uuidString(session.id) + QStringLiteral(" target=")
+        + (session.target ? session.target->application.name : QStringLiteral("none")));
+    if (stopNow && transition(DictationEvent::release))
+        stopAndPaste();
 }
 
 void DictoraController::stopAndPaste()
 {
-    m_operationInFlight = true;
-    transition(DictationEvent::press);
-    m_state.setMeterLevels(AudioMeterLevels::zero());
-    stopListeningDots();
     log(QStringLiteral("stop key accepted; finalizing speech"));
-
-    m_endedAt = QDateTime::currentDateTimeUtc();
-    m_startedAt = m_recordingStartedAt.value_or(m_endedAt);
-    m_sessionID = m_recordingSessionID.value_or(QUuid::createUuid());
-
+    const QUuid sessionID = held<Finalizing>()->session.id;
     const QDateTime beforeStop = QDateTime::currentDateTimeUtc();
     QPointer<DictoraController> self(this);
-    m_c.microphone.stop([self, beforeStop](MicrophonePort::Captured captured) {
+    m_c.microphone.stop([self, sessionID, beforeStop](MicrophonePort::Captured captured) {
         if (self)
-            self->captureStopped(std::move(captured),
+            self->captureStopped(sessionID, std::move(captured),
                 millisecondsBetween(beforeStop, QDateTime::currentDateTimeUtc()));
     });
 }
 
-void DictoraController::captureStopped(MicrophonePort::Captured captured, qint64 captureStopMs)
+void DictoraController::captureStopped(const QUuid &sessionID, MicrophonePort::Captured captured, qint64 captureStopMs)
 {
+    if (!isCurrent(sessionID))
+        return;
     if (captured.samples.size() < kMinimumSamples || captured.rmsLevel < kMinimumRms) {
         log(QStringLiteral("accurate local transcription skipped for silence"));
-        cancelStream();
+        cancelStream(held<Finalizing>()->session);
         finishWithText(QString(), 0, captureStopMs, QString());
         return;
     }
     QPointer<DictoraController> self(this);
-    auto done = [self, captureStopMs](std::optional<SpeechPort::Result> result, QString error) {
-        if (!self)
+    auto done = [self, sessionID, captureStopMs](std::optional<SpeechPort::Result> result, QString error) {
+        if (!self || !self->isCurrent(sessionID))
             return;
         if (!result) {
             self->failDictation(error);
@@ -304,20 +411,20 @@ void DictoraController::captureStopped(MicrophonePort::Captured captured, qint64
         }
         self->finishWithText(result->text, result->durationMilliseconds, captureStopMs, result->language);
     };
-    if (m_streaming) {
+    Session &session = held<Finalizing>()->session;
+    if (session.streaming) {
         // Most of a long recording is recognised already; only the rest is left.
-        m_streaming = false;
+        session.streaming = false;
         m_c.speech.finishStream(std::move(done));
     } else {
         m_c.speech.transcribe(std::move(captured.samples), std::move(done));
     }
 }
 
-void DictoraController::cancelStream()
+void DictoraController::cancelStream(Session &session)
 {
-    if (!m_streaming)
+    if (!std::exchange(session.streaming, false))
         return;
-    m_streaming = false;
     m_c.speech.cancelStream();
 }
 
@@ -343,17 +450,22 @@ void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint
         f.outcome = TranscriptOutcome::empty;
     } else if (f.practice) {
         f.outcome = TranscriptOutcome::practice;
-    } else if (!m_target) {
+    } else if (!held<Finalizing>()->session.target) {
         f.outcome = TranscriptOutcome::failed;
         f.error = QString::fromLatin1(kNoTargetMessage);
     } else {
         f.outcome = TranscriptOutcome::pasted;
         QPointer<DictoraController> self(this);
         const QString text = f.text;
-        m_c.paster.paste(text, *m_target, [self, f = std::move(f)](qint64 pasteMs) mutable {
+        m_c.paster.paste(text, *held<Finalizing>()->session.target, [self, f = std::move(f)](qint64 pasteMs) mutable {
             if (!self)
                 return;
             f.pasteMs = pasteMs;
+            // Pasted means the desktop took every key event.
+            if (const QString error = self->m_c.paster.lastPasteError(); !error.isEmpty()) {
+                f.outcome = TranscriptOutcome::failed;
+                f.error = error;
+            }
             self->saveRecord(std::move(f));
         });
         return;
@@ -388,23 +500,20 @@ void DictoraController::saveRecord(Finalization f)
             log(QStringLiteral("onboarding practice completed chars=%1").arg(f.text.size()));
         }
         transition(DictationEvent::recordSaved);
-        m_state.setMeterLevels(AudioMeterLevels::zero());
         log(QStringLiteral("overlay returned to idle"));
         log(QStringLiteral("recording completed outcome=%1 chars=%2 finalizeMs=%3")
                 .arg(rawValue(record.outcome))
                 .arg(f.text.size())
                 .arg(record.finalizationDurationMilliseconds));
-        resetSession();
         Q_EMIT dictationFinished();
     });
 }
 
 void DictoraController::failDictation(const QString &error)
 {
-    m_c.microphone.cancel();
-    cancelStream();
+    // The microphone closed at the stop; the stream, if any, goes with the phase.
     TranscriptRecord record = sessionRecord(TranscriptOutcome::failed);
-    record.finalizationDurationMilliseconds = millisecondsBetween(m_endedAt, record.savedAt);
+    record.finalizationDurationMilliseconds = millisecondsBetween(record.recordingEndedAt, record.savedAt);
     record.error = error;
     appendInBackground(record, [this, error](std::optional<QString> appendError) {
         if (!appendError)
@@ -412,25 +521,24 @@ void DictoraController::failDictation(const QString &error)
         else
             log(QStringLiteral("failed recording archive unavailable error=") + *appendError);
         transition(DictationEvent::finalizationFailed, error);
-        m_state.setMeterLevels(AudioMeterLevels::zero());
-        stopListeningDots();
         log(QStringLiteral("recording finalization failed error=") + error);
-        resetSession();
         Q_EMIT dictationFinished();
     });
 }
 
-TranscriptRecord DictoraController::sessionRecord(TranscriptOutcome outcome) const
+TranscriptRecord DictoraController::sessionRecord(TranscriptOutcome outcome)
 {
+    const Finalizing &f = *held<Finalizing>();
+    const QDateTime startedAt = f.session.startedAt.isValid() ? f.session.startedAt : f.endedAt;
     TranscriptRecord record;
-    record.id = m_sessionID;
-    record.recordingStartedAt = m_startedAt;
-    record.recordingEndedAt = m_endedAt;
+    record.id = f.session.id;
+    record.recordingStartedAt = startedAt;
+    record.recordingEndedAt = f.endedAt;
     record.savedAt = QDateTime::currentDateTimeUtc();
-    if (m_target)
-        record.targetApplication = m_target->application;
-    record.recordingDurationMilliseconds = millisecondsBetween(m_startedAt, m_endedAt);
-    record.totalDurationMilliseconds = millisecondsBetween(m_startedAt, record.savedAt);
+    if (f.session.target)
+        record.targetApplication = f.session.target->application;
+    record.recordingDurationMilliseconds = millisecondsBetween(startedAt, f.endedAt);
+    record.totalDurationMilliseconds = millisecondsBetween(startedAt, record.savedAt);
     record.outcome = outcome;
     record.transcriptionEngine = QString::fromLatin1(kEngineIdentifier);
     return record;
@@ -449,14 +557,6 @@ void DictoraController::appendInBackground(TranscriptRecord record, AppendDone d
             }
         },
         std::move(done));
-}
-
-void DictoraController::resetSession()
-{
-    m_recordingStartedAt.reset();
-    m_recordingSessionID.reset();
-    m_target.reset();
-    m_operationInFlight = false;
 }
 
 void DictoraController::startListeningDots()

@@ -4,8 +4,8 @@
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
 #include "core/ShortcutGesture.h"
-#include "core/session/DictationPorts.h"
-#include "core/session/ReadinessMonitor.h"
+#include "dictation/DictationPorts.h"
+#include "dictation/ReadinessMonitor.h"
 #include "history/TranscriptJournal.h"
 #include "onboarding/OnboardingModel.h"
 #include "platform/PermissionProbe.h"
@@ -17,12 +17,15 @@
 #include <QTimer>
 #include <QUuid>
 
+#include <variant>
+
 namespace dictora {
 
 // What moves a dictation from one phase to the next; see the table in
 // DictoraController.cpp.
 enum class DictationEvent {
-    press,              // the shortcut, in a phase where it starts or stops
+    press,              // the shortcut: starts, stops, or retries the shortcut
+    release,            // a held shortcut let go (hold to talk): stops
     modelNotReady,      // a press while the speech model is still preparing
     microphoneDenied,
     captureFailed,
@@ -39,6 +42,8 @@ enum class DictationEvent {
 // step here waits on a server.
 class DictoraController : public QObject {
     Q_OBJECT
+    using Kind = DictoraPhase::Kind;
+
 public:
     static constexpr auto kEngineIdentifier = "exact-local-large-v3-turbo-q5_0";
     static constexpr auto kNoTargetMessage = "No external target application was focused when recording began.";
@@ -51,7 +56,6 @@ public:
         PermissionProbe &permissions;
         SnippetStore &snippets;
         TranscriptJournal journal;
-        RuntimeLog &log;
         QString dataDirectory;
         ViewPorts views;
         // Timer periods; tests shorten them.
@@ -70,10 +74,12 @@ public:
     ShortcutGesture &shortcutGesture() { return m_gesture; }
     DictoraState &state() { return m_state; }
     ReadinessMonitor &readiness() { return m_readiness; }
-    bool isOperationInFlight() const { return m_operationInFlight; }
 
     void start();
     void toggleRecording();
+    // A held shortcut let go: stops the recording, or stops it as soon as
+    // the microphone is open.
+    void releaseRecording();
     ShortcutUpdateResult updateKeyboardShortcut(const GlobalShortcut &candidate);
     void finishOnboarding();
     void requestOnboardingMicrophonePermission();
@@ -86,6 +92,30 @@ Q_SIGNALS:
     void dictationFinished();
 
 private:
+    // What a dictation holds from the press to its record; each phase that
+    // holds something carries it as its own data, so nothing outlives it.
+    struct Session {
+        QUuid id;
+        QDateTime startedAt;
+        std::optional<PasteTarget> target;
+        bool streaming = false; // the speech port recognises while recording
+    };
+    struct Preparing {
+        Session session;
+        bool captureRequested = false; // the microphone is opening
+        bool stopWhenOpen = false;     // a held shortcut was let go meanwhile
+    };
+    struct Recording {
+        Session session;
+        bool meterActivityLogged = false;
+    };
+    struct Finalizing {
+        Session session;
+        QDateTime endedAt;
+    };
+    // Idle, error and needsAccessibility hold nothing.
+    using Held = std::variant<std::monostate, Preparing, Recording, Finalizing>;
+
     // What one stop has produced so far, carried through its asynchronous steps.
     struct Finalization {
         QString raw;
@@ -99,28 +129,33 @@ private:
         std::optional<QString> error;
     };
 
-    // Applies the table's row for (current phase, event); false, and no
-    // change, when the table has none.
+    // Applies the table's row for (current phase, event): leaves the phase
+    // (releasing what it holds) and enters the next. Without a row the event
+    // is refused, logged, and nothing changes.
     bool transition(DictationEvent event, const QString &message = {});
+    // The one exit of each phase: what it holds is handed on or released.
+    Held leave(Kind to);
+    template<typename T> T *held() { return std::get_if<T>(&m_held); }
+    bool isCurrent(const QUuid &sessionID);
 
     void beginRecording();
-    void permissionAnswered(bool permitted);
-    void captureStarted(const std::optional<QString> &error, const QUuid &sessionID, const QDateTime &startedAt);
+    void permissionAnswered(const QUuid &sessionID, bool permitted);
+    void captureStarted(const QUuid &sessionID, const std::optional<QString> &error);
     void stopAndPaste();
-    void captureStopped(MicrophonePort::Captured captured, qint64 captureStopMs);
+    void captureStopped(const QUuid &sessionID, MicrophonePort::Captured captured, qint64 captureStopMs);
     void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs, QString language);
     void saveRecord(Finalization finalization);
     void failDictation(const QString &error);
-    void cancelStream();
+    void finishStream(SpeechPort::Done done);
+    void cancelStream(Session &session);
     // The fields every record of this session shares.
-    TranscriptRecord sessionRecord(TranscriptOutcome outcome) const;
+    TranscriptRecord sessionRecord(TranscriptOutcome outcome);
     using AppendDone = std::function<void(std::optional<QString> error)>;
     void appendInBackground(TranscriptRecord record, AppendDone done);
-    void resetSession();
     void startListeningDots();
     void stopListeningDots();
     bool isPracticing() const;
-    void log(const QString &message) const { m_c.log.write(message); }
+    void log(const QString &message) const { qCInfo(lcSession).noquote() << message; }
 
     DictoraState &m_state;
     ProductPreferences &m_preferences;
@@ -129,18 +164,7 @@ private:
     ReadinessMonitor m_readiness;
     ShortcutGesture m_gesture;
 
-    std::optional<QDateTime> m_recordingStartedAt;
-    std::optional<QUuid> m_recordingSessionID;
-    std::optional<PasteTarget> m_target;
-    bool m_streaming = false; // the speech port recognises while recording
-    bool m_operationInFlight = false;
-    bool m_meterActivityLogged = false;
-
-    // Session values carried across the asynchronous stop.
-    QDateTime m_endedAt;
-    QDateTime m_startedAt;
-    QUuid m_sessionID;
-
+    Held m_held;
     QTimer m_listeningDots;
 };
 

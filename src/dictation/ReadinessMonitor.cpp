@@ -1,4 +1,4 @@
-#include "core/session/ReadinessMonitor.h"
+#include "dictation/ReadinessMonitor.h"
 
 #include "core/Async.h"
 
@@ -16,14 +16,13 @@ QString shortcutText(const GlobalShortcut &shortcut)
 } // namespace
 
 ReadinessMonitor::ReadinessMonitor(ShortcutBackend &shortcut, PermissionProbe &permissions, MicrophonePort &microphone,
-    OnboardingModel &onboarding, ProductPreferences &preferences, RuntimeLog &log, Periods periods, QObject *parent)
+    OnboardingModel &onboarding, ProductPreferences &preferences, Periods periods, QObject *parent)
     : QObject(parent)
     , m_shortcut(shortcut)
     , m_permissions(permissions)
     , m_microphonePort(microphone)
     , m_onboarding(onboarding)
     , m_preferences(preferences)
-    , m_log(log)
 {
     m_shortcutRetry.setInterval(periods.shortcutRetryMs);
     connect(&m_shortcutRetry, &QTimer::timeout, this, &ReadinessMonitor::installCurrentShortcutSilently);
@@ -60,18 +59,18 @@ void ReadinessMonitor::installCurrentShortcutSilently()
         if (m_pendingShortcutUpdate && *m_pendingShortcutUpdate == candidate) {
             m_preferences.setKeyboardShortcut(candidate);
             m_pendingShortcutUpdate.reset();
-            m_log.write(QStringLiteral("global shortcut update completed shortcut=") + shortcutText(candidate));
+            qCInfo(lcSession).noquote() << QStringLiteral("global shortcut update completed shortcut=") + shortcutText(candidate);
         }
         Q_EMIT shortcutInstalled();
         m_loggedAccessibilityWait = false;
-        m_log.write(QStringLiteral("global shortcut event tap installed shortcut=") + shortcutText(candidate));
+        qCInfo(lcSession).noquote() << QStringLiteral("global shortcut event tap installed shortcut=") + shortcutText(candidate);
         m_onboarding.showPracticeWhenReady();
         return;
     }
     Q_EMIT shortcutMissing();
     if (!m_loggedAccessibilityWait) {
         m_loggedAccessibilityWait = true;
-        m_log.write(QStringLiteral("waiting for Accessibility permission reason=") + m_shortcut.failureReason());
+        qCInfo(lcSession).noquote() << QStringLiteral("waiting for Accessibility permission reason=") + m_shortcut.failureReason();
     }
     if (!m_shortcutRetry.isActive())
         m_shortcutRetry.start();
@@ -100,11 +99,11 @@ ShortcutUpdateResult ReadinessMonitor::updateKeyboardShortcut(const GlobalShortc
         m_preferences.setKeyboardShortcut(candidate);
         m_pendingShortcutUpdate.reset();
         Q_EMIT shortcutInstalled();
-        m_log.write(QStringLiteral("global shortcut updated shortcut=") + shortcutText(candidate));
+        qCInfo(lcSession).noquote() << QStringLiteral("global shortcut updated shortcut=") + shortcutText(candidate);
         return ShortcutUpdateResult::updated();
     }
     m_shortcut.install(previous);
-    m_log.write(QStringLiteral("global shortcut update rolled back candidate=") + shortcutText(candidate));
+    qCInfo(lcSession).noquote() << QStringLiteral("global shortcut update rolled back candidate=") + shortcutText(candidate);
     return ShortcutUpdateResult::failed(
         QStringLiteral("That shortcut could not be activated. Your previous shortcut still works."));
 }

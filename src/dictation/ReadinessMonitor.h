@@ -2,7 +2,7 @@
 
 #include "core/ProductPreferences.h"
 #include "core/RuntimeLog.h"
-#include "core/session/DictationPorts.h"
+#include "dictation/DictationPorts.h"
 #include "onboarding/OnboardingModel.h"
 #include "platform/PermissionProbe.h"
 #include "platform/ShortcutBackend.h"
@@ -33,7 +33,7 @@ public:
     };
 
     ReadinessMonitor(ShortcutBackend &shortcut, PermissionProbe &permissions, MicrophonePort &microphone,
-        OnboardingModel &onboarding, ProductPreferences &preferences, RuntimeLog &log, Periods periods,
+        OnboardingModel &onboarding, ProductPreferences &preferences, Periods periods,
         QObject *parent = nullptr);
     ~ReadinessMonitor() override;
 
@@ -55,7 +55,10 @@ public:
     QString microphoneReason() const { return m_microphone.reason; }
     QString accessibilityReason() const;
     // What the button beside that reason does (PermissionAction); empty when retrying is all.
-    QString accessibilityAction() const { return m_desktop && !m_desktop->authorized ? m_desktop->action : QString(); }
+    QString accessibilityAction() const
+    {
+        return m_desktop && !m_desktop->authorized ? m_desktop->action : m_shortcut.attentionAction();
+    }
 
 Q_SIGNALS:
     // The shortcut is installed and verified (the phase leaves needsAccessibility).
@@ -71,7 +74,6 @@ private:
     MicrophonePort &m_microphonePort;
     OnboardingModel &m_onboarding;
     ProductPreferences &m_preferences;
-    RuntimeLog &m_log;
 
     QTimer m_shortcutRetry;
     QTimer m_permissionPoll;

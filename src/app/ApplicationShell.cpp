@@ -1,12 +1,12 @@
-#include "core/shell/ApplicationShell.h"
+#include "app/ApplicationShell.h"
 
 #include "core/DataPaths.h"
 #include "core/GuiStallWatch.h"
 #include "core/RuntimeLog.h"
 #include "core/SettingsFile.h"
 #include "core/SingleInstance.h"
-#include "core/session/DictoraController.h"
-#include "core/shell/Doctor.h"
+#include "app/Doctor.h"
+#include "dictation/DictoraController.h"
 #include "history/HistoryStore.h"
 #include "history/PendingJournal.h"
 #include "history/TranscriptJournal.h"
@@ -149,10 +149,11 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
 {
     Platform::chooseQtPlatform();
     QApplication app(argc, argv);
+    Platform::restoreInheritedEnvironment();
     QApplication::setOrganizationName(QStringLiteral("Dictora"));
     QApplication::setApplicationName(QStringLiteral("Dictora"));
     QApplication::setQuitOnLastWindowClosed(false);
-    QGuiApplication::setDesktopFileName(QStringLiteral("dictora"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("com.dictora.Dictora"));
     registerBundledFonts();
     Style::apply(app);
 
@@ -170,12 +171,14 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     AccuracyModelManager::Options modelOptions;
     try {
         modelOptions.contract = AccuracyModelContract::current();
+        modelOptions.voiceActivity = VoiceActivityModel::current();
     } catch (const Error &e) {
         std::fprintf(stderr, "dictora: %s\n", qPrintable(e.description()));
         return 1;
     }
 
     RuntimeLog log(DataPaths::logFile());
+    log.install();
     if (const QString moved = SettingsFile::setAsideIfUnreadable(DataPaths::settingsFile()); !moved.isEmpty()) {
         log.write(moved);
         std::fprintf(stderr, "dictora: %s\n", qPrintable(moved));
@@ -194,9 +197,12 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         speechDevicePreferenceFromString(settings.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
             .value_or(SpeechDevicePreference::automatic);
     AccuracyModelManager model(modelOptions, &log);
-    const std::unique_ptr<SpeechPort> speech = speechFactory(model);
+    const std::unique_ptr<SpeechPort> recogniser = speechFactory(model);
+    // The preview costs a recognition a second: by default only where that is cheap (a GPU).
+    VoiceGatedSpeechPort speech(*recogniser, model.voiceActivityModel(), log,
+        [&preferences, &model] { return preferences.livePreview().value_or(model.engine().usesGpu()); });
     AudioCaptureThread capture(&log);
-    CaptureMicrophonePort microphone(capture);
+    CaptureMicrophonePort microphone(capture, [&preferences] { return preferences.captureTailMilliseconds(); });
     const std::unique_ptr<WindowTracker> windows = Platform::createWindowTracker();
     const std::unique_ptr<KeystrokeSender> keystrokes = Platform::createKeystrokeSender();
     PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboard());
@@ -233,8 +239,13 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     views.openSettings = [&log](const QString &) { openSoundSettings(log); };
 
     DictoraController controller(state, preferences,
-        DictoraController::Collaborators{*speech, microphone, paster, *shortcut, *permissions, snippets, journal, log,
+        DictoraController::Collaborators{speech, microphone, paster, *shortcut, *permissions, snippets, journal,
             DataPaths::dataDirectory(), views});
+
+    // Where the desktop asks before Dictora may type, ask now rather than at
+    // the first paste; during the first run the onboarding asks.
+    if (!controller.onboarding().isPresented())
+        PortalPlatform::prepareTyping(keystrokes.get());
 
     // Settings sheets and the first-run walk, all driven through the controller.
     QObject::connect(&window, &HomeWindow::shortcutSheetRequested, &window, [&] {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/DiagnosticReport.h"
-#include "core/session/DictationPorts.h"
+#include "dictation/DictationPorts.h"
 #include "shortcut/GlobalShortcut.h"
 #include "speech/AccuracyModelContract.h"
 #include "speech/SpeechDevice.h"

@@ -1,10 +1,10 @@
-#include "core/shell/Doctor.h"
+#include "app/Doctor.h"
 
 #include "audio/AudioCaptureThread.h"
 #include "core/Async.h"
 #include "core/DataPaths.h"
 #include "core/ProductPreferences.h"
-#include "core/shell/ProductionPorts.h"
+#include "app/ProductionPorts.h"
 #include "platform/services/PlatformServices.h"
 #include "core/Error.h"
 #include "platform/KeystrokeSender.h"

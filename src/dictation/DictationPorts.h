@@ -44,6 +44,9 @@ public:
 
 Q_SIGNALS:
     void readyChanged(bool ready);
+    // While a stream runs: the text recognised so far, for the eye only; the
+    // text pasted is always finishStream()'s. Main thread.
+    void previewChanged(const QString &text);
 };
 
 // The microphone. Every call returns at once; answers come back on the
@@ -91,6 +94,8 @@ public:
     // out (re-activating the target and waiting for released keys may take
     // a moment), at most once, and never after the port is gone.
     virtual void paste(const QString &text, const PasteTarget &target, Pasted done) = 0;
+    // Inside `done`: why the desktop did not take the keystroke; empty when it did.
+    virtual QString lastPasteError() const { return {}; }
 };
 
 // The windows the controller drives but does not own.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/shell/ProductionPorts.h"
+#include "app/ProductionPorts.h"
 
 namespace dictora {
 

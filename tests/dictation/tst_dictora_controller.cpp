@@ -1,159 +1,36 @@
-#include "core/session/DictoraController.h"
+#include "support/controller/ControllerRig.h"
 
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <QtTest>
 
 using namespace dictora;
+using namespace dictora::test;
+using Kind = DictoraPhase::Kind;
 
 namespace {
 
-class FakeSpeech : public SpeechPort {
-public:
-    bool ready = true;
-    int startCalls = 0;
-    int transcribeCalls = 0;
-    QString text;
-    QString error; // non-empty: transcription fails
-    bool isReady() const override { return ready; }
-    void startAutomatically() override { ++startCalls; }
-    void transcribe(std::vector<float>, Done done) override
-    {
-        ++transcribeCalls;
-        QMetaObject::invokeMethod(this, [this, done] {
-            if (error.isEmpty())
-                done(Result{text, 420}, QString());
-            else
-                done(std::nullopt, error);
-        }, Qt::QueuedConnection);
-    }
-};
-
-// Answers come back from the event loop, as from the real capture thread.
-void later(std::function<void()> f)
+QString phaseName(Kind kind)
 {
-    QTimer::singleShot(0, std::move(f));
+    switch (kind) {
+    case Kind::idle: return QStringLiteral("idle");
+    case Kind::preparing: return QStringLiteral("preparing");
+    case Kind::recording: return QStringLiteral("recording");
+    case Kind::finalizing: return QStringLiteral("finalizing");
+    case Kind::error: return QStringLiteral("error");
+    case Kind::needsAccessibility: return QStringLiteral("needsAccessibility");
+    }
+    return {};
 }
 
-class FakeMicrophone : public MicrophonePort {
-public:
-    bool permitted = true;
-    QString startError;
-    size_t sampleCount = 16000;
-    float rms = 0.1f;
-    int cancels = 0;
-    std::function<void(AudioMeterLevels)> meter;
-    void start(Listeners listeners, Started done) override
-    {
-        if (startError.isEmpty())
-            meter = std::move(listeners.onMeterLevels);
-        later([this, done] { done(startError.isEmpty() ? std::nullopt : std::optional<QString>(startError)); });
-    }
-    void stop(Stopped done) override
-    {
-        later([this, done] { done({std::vector<float>(sampleCount, 0.1f), rms}); });
-    }
-    void cancel() override { ++cancels; }
-    void requestPermission(Answered done) override
-    {
-        later([this, done] { done(permitted); });
-    }
-    void checkStatus(StatusDone done) override
-    {
-        later([this, done] {
-            done({permitted ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied, {}});
-        });
-    }
-};
-
-class FakePaster : public PasterPort {
-public:
-    std::optional<PasteTarget> target = PasteTarget{TargetApplication{QStringLiteral("Mousepad"), QStringLiteral("Mousepad"), 4242}, {77}};
-    QStringList pasted;
-    std::optional<PasteTarget> captureTarget() override { return target; }
-    void paste(const QString &text, const PasteTarget &, Pasted done) override
-    {
-        pasted << text;
-        later([done] { done(12); });
-    }
-};
-
-class FakeShortcut : public ShortcutBackend {
-public:
-    bool accepts = true;
-    QList<GlobalShortcut> installed;
-    bool install(const GlobalShortcut &s) override
-    {
-        installed << s;
-        return accepts;
-    }
-    bool verifyInstalled(const GlobalShortcut &) const override { return accepts; }
-    void uninstall() override {}
-    QString failureReason() const override { return accepts ? QString() : QStringLiteral("key is grabbed by another program"); }
-    void press() { Q_EMIT pressed(); }
-};
-
-class FakePermissions : public PermissionProbe {
-public:
-    bool trusted = true;
-    PermissionCheck accessibility(const ShortcutBackend *) override
-    {
-        return trusted ? PermissionCheck::granted() : PermissionCheck::needsAttention(QStringLiteral("no"));
-    }
-};
-
-// One controller over fakes for the platform parts and real files for the rest.
-struct Rig {
-    QTemporaryDir dir;
-    QSettings settings{dir.filePath(QStringLiteral("Dictora.conf")), QSettings::IniFormat};
-    DictoraState state;
-    ProductPreferences preferences{settings};
-    FakeSpeech speech;
-    FakeMicrophone microphone;
-    FakePaster paster;
-    FakeShortcut shortcut;
-    FakePermissions permissions;
-    RuntimeLog log{dir.filePath(QStringLiteral("runtime.log"))};
-    TranscriptJournal journal{dir.filePath(QStringLiteral("transcripts.jsonl"))};
-    std::unique_ptr<SnippetStore> snippets;
-    std::unique_ptr<DictoraController> controller;
-
-    explicit Rig(bool onboarded = true)
-    {
-        preferences.setHasCompletedOnboarding(onboarded);
-        QFile f(dir.filePath(QStringLiteral("snippets.json")));
-        f.open(QIODevice::WriteOnly);
-        f.write(R"([{"id":"7B0D7A52-3C4B-4E8A-9B1C-2D3E4F5A6B7C","trigger":"my address","expansion":"1 Main Street"}])");
-        f.close();
-        snippets = std::make_unique<SnippetStore>(dir.filePath(QStringLiteral("snippets.json")));
-        controller = std::make_unique<DictoraController>(state, preferences,
-            DictoraController::Collaborators{speech, microphone, paster, shortcut, permissions, *snippets, journal,
-                log, dir.path(), {}, 40, 40, 10, 20});
-    }
-
-    QStringList logMessages() const
-    {
-        QFile f(log.filePath());
-        f.open(QIODevice::ReadOnly);
-        QStringList out;
-        for (const QString &line : QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-            out << line.mid(line.indexOf(QLatin1String("] ")) + 2);
-        return out;
-    }
-
-    // One press to start, one to stop; waits until the dictation is saved.
-    bool dictate()
-    {
-        controller->toggleRecording();
-        if (!QTest::qWaitFor([&] { return state.phase() != DictoraPhase::preparing(); }, 5000))
-            return false;
-        if (!state.phase().is(DictoraPhase::Kind::recording))
-            return false;
-        QSignalSpy finished(controller.get(), &DictoraController::dictationFinished);
-        shortcut.press();
-        return finished.wait(5000);
-    }
-};
+// Lets the controller's asynchronous steps run until it waits on the
+// script again: on a held microphone start, or in a settled phase.
+bool settle(ControllerRig &rig)
+{
+    return QTest::qWaitFor([&] {
+        const Kind kind = rig.state.phase().kind();
+        return kind != Kind::finalizing && (kind != Kind::preparing || rig.microphone.startPending());
+    }, 5000);
+}
 
 } // namespace
 
@@ -193,10 +70,10 @@ private Q_SLOTS:
         QFETCH(QString, outcome);
         QFETCH(QString, transcript);
         QFETCH(bool, transcribed);
-        Rig rig;
+        ControllerRig rig;
         rig.controller->start();
         rig.speech.text = spoken;
-        rig.microphone.sampleCount = size_t(samples);
+        rig.microphone.recording.assign(size_t(samples), 0.1f);
         rig.microphone.rms = float(rms);
         if (!hasTarget)
             rig.paster.target.reset();
@@ -207,7 +84,7 @@ private Q_SLOTS:
         QCOMPARE(rig.state.phase(), DictoraPhase::idle());
         QCOMPARE(rig.speech.transcribeCalls, transcribed ? 1 : 0);
         QCOMPARE(rig.state.lastTranscript(), transcript);
-        const auto records = rig.journal.readAll();
+        const auto records = rig.journal().readAll();
         QCOMPARE(records.size(), 1);
         const TranscriptRecord &r = records.first();
         QCOMPARE(rawValue(r.outcome), outcome);
@@ -236,6 +113,148 @@ private Q_SLOTS:
         }
     }
 
+    // The shortcut's key going down and up, with and without hold to talk,
+    // against the real controller; "open" and "fail" answer a microphone
+    // that is slow to start.
+    void gestures_data()
+    {
+        QTest::addColumn<bool>("holdToTalk");
+        QTest::addColumn<QString>("script");
+        QTest::addColumn<QString>("phase");
+        QTest::addColumn<int>("records");
+        QTest::newRow("toggle: press starts") << false << "down open +800 up" << "recording" << 0;
+        QTest::newRow("toggle: second press stops") << false << "down open +800 up +2000 down +50 up" << "idle" << 1;
+        QTest::newRow("hold: held records until release") << true << "down open +800 up" << "idle" << 1;
+        QTest::newRow("hold: exactly the threshold counts as held") << true << "down open +300 up" << "idle" << 1;
+        QTest::newRow("hold: a tap keeps recording") << true << "down open +120 up" << "recording" << 0;
+        QTest::newRow("hold: a tap, then a press stops") << true << "down open +120 up +3000 down +80 up" << "idle" << 1;
+        QTest::newRow("hold: a long stop press stops once") << true << "down open +100 up +2000 down +900 up" << "idle" << 1;
+        QTest::newRow("hold: released while the mic opens stops once it records") << true << "down +500 up open" << "idle" << 1;
+        QTest::newRow("hold: tapped while the mic opens keeps recording") << true << "down +100 up open" << "recording" << 0;
+        QTest::newRow("hold: start failed, release does not start again") << true << "down fail +600 up" << "error" << 0;
+        QTest::newRow("hold: mic failed after release, nothing pending") << true << "down +600 up fail" << "error" << 0;
+        QTest::newRow("hold: release without press") << true << "up up" << "idle" << 0;
+        QTest::newRow("hold: press from error starts again") << true << "down fail +600 up +100 down open +700 up" << "idle" << 1;
+    }
+    void gestures()
+    {
+        QFETCH(bool, holdToTalk);
+        QFETCH(QString, script);
+        QFETCH(QString, phase);
+        QFETCH(int, records);
+        ControllerRig rig;
+        rig.preferences.setHoldToTalk(holdToTalk);
+        rig.microphone.holdStart = true;
+        rig.speech.text = QStringLiteral("hello");
+        rig.controller->start();
+        for (const QString &step : script.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+            if (step == QLatin1String("down"))
+                rig.shortcut.press();
+            else if (step == QLatin1String("up"))
+                rig.shortcut.release();
+            else if (step == QLatin1String("open"))
+                rig.microphone.open();
+            else if (step == QLatin1String("fail"))
+                rig.microphone.fail(QStringLiteral("No microphone is available."));
+            else if (step.startsWith(QLatin1Char('+')))
+                rig.now += step.mid(1).toLongLong();
+            QVERIFY(settle(rig));
+        }
+        QCOMPARE(phaseName(rig.state.phase().kind()), phase);
+        QCOMPARE(rig.journal().readAll().size(), records);
+        QCOMPARE(rig.microphone.isOpen, phase == QLatin1String("recording"));
+    }
+
+    // Every way out of a recording closes the microphone and the recognition
+    // stream exactly once, and the next dictation records again.
+    void everyExitClosesTheMicrophoneOnce_data()
+    {
+        QTest::addColumn<QString>("exit");
+        QTest::addColumn<QString>("phase");
+        QTest::newRow("stop") << "stop" << "idle";
+        QTest::newRow("shortcut lost") << "lost" << "needsAccessibility";
+        QTest::newRow("recognition fails") << "recognition" << "error";
+        QTest::newRow("quit") << "quit" << "";
+    }
+    void everyExitClosesTheMicrophoneOnce()
+    {
+        QFETCH(QString, exit);
+        QFETCH(QString, phase);
+        ControllerRig rig;
+        rig.speech.streams = true;
+        rig.speech.text = QStringLiteral("kept words");
+        rig.controller->start();
+        rig.controller->toggleRecording();
+        QTRY_COMPARE(rig.state.phase(), DictoraPhase::recording());
+        if (exit == QLatin1String("stop")) {
+            rig.shortcut.press();
+        } else if (exit == QLatin1String("lost")) {
+            rig.shortcut.accepts = false;
+            rig.controller->installCurrentShortcutSilently();
+        } else if (exit == QLatin1String("recognition")) {
+            rig.speech.error = QStringLiteral("Local transcription failed (code -3). No substitute transcript was pasted.");
+            rig.shortcut.press();
+        } else {
+            rig.controller.reset();
+        }
+        if (!phase.isEmpty())
+            QTRY_COMPARE(phaseName(rig.state.phase().kind()), phase);
+        QTest::qWait(100);
+        QVERIFY(!rig.microphone.isOpen);
+        QCOMPARE(rig.microphone.stops + rig.microphone.cancels, 1);
+        QCOMPARE(rig.speech.finished + rig.speech.cancelled, 1);
+        if (!rig.controller)
+            return;
+        // Words said before the shortcut went are kept.
+        if (exit == QLatin1String("lost"))
+            QCOMPARE(rig.journal().readAll().value(0).transcript, QStringLiteral("Kept words"));
+        rig.shortcut.accepts = true;
+        rig.speech.error.clear();
+        rig.controller->installCurrentShortcutSilently();
+        rig.speech.text = QStringLiteral("next one");
+        QVERIFY(rig.dictate());
+        QCOMPARE(rig.journal().readAll().last().transcript, QStringLiteral("Next one"));
+        QCOMPARE(rig.microphone.stops + rig.microphone.cancels, 2);
+    }
+
+    // A port that recognises while recording: it sees every captured sample,
+    // the stop asks only for the rest, and silence discards its work.
+    void stream_data()
+    {
+        QTest::addColumn<int>("samples");
+        QTest::addColumn<float>("level");
+        QTest::addColumn<QString>("outcome");
+        QTest::addColumn<bool>("finishes");
+        QTest::newRow("speech: the rest is recognised") << 48000 << 0.1f << "pasted" << true;
+        QTest::newRow("silence: the chunks are discarded") << 48000 << 0.001f << "empty" << false;
+        QTest::newRow("too short: discarded") << 1599 << 0.1f << "empty" << false;
+    }
+    void stream()
+    {
+        QFETCH(int, samples);
+        QFETCH(float, level);
+        QFETCH(QString, outcome);
+        QFETCH(bool, finishes);
+        ControllerRig rig;
+        rig.speech.streams = true;
+        rig.speech.text = QStringLiteral("first chunk second chunk");
+        rig.microphone.recording.assign(size_t(samples), level);
+        rig.microphone.rms = level;
+        rig.controller->start();
+        QVERIFY(rig.dictate());
+        QVERIFY(rig.speech.streamed == rig.microphone.recording);
+        QCOMPARE(rig.speech.transcribeCalls, 0); // never recognised twice
+        QCOMPARE(rig.speech.finished, finishes ? 1 : 0);
+        QCOMPARE(rig.speech.cancelled, finishes ? 0 : 1);
+        const auto records = rig.journal().readAll();
+        QCOMPARE(records.size(), 1);
+        QCOMPARE(rawValue(records.first().outcome), outcome);
+        if (finishes) {
+            QCOMPARE(records.first().transcript, QStringLiteral("First chunk second chunk"));
+            QCOMPARE(records.first().earsDurationMilliseconds, std::optional<qint64>(250));
+        }
+    }
+
     void refusals_data()
     {
         QTest::addColumn<QString>("what");
@@ -250,7 +269,7 @@ private Q_SLOTS:
         QFETCH(QString, what);
         QFETCH(QString, phaseMessage);
         QFETCH(QString, logLine);
-        Rig rig;
+        ControllerRig rig;
         rig.controller->start();
         rig.speech.ready = what != QLatin1String("model");
         rig.microphone.permitted = what != QLatin1String("permission");
@@ -259,39 +278,38 @@ private Q_SLOTS:
         const int startsBefore = rig.speech.startCalls;
         rig.controller->toggleRecording();
         QTRY_VERIFY(!rig.state.phase().is(DictoraPhase::Kind::preparing));
-        QTRY_VERIFY(!rig.controller->isOperationInFlight());
         QCOMPARE(rig.state.phase(), DictoraPhase::error(phaseMessage));
         QVERIFY(rig.logMessages().contains(logLine));
         QCOMPARE(rig.speech.startCalls, startsBefore + (what == QLatin1String("model") ? 1 : 0));
         QCOMPARE(rig.microphone.cancels, what == QLatin1String("start") ? 1 : 0);
-        QVERIFY(rig.journal.readAll().isEmpty());
+        QVERIFY(rig.journal().readAll().isEmpty());
         // The next press tries again from the error phase.
         rig.speech.ready = rig.microphone.permitted = true;
         rig.microphone.startError.clear();
         QVERIFY(rig.dictate());
-        QCOMPARE(rig.journal.readAll().size(), 1);
+        QCOMPARE(rig.journal().readAll().size(), 1);
     }
 
     void transcriptionFailureIsJournaledAndShown()
     {
-        Rig rig;
+        ControllerRig rig;
         rig.controller->start();
         rig.speech.error = QStringLiteral("Local transcription failed (code -3). No substitute transcript was pasted.");
         QVERIFY(rig.dictate());
         QCOMPARE(rig.state.phase(), DictoraPhase::error(rig.speech.error));
-        const auto records = rig.journal.readAll();
+        const auto records = rig.journal().readAll();
         QCOMPARE(records.size(), 1);
         QCOMPARE(records.first().outcome, TranscriptOutcome::failed);
         QCOMPARE(records.first().error, std::optional<QString>(rig.speech.error));
         QVERIFY(!records.first().earsDurationMilliseconds);
         QVERIFY(rig.paster.pasted.isEmpty());
         QVERIFY(rig.logMessages().contains(QStringLiteral("failed recording archived without transcript")));
-        QCOMPARE(rig.microphone.cancels, 1);
+        QCOMPARE(rig.microphone.stops + rig.microphone.cancels, 1);
     }
 
     void pressesWhileBusyAreDropped()
     {
-        Rig rig;
+        ControllerRig rig;
         rig.controller->start();
         rig.speech.text = QStringLiteral("one");
         rig.controller->toggleRecording(); // preparing, waiting for the permission answer
@@ -304,24 +322,25 @@ private Q_SLOTS:
         QVERIFY(finished.wait(5000));
         QTest::qWait(100);
         QCOMPARE(rig.speech.transcribeCalls, 1);
-        QCOMPARE(rig.journal.readAll().size(), 1);
+        QCOMPARE(rig.journal().readAll().size(), 1);
         QCOMPARE(rig.state.phase(), DictoraPhase::idle());
     }
 
     void meterOnlyWhileRecordingAndDotsCycle()
     {
-        Rig rig;
+        ControllerRig rig;
         rig.controller->start();
         rig.controller->toggleRecording();
         QTRY_COMPARE(rig.state.phase(), DictoraPhase::recording());
         QSignalSpy dots(&rig.state, &DictoraState::listeningDotPhaseChanged);
         QVERIFY(dots.wait(1000));
-        rig.microphone.meter({0.2f, 0.3f, 0.1f, 0.6f});
+        const auto meter = rig.microphone.listeners.onMeterLevels;
+        meter({0.2f, 0.3f, 0.1f, 0.6f});
         QCOMPARE(rig.state.meterLevels(), (AudioMeterLevels{0.2f, 0.3f, 0.1f, 0.6f}));
         QCOMPARE(rig.logMessages().count(QStringLiteral("pcm meter active")), 1);
         QSignalSpy finished(rig.controller.get(), &DictoraController::dictationFinished);
         rig.shortcut.press();
-        rig.microphone.meter({0.9f, 0.9f, 0.9f, 0.9f}); // late level after stop is ignored
+        meter({0.9f, 0.9f, 0.9f, 0.9f}); // late level after stop is ignored
         QCOMPARE(rig.state.meterLevels(), AudioMeterLevels::zero());
         QVERIFY(finished.wait(5000));
         QCOMPARE(rig.state.listeningDotPhase(), 0);
@@ -329,7 +348,7 @@ private Q_SLOTS:
 
     void shortcutRetriesUntilInstalled()
     {
-        Rig rig;
+        ControllerRig rig;
         rig.shortcut.accepts = false;
         rig.controller->start();
         QCOMPARE(rig.state.phase(), DictoraPhase::needsAccessibility());
@@ -359,7 +378,7 @@ private Q_SLOTS:
         QFETCH(bool, grabWorks);
         QFETCH(int, kind);
         QFETCH(QString, message);
-        Rig rig;
+        ControllerRig rig;
         rig.controller->start();
         const GlobalShortcut candidate{40, {std::uint8_t(modifiers)}, QStringLiteral("K")};
         rig.shortcut.accepts = grabWorks;
@@ -374,14 +393,14 @@ private Q_SLOTS:
 
     void practiceIsSavedNotPasted()
     {
-        Rig rig(false);
+        ControllerRig rig(false);
         rig.controller->start();
         OnboardingModel &onboarding = rig.controller->onboarding();
         QVERIFY(onboarding.isPresented());
         onboarding.setStage(OnboardingStage::practice);
         rig.speech.text = QStringLiteral("testing one two");
         QVERIFY(rig.dictate());
-        const auto records = rig.journal.readAll();
+        const auto records = rig.journal().readAll();
         QCOMPARE(records.first().outcome, TranscriptOutcome::practice);
         QVERIFY(!records.first().targetApplication);
         QVERIFY(rig.paster.pasted.isEmpty());
@@ -396,15 +415,12 @@ private Q_SLOTS:
 
     void journalUnavailableAtStart()
     {
-        Rig rig;
+        ControllerRig rig;
         // A file where the journal's folder should be.
         QFile blocker(rig.dir.filePath(QStringLiteral("blocked")));
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
-        rig.controller = std::make_unique<DictoraController>(rig.state, rig.preferences,
-            DictoraController::Collaborators{rig.speech, rig.microphone, rig.paster, rig.shortcut, rig.permissions,
-                *rig.snippets, TranscriptJournal(blocker.fileName() + QStringLiteral("/transcripts.jsonl")), rig.log,
-                rig.dir.path(), {}, 40, 40, 10, 20});
+        rig.build(TranscriptJournal(blocker.fileName() + QStringLiteral("/transcripts.jsonl")));
         rig.controller->start();
         QCOMPARE(rig.state.phase(), DictoraPhase::error(QStringLiteral("State journal unavailable")));
         // A dictation still ends as an error, never silently.
