@@ -39,6 +39,7 @@
 #include <QThreadPool>
 #include <QStandardPaths>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <sys/socket.h>
@@ -220,6 +221,15 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     HistoryStore history(journal);
     HomeWindow window(state, preferences, history);
     MicOverlayPanel overlay(state, preferences, overlayHints.get());
+    // The chosen input from the next recording on; when it is missing the
+    // default is heard and the indicator says so.
+    capture.setChosenSource(preferences.microphoneSource());
+    QObject::connect(&preferences, &ProductPreferences::microphoneSourceChanged, &capture,
+        &AudioCaptureThread::setChosenSource);
+    QObject::connect(&capture, &AudioCaptureThread::notice, &overlay, [&log, &overlay](const QString &text) {
+        log.write(QStringLiteral("microphone notice text=") + text);
+        overlay.showNotice(text);
+    });
     const auto showModelStatus = [&] {
         const AccuracyModelPhase phase = model.phase();
         const bool downloading = phase.kind() == AccuracyModelPhase::Kind::downloading;
@@ -307,35 +317,55 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
             }
         });
     };
+    const auto openRecognitionSheet = [&](const QList<ComputeDevice> &devices,
+                                          const QList<PulseCaptureEngine::Source> &sources) {
+        RecognitionSettingsView::Choices choices;
+        for (const PulseCaptureEngine::Source &source : sources)
+            choices.microphones.append({source.name, source.description});
+        for (const SpeechLanguage &language : speechLanguages())
+            choices.languages.append({language.code, language.name});
+        choices.devices.append({QStringLiteral("auto"), QStringLiteral("Automatic")});
+        choices.devices.append(usableGpus(devices));
+        choices.devices.append({QStringLiteral("cpu"), QStringLiteral("CPU")});
+        choices.device = settings.value(QLatin1String(kSpeechDeviceSettingKey), QStringLiteral("auto")).toString();
+        const SpeechDeviceChoice automatic = chooseSpeechDevice(devices, SpeechDevicePreference::automatic);
+        choices.automaticDevice = automatic.useGpu
+            ? QStringLiteral("Automatic uses %1, the fastest GPU found.").arg(automatic.name)
+            : QStringLiteral("Automatic uses the CPU: %1.").arg(automatic.reason);
+        const QString now = model.engine().deviceName();
+        if (!now.isEmpty())
+            choices.automaticDevice += QStringLiteral(" Recognition runs on %1 now.").arg(now == QLatin1String("cpu") ? QStringLiteral("the CPU") : now);
+        choices.chooseDevice = chooseDevice;
+        auto *sheet = new RecognitionSettingsView(preferences, choices, &window);
+        sheet->setAttribute(Qt::WA_DeleteOnClose);
+        QObject::connect(sheet, &RecognitionSettingsView::vocabularyRequested, sheet, [&, sheet] { openVocabulary(sheet); });
+        // The chosen input's live level, on a connection of its own while the sheet is open.
+        auto *probe = new AudioCaptureThread(nullptr, sheet);
+        const auto listen = [probe, sheet, &preferences] {
+            probe->cancel();
+            sheet->showLevel(0);
+            probe->setChosenSource(preferences.microphoneSource());
+            probe->start([sheet](AudioMeterLevels levels) {
+                sheet->showLevel(std::max({levels.first, levels.second, levels.third, levels.fourth}));
+            }, {}, {});
+        };
+        listen();
+        QObject::connect(&preferences, &ProductPreferences::microphoneSourceChanged, sheet, listen);
+        sheet->open();
+    };
     QObject::connect(&window, &HomeWindow::recognitionSheetRequested, &window, [&] {
-        // Listing the devices may start a GPU driver: not on this thread.
+        // Listing the devices may start a GPU driver, and the sound server is asked on its own thread.
         runElsewhere(&window, [] { return availableComputeDevices(); }, [&](QList<ComputeDevice> devices) {
-            RecognitionSettingsView::Choices choices;
-            for (const SpeechLanguage &language : speechLanguages())
-                choices.languages.append({language.code, language.name});
-            choices.devices.append({QStringLiteral("auto"), QStringLiteral("Automatic")});
-            choices.devices.append(usableGpus(devices));
-            choices.devices.append({QStringLiteral("cpu"), QStringLiteral("CPU")});
-            choices.device = settings.value(QLatin1String(kSpeechDeviceSettingKey), QStringLiteral("auto")).toString();
-            const SpeechDeviceChoice automatic = chooseSpeechDevice(devices, SpeechDevicePreference::automatic);
-            choices.automaticDevice = automatic.useGpu
-                ? QStringLiteral("Automatic uses %1, the fastest GPU found.").arg(automatic.name)
-                : QStringLiteral("Automatic uses the CPU: %1.").arg(automatic.reason);
-            const QString now = model.engine().deviceName();
-            if (!now.isEmpty())
-                choices.automaticDevice += QStringLiteral(" Recognition runs on %1 now.").arg(now == QLatin1String("cpu") ? QStringLiteral("the CPU") : now);
-            choices.chooseDevice = chooseDevice;
-            auto *sheet = new RecognitionSettingsView(preferences, choices, &window);
-            sheet->setAttribute(Qt::WA_DeleteOnClose);
-            QObject::connect(sheet, &RecognitionSettingsView::vocabularyRequested, sheet, [&, sheet] { openVocabulary(sheet); });
-            sheet->open();
+            capture.listSources([&, devices](QList<PulseCaptureEngine::Source> sources) {
+                openRecognitionSheet(devices, sources);
+            });
         });
     });
 
     // The doctor over this program's own services; one per run.
     const auto diagnose = [&](std::function<void(const DiagnosticReport &)> done) {
         auto *doctor = new Doctor({backendReport, *shortcut, preferences.keyboardShortcut(), true, *windows, *keystrokes,
-            *permissions, true, microphone, QString(),
+            *permissions, true, microphone, preferences.microphoneSource(),
             [&state] {
                 const DictoraPhase::Kind now = state.phase().kind();
                 return now == DictoraPhase::Kind::preparing || now == DictoraPhase::Kind::recording

@@ -370,6 +370,7 @@ DiagnosticReport Doctor::checkHere()
     if (gui)
         clipboard = Platform::createClipboard();
     AudioCaptureThread capture;
+    capture.setChosenSource(preferences.microphoneSource());
     CaptureMicrophonePort microphone(capture);
 
     AccuracyModelContract contract;
@@ -379,7 +380,7 @@ DiagnosticReport Doctor::checkHere()
         contract = AccuracyModelContract::product();
     }
     Doctor doctor({Platform::takeBackendReport(), *shortcut, preferences.keyboardShortcut(), false, *windows,
-        *keystrokes, *permissions, gui, microphone, QString(), {}, contract, contract.installedPath(), nullptr,
+        *keystrokes, *permissions, gui, microphone, preferences.microphoneSource(), {}, contract, contract.installedPath(), nullptr,
         speechDevicePreferenceFromString(settings.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
             .value_or(SpeechDevicePreference::automatic),
         DataPaths::dataDirectory(), DataPaths::journalFile()});

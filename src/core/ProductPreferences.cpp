@@ -117,6 +117,7 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_language = validLanguage(value(kLanguageKey).toString());
     m_vocabulary = cleanVocabulary(value(kVocabularyKey).toStringList());
     m_restoresClipboard = readBool(value(kRestoreClipboardKey)).value_or(false);
+    m_microphoneSource = value(kMicrophoneSourceKey).toString().trimmed();
     m_captureTailMs = int(std::clamp(readNumber(value(kCaptureTailKey)).value_or(kDefaultCaptureTailMilliseconds), 0.0,
         double(kMaximumCaptureTailMilliseconds)));
     m_livePreview = readBool(value(kLivePreviewKey));
@@ -129,6 +130,16 @@ void ProductPreferences::setRestoresClipboard(bool value)
     m_restoresClipboard = value;
     store(kRestoreClipboardKey, value);
     Q_EMIT restoresClipboardChanged(value);
+}
+
+void ProductPreferences::setMicrophoneSource(const QString &value)
+{
+    const QString source = value.trimmed();
+    if (source == m_microphoneSource)
+        return;
+    m_microphoneSource = source;
+    store(kMicrophoneSourceKey, source);
+    Q_EMIT microphoneSourceChanged(source);
 }
 
 QString ProductPreferences::validLanguage(const QString &value)

@@ -36,6 +36,7 @@ public:
     static constexpr auto kLanguageKey = "transcription.language";
     static constexpr auto kVocabularyKey = "transcription.vocabulary";
     static constexpr auto kRestoreClipboardKey = "paste.restoreClipboard";
+    static constexpr auto kMicrophoneSourceKey = "audio.microphone.source";
     static constexpr auto kDefaultLanguage = "en";
     static constexpr auto kAutomaticLanguage = "auto";
     static constexpr auto kCaptureTailKey = "audio.capture.tailMilliseconds";
@@ -65,6 +66,8 @@ public:
     QStringList vocabulary() const { return m_vocabulary; }
     // Off by default: a paste leaves the transcript on the clipboard.
     bool restoresClipboard() const { return m_restoresClipboard; }
+    // The sound server's name of the chosen input; empty: the system default.
+    QString microphoneSource() const { return m_microphoneSource; }
     // How long capture goes on after the stop press, so a last word is kept.
     int captureTailMilliseconds() const { return m_captureTailMs; }
     // The text recognised so far, shown beside the indicator while recording.
@@ -87,6 +90,7 @@ public:
     // Entries are trimmed; empty and repeated ones are dropped.
     void setVocabulary(const QStringList &value);
     void setRestoresClipboard(bool value);
+    void setMicrophoneSource(const QString &value);
 
     static QString validLanguage(const QString &value);
     static QStringList cleanVocabulary(const QStringList &value);
@@ -109,6 +113,7 @@ Q_SIGNALS:
     void languageChanged(const QString &value);
     void vocabularyChanged(const QStringList &value);
     void restoresClipboardChanged(bool value);
+    void microphoneSourceChanged(const QString &value);
 
 private:
     void store(const char *key, const QVariant &value);
@@ -127,6 +132,7 @@ private:
     QString m_language = QString::fromLatin1(kDefaultLanguage);
     QStringList m_vocabulary;
     bool m_restoresClipboard = false;
+    QString m_microphoneSource;
     int m_captureTailMs = kDefaultCaptureTailMilliseconds;
     std::optional<bool> m_livePreview;
 };

@@ -8,9 +8,12 @@
 #include <QLabel>
 #include <QPlainTextEdit>
 #include <QPointer>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace dictora {
 
@@ -40,7 +43,8 @@ QHBoxLayout *header(QDialog *dialog, const QString &title)
 
 RecognitionSettingsView::RecognitionSettingsView(ProductPreferences &preferences, Choices choices, QWidget *parent)
     : QDialog(parent), m_preferences(preferences), m_choices(std::move(choices)), m_language(new QComboBox(this)),
-      m_device(new QComboBox(this)), m_vocabulary(new QPushButton(QStringLiteral("Vocabulary…"), this)),
+      m_device(new QComboBox(this)), m_microphone(new QComboBox(this)), m_level(new QProgressBar(this)),
+      m_vocabulary(new QPushButton(QStringLiteral("Vocabulary…"), this)),
       m_keepClipboard(new SettingsToggleCard(QStringLiteral("KEEP MY CLIPBOARD"), this))
 {
     setObjectName(QStringLiteral("RecognitionSettingsView"));
@@ -79,11 +83,30 @@ RecognitionSettingsView::RecognitionSettingsView(ProductPreferences &preferences
     deviceNote->setWordWrap(true);
     deviceNote->setProperty("role", "secondary");
 
+    m_microphone->setObjectName(QStringLiteral("microphone"));
+    m_microphone->addItem(QStringLiteral("System default"), QString());
+    for (const auto &[name, description] : m_choices.microphones)
+        m_microphone->addItem(description, name);
+    const QString chosen = m_preferences.microphoneSource();
+    if (!chosen.isEmpty() && m_microphone->findData(chosen) < 0)
+        m_microphone->addItem(QStringLiteral("%1 (not connected: the default is used)").arg(chosen), chosen);
+    m_microphone->setCurrentIndex(std::max(0, m_microphone->findData(chosen)));
+    connect(m_microphone, &QComboBox::activated, this,
+        [this](int index) { m_preferences.setMicrophoneSource(m_microphone->itemData(index).toString()); });
+    m_level->setObjectName(QStringLiteral("microphoneLevel"));
+    m_level->setRange(0, 100);
+    m_level->setValue(0);
+    m_level->setTextVisible(false);
+    m_level->setMaximumHeight(8);
+    m_level->setAccessibleName(QStringLiteral("Microphone level"));
+
     m_vocabulary->setObjectName(QStringLiteral("vocabulary"));
     m_vocabulary->setAutoDefault(false);
     connect(m_vocabulary, &QPushButton::clicked, this, &RecognitionSettingsView::vocabularyRequested);
 
     auto *form = new QFormLayout;
+    form->addRow(QStringLiteral("Microphone"), m_microphone);
+    form->addRow(QString(), m_level);
     form->addRow(QStringLiteral("Language"), m_language);
     form->addRow(QString(), languageNote);
     if (!m_choices.devices.isEmpty()) {
@@ -112,6 +135,11 @@ RecognitionSettingsView::RecognitionSettingsView(ProductPreferences &preferences
     layout->addWidget(m_keepClipboard);
     layout->addWidget(clipboardNote);
     layout->addStretch(1);
+}
+
+void RecognitionSettingsView::showLevel(float level)
+{
+    m_level->setValue(qRound(std::clamp(level, 0.f, 1.f) * 100));
 }
 
 VocabularySheet::VocabularySheet(ProductPreferences &preferences, Measure measure, QWidget *parent)

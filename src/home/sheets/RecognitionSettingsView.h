@@ -11,6 +11,7 @@
 class QComboBox;
 class QLabel;
 class QPlainTextEdit;
+class QProgressBar;
 class QPushButton;
 class QTimer;
 
@@ -18,7 +19,7 @@ namespace dictora {
 
 class SettingsToggleCard;
 
-// Language and recognition device, written to the preferences as they are
+// Microphone, language and recognition device, written to the preferences as they are
 // picked; the running recogniser takes them from the next dictation on.
 class RecognitionSettingsView : public QDialog {
     Q_OBJECT
@@ -30,12 +31,22 @@ public:
         QString device;              // the current setting value
         QString automaticDevice;     // what "Automatic" picks now, and why
         std::function<void(const QString &value)> chooseDevice;
+        // The sound server's inputs: name and description.
+        QList<QPair<QString, QString>> microphones;
     };
 
     RecognitionSettingsView(ProductPreferences &preferences, Choices choices, QWidget *parent = nullptr);
 
     QComboBox *languageBox() const { return m_language; }
     QComboBox *deviceBox() const { return m_device; }
+    QComboBox *microphoneBox() const { return m_microphone; }
+    QProgressBar *levelMeter() const { return m_level; }
+
+public Q_SLOTS:
+    // The chosen input's level now, 0 to 1.
+    void showLevel(float level);
+
+public:
     QPushButton *vocabularyButton() const { return m_vocabulary; }
     SettingsToggleCard *keepClipboard() const { return m_keepClipboard; }
 
@@ -47,6 +58,8 @@ private:
     Choices m_choices;
     QComboBox *m_language;
     QComboBox *m_device;
+    QComboBox *m_microphone;
+    QProgressBar *m_level;
     QPushButton *m_vocabulary;
     SettingsToggleCard *m_keepClipboard;
 };
