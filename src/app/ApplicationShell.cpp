@@ -365,7 +365,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     // The doctor over this program's own services; one per run.
     const auto diagnose = [&](std::function<void(const DiagnosticReport &)> done) {
         auto *doctor = new Doctor({backendReport, *shortcut, preferences.keyboardShortcut(), true, *windows, *keystrokes,
-            *permissions, true, microphone, preferences.microphoneSource(),
+            *permissions, true, microphone, preferences.microphoneSource(), Doctor::inputNames(capture),
             [&state] {
                 const DictoraPhase::Kind now = state.phase().kind();
                 return now == DictoraPhase::Kind::preparing || now == DictoraPhase::Kind::recording

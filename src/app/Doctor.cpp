@@ -184,13 +184,28 @@ void Doctor::testMicrophone()
         finish();
         return;
     }
+    if (m_parts.microphoneName.isEmpty() || !m_parts.listMicrophones) {
+        recordMicrophone(name, {});
+        return;
+    }
+    QPointer<Doctor> self(this);
+    m_parts.listMicrophones([self, name](const QStringList &names) {
+        if (self)
+            self->recordMicrophone(name, names.contains(self->m_parts.microphoneName) ? QString()
+                : QStringLiteral("the chosen microphone is not connected, so the default input was tested"));
+    });
+}
+
+// Three seconds from the input a dictation would use now; `missing` says the chosen one is not there.
+void Doctor::recordMicrophone(const QString &name, const QString &missing)
+{
     auto peak = std::make_shared<float>(0.f);
     MicrophonePort::Listeners listeners;
     listeners.onMeterLevels = [peak](AudioMeterLevels levels) {
         *peak = std::max({*peak, levels.first, levels.second, levels.third, levels.fourth});
     };
     QPointer<Doctor> self(this);
-    m_parts.microphone.start(listeners, [this, self, name, peak](std::optional<QString> error) {
+    m_parts.microphone.start(listeners, [this, self, name, peak, missing](std::optional<QString> error) {
         if (!self)
             return;
         if (error) {
@@ -199,13 +214,18 @@ void Doctor::testMicrophone()
             finish();
             return;
         }
-        QTimer::singleShot(m_parts.microphoneTestMs, this, [this, name, peak] {
-            m_parts.microphone.stop([this, name, peak](MicrophonePort::Captured captured) {
+        QTimer::singleShot(m_parts.microphoneTestMs, this, [this, name, peak, missing] {
+            m_parts.microphone.stop([this, name, peak, missing](MicrophonePort::Captured captured) {
                 const QString level = QStringLiteral("%1 s recorded, level %2 (meter peak %3%)")
                                           .arg(double(captured.samples.size()) / 16000.0, 0, 'f', 1)
                                           .arg(dbfs(captured.rmsLevel))
                                           .arg(qRound(*peak * 100));
-                if (captured.rmsLevel < kSilenceRms) {
+                // A missing chosen input matters more than a quiet test.
+                if (!missing.isEmpty()) {
+                    m_run->microphone = check("microphone", "Microphone", name, Status::warning,
+                        level + QStringLiteral("; ") + missing,
+                        QStringLiteral("Plug the chosen microphone in, or choose another in the Dictation sheet."));
+                } else if (captured.rmsLevel < kSilenceRms) {
                     m_run->microphone = check("microphone", "Microphone", name, Status::warning,
                         level + QStringLiteral(": only silence"),
                         QStringLiteral("Speak during the test; if you did, check that the input is not muted or turned down."));
@@ -356,6 +376,18 @@ void Doctor::timeRecognition()
     });
 }
 
+std::function<void(std::function<void(QStringList)>)> Doctor::inputNames(AudioCaptureThread &capture)
+{
+    return [&capture](std::function<void(QStringList)> done) {
+        capture.listSources([done = std::move(done)](const QList<PulseCaptureEngine::Source> &sources) {
+            QStringList names;
+            for (const PulseCaptureEngine::Source &source : sources)
+                names.append(source.name);
+            done(names);
+        });
+    };
+}
+
 // Without a running program: the same services, made here for the check.
 DiagnosticReport Doctor::checkHere()
 {
@@ -380,7 +412,8 @@ DiagnosticReport Doctor::checkHere()
         contract = AccuracyModelContract::product();
     }
     Doctor doctor({Platform::takeBackendReport(), *shortcut, preferences.keyboardShortcut(), false, *windows,
-        *keystrokes, *permissions, gui, microphone, preferences.microphoneSource(), {}, contract, contract.installedPath(), nullptr,
+        *keystrokes, *permissions, gui, microphone, preferences.microphoneSource(), inputNames(capture), {}, contract,
+        contract.installedPath(), nullptr,
         speechDevicePreferenceFromString(settings.value(QLatin1String(kSpeechDeviceSettingKey)).toString())
             .value_or(SpeechDevicePreference::automatic),
         DataPaths::dataDirectory(), DataPaths::journalFile()});

@@ -15,6 +15,7 @@
 namespace dictora {
 
 class AccurateSpeechEngine;
+class AudioCaptureThread;
 class KeystrokeSender;
 class PermissionProbe;
 class ShortcutBackend;
@@ -40,6 +41,8 @@ public:
         bool hasClipboard = true;
         MicrophonePort &microphone;
         QString microphoneName;                 // what the user chose; empty: the system default
+        // The sound server's inputs by name, to tell whether the chosen one is there; may be empty.
+        std::function<void(std::function<void(QStringList names)>)> listMicrophones;
         std::function<bool()> microphoneBusy;   // a dictation is recording
         AccuracyModelContract contract;
         QString modelPath;
@@ -63,6 +66,8 @@ public:
     // Without a running program: makes this desktop's services, checks them
     // and returns the report (runs the event loop until then).
     static DiagnosticReport checkHere();
+    // Parts::listMicrophones over a capture thread.
+    static std::function<void(std::function<void(QStringList)>)> inputNames(AudioCaptureThread &capture);
 
     // "x11-key-grab" for service "shortcut", from the backend report.
     static QString backendFor(const QStringList &report, const QString &service);
@@ -77,6 +82,7 @@ private:
     DiagnosticCheck keystrokeCheck();
     DiagnosticCheck clipboardCheck();
     void testMicrophone();
+    void recordMicrophone(const QString &name, const QString &missing);
     void checkFilesElsewhere();
     void timeRecognition();
 
