@@ -250,6 +250,14 @@ int AccurateSpeechEngine::runFull(const float *samples, int count, const std::at
     params.initial_prompt = prompt.isEmpty() ? nullptr : prompt.constData();
     params.suppress_blank = true;
     params.greedy.best_of = 1;
+    // What the model is told, once per change: the log shows a setting took effect.
+    const QString told = QStringLiteral("speech engine options language=%1 promptChars=%2")
+                             .arg(QString::fromUtf8(language))
+                             .arg(options.initialPrompt.trimmed().size());
+    if (told != m_toldOptions) {
+        m_toldOptions = told;
+        log(told);
+    }
     const int code = whisper_full(m_context, params, samples, count);
     m_lastLanguage = QString::fromUtf8(language);
     if (code == 0 && language == "auto")

@@ -172,6 +172,7 @@ private:
     mutable std::mutex m_optionsMutex;
     RecognitionOptions m_options;
     QString m_lastLanguage; // only touched on m_queue
+    QString m_toldOptions;  // the options line last logged; only touched on m_queue
     LogSink m_log;
     DeviceLister m_devices;
     QByteArray m_modelPath;                // only touched on m_queue

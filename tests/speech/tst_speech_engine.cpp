@@ -214,7 +214,8 @@ private Q_SLOTS:
         QFETCH(QString, model);
         QFETCH(QString, language);
         QFETCH(QString, used);
-        AccurateSpeechEngine engine;
+        QStringList logged; // read only once the runs are over
+        AccurateSpeechEngine engine(SpeechDevicePreference::cpu, [&logged](const QString &line) { logged << line; });
         QCOMPARE(engine.measurePrompt(QStringLiteral("Dictora")).result().limit, -1);
         QVERIFY(!errorOf(engine.load(model)));
         engine.setRecognitionOptions({language, QStringLiteral("Kubernetes, Aoife, Dictora")});
@@ -225,6 +226,10 @@ private Q_SLOTS:
                 qPrintable(run.result().language));
         else
             QCOMPARE(run.result().language, used);
+        // The prompt reaches the model's parameters with the language it is run in.
+        const QString told = used == QLatin1String("*") ? QStringLiteral("auto") : used;
+        QVERIFY2(logged.contains(QStringLiteral("speech engine options language=%1 promptChars=26").arg(told)),
+            qPrintable(logged.join(u'\n')));
 
         // The prompt is counted with the model's own tokenizer, against half its text context.
         const AccurateSpeechEngine::PromptFit fit = engine.measurePrompt(QStringLiteral("Kubernetes, Aoife, Dictora")).result();
