@@ -130,6 +130,12 @@ DiagnosticCheck Doctor::shortcutCheck()
         who = QStringLiteral("the desktop's global shortcuts portal");
         fix = QStringLiteral("Confirm the shortcut in the desktop's dialog (Keyboard Shortcut sheet), or pick a free key.");
     }
+    // Binding through the portal may put the desktop's dialog in front of
+    // the user: only the running program, which holds the binding, is asked.
+    if (!m_parts.shortcutHeldHere && backend == QLatin1String("portal-global-shortcuts"))
+        return check("shortcut", "Shortcut", backend, Status::warning,
+            QStringLiteral("%1, not checked: Dictora is not running").arg(key),
+            QStringLiteral("Start Dictora and run the check again."), false);
     bool bound = false;
     if (m_parts.shortcutHeldHere) {
         bound = m_parts.shortcut.verifyInstalled(m_parts.shortcutKey);
