@@ -1,16 +1,20 @@
 #include "app/ApplicationShell.h"
 
+#include "core/Async.h"
 #include "core/DataPaths.h"
 #include "core/GuiStallWatch.h"
 #include "core/RuntimeLog.h"
 #include "core/SettingsFile.h"
 #include "core/SingleInstance.h"
+#include "app/Doctor.h"
 #include "dictation/DictoraController.h"
 #include "history/HistoryStore.h"
 #include "history/PendingJournal.h"
 #include "history/TranscriptJournal.h"
 #include "home/HomeWindow.h"
 #include "home/Style.h"
+#include "home/sheets/DiagnosticsSheet.h"
+#include "home/sheets/RecognitionSettingsView.h"
 #include "home/sheets/ShortcutSettingsView.h"
 #include "home/sheets/SnippetsSettingsView.h"
 #include "onboarding/ui/BundledFonts.h"
@@ -19,7 +23,9 @@
 #include "overlay/MicOverlayPanel.h"
 #include "platform/services/PlatformServices.h"
 #include "speech/AccuracyModelManager.h"
+#include "speech/AccurateSpeechEngine.h"
 #include "audio/AudioCaptureThread.h"
+#include "text/paste/LastDictation.h"
 #include "text/paste/PasteService.h"
 #include "text/SnippetStore.h"
 
@@ -33,6 +39,7 @@
 #include <QTimer>
 #include <QStandardPaths>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <sys/socket.h>
@@ -229,15 +236,28 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     const std::unique_ptr<KeystrokeSender> keystrokes = Platform::createKeystrokeSender();
     PasteService pasteService(log, *windows, *keystrokes, Platform::createClipboard());
     ServicePasterPort paster(pasteService);
+    pasteService.setRestoresClipboard(preferences.restoresClipboard());
+    QObject::connect(&preferences, &ProductPreferences::restoresClipboardChanged, &pasteService,
+        &PasteService::setRestoresClipboard);
     const std::unique_ptr<ShortcutBackend> shortcut = Platform::createShortcutBackend();
     const std::unique_ptr<DesktopIntegration> desktop = Platform::createDesktopIntegration(*shortcut, *keystrokes);
     const std::unique_ptr<OverlayWindowHints> overlayHints = Platform::createOverlayWindowHints();
-    for (const QString &line : Platform::takeBackendReport())
+    const QStringList backendReport = Platform::takeBackendReport();
+    for (const QString &line : backendReport)
         log.write(line);
 
     HistoryStore history(journal);
     HomeWindow window(state, preferences, history);
     MicOverlayPanel overlay(state, preferences, overlayHints.get());
+    // The chosen input from the next recording on; when it is missing the
+    // default is heard and the indicator says so.
+    capture.setChosenSource(preferences.microphoneSource());
+    QObject::connect(&preferences, &ProductPreferences::microphoneSourceChanged, &capture,
+        &AudioCaptureThread::setChosenSource);
+    QObject::connect(&capture, &AudioCaptureThread::notice, &overlay, [&log, &overlay](const QString &text) {
+        log.write(QStringLiteral("microphone notice text=") + text);
+        overlay.showNotice(text);
+    });
     const auto showModelStatus = [&] {
         const AccuracyModelPhase phase = model.phase();
         const bool downloading = phase.kind() == AccuracyModelPhase::Kind::downloading;
@@ -283,6 +303,116 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     };
     QObject::connect(&window, &HomeWindow::snippetsSheetRequested, &window, openSnippets);
 
+    // Language and vocabulary reach the recogniser from the next dictation on.
+    const auto applyRecognitionOptions = [&] {
+        model.engine().setRecognitionOptions(
+            {preferences.language(), ProductPreferences::vocabularyPrompt(preferences.vocabulary())});
+        log.write(QStringLiteral("recognition options language=%1 vocabularyTerms=%2")
+                      .arg(preferences.language())
+                      .arg(preferences.vocabulary().size()));
+    };
+    applyRecognitionOptions();
+    QObject::connect(&preferences, &ProductPreferences::languageChanged, &window, applyRecognitionOptions);
+    QObject::connect(&preferences, &ProductPreferences::vocabularyChanged, &window, applyRecognitionOptions);
+    const auto openVocabulary = [&](QWidget *parent) {
+        auto *sheet = new VocabularySheet(preferences,
+            [&model, &window](const QString &prompt, std::function<void(int, int)> done) {
+                whenReady(model.engine().measurePrompt(prompt), &window,
+                    [done = std::move(done)](QFuture<AccurateSpeechEngine::PromptFit> fit) {
+                        done(fit.result().tokens, fit.result().limit);
+                    });
+            },
+            parent);
+        sheet->setAttribute(Qt::WA_DeleteOnClose);
+        sheet->open();
+    };
+    // A new device takes effect by loading the model again; dictations queue behind the load.
+    const auto chooseDevice = [&](const QString &value) {
+        settings.setValue(QLatin1String(kSpeechDeviceSettingKey), value);
+        const SpeechDevicePreference preference = speechDevicePreferenceFromEnvironment(
+            speechDevicePreferenceFromString(value).value_or(SpeechDevicePreference::automatic));
+        model.engine().setDevicePreference(preference, speechDeviceGpuIndex(value));
+        modelOptions.devicePreference = preference;
+        log.write(QStringLiteral("speech device chosen setting=") + value);
+        if (!model.phase().isReady())
+            return; // the coming load uses it
+        whenReady(model.engine().load(model.installedPath()), &window, [&log, &model](QFuture<void> loaded) {
+            try {
+                loaded.waitForFinished();
+                log.write(QStringLiteral("speech device switched device=") + model.engine().deviceName());
+            } catch (...) {
+                log.write(QStringLiteral("speech device switch failed error=") + errorMessage(std::current_exception()));
+            }
+        });
+    };
+    const auto openRecognitionSheet = [&](const QList<ComputeDevice> &devices,
+                                          const QList<PulseCaptureEngine::Source> &sources) {
+        RecognitionSettingsView::Choices choices;
+        for (const PulseCaptureEngine::Source &source : sources)
+            choices.microphones.append({source.name, source.description});
+        for (const SpeechLanguage &language : speechLanguages())
+            choices.languages.append({language.code, language.name});
+        choices.devices.append({QStringLiteral("auto"), QStringLiteral("Automatic")});
+        choices.devices.append(usableGpus(devices));
+        choices.devices.append({QStringLiteral("cpu"), QStringLiteral("CPU")});
+        choices.device = settings.value(QLatin1String(kSpeechDeviceSettingKey), QStringLiteral("auto")).toString();
+        const SpeechDeviceChoice automatic = chooseSpeechDevice(devices, SpeechDevicePreference::automatic);
+        choices.automaticDevice = automatic.useGpu
+            ? QStringLiteral("Automatic uses %1, the fastest GPU found.").arg(automatic.name)
+            : QStringLiteral("Automatic uses the CPU: %1.").arg(automatic.reason);
+        const QString now = model.engine().deviceName();
+        if (!now.isEmpty())
+            choices.automaticDevice += QStringLiteral(" Recognition runs on %1 now.").arg(now == QLatin1String("cpu") ? QStringLiteral("the CPU") : now);
+        choices.chooseDevice = chooseDevice;
+        auto *sheet = new RecognitionSettingsView(preferences, choices, &window);
+        sheet->setAttribute(Qt::WA_DeleteOnClose);
+        QObject::connect(sheet, &RecognitionSettingsView::vocabularyRequested, sheet, [&, sheet] { openVocabulary(sheet); });
+        // The chosen input's live level, on a connection of its own while the sheet is open.
+        auto *probe = new AudioCaptureThread(nullptr, sheet);
+        const auto listen = [probe, sheet, &preferences] {
+            probe->cancel();
+            sheet->showLevel(0);
+            probe->setChosenSource(preferences.microphoneSource());
+            probe->start([sheet](AudioMeterLevels levels) {
+                sheet->showLevel(std::max({levels.first, levels.second, levels.third, levels.fourth}));
+            }, {}, {});
+        };
+        listen();
+        QObject::connect(&preferences, &ProductPreferences::microphoneSourceChanged, sheet, listen);
+        sheet->open();
+    };
+    QObject::connect(&window, &HomeWindow::recognitionSheetRequested, &window, [&] {
+        // Listing the devices may start a GPU driver, and the sound server is asked on its own thread.
+        runElsewhere(&window, [] { return availableComputeDevices(); }, [&](QList<ComputeDevice> devices) {
+            capture.listSources([&, devices](QList<PulseCaptureEngine::Source> sources) {
+                openRecognitionSheet(devices, sources);
+            });
+        });
+    });
+
+    // The doctor over this program's own services; one per run.
+    const auto diagnose = [&](std::function<void(const DiagnosticReport &)> done) {
+        auto *doctor = new Doctor({backendReport, *shortcut, preferences.keyboardShortcut(), true, *windows, *keystrokes,
+            desktop->permissions(), true, microphone, preferences.microphoneSource(), Doctor::inputNames(capture),
+            [&state] {
+                const DictoraPhase::Kind now = state.phase().kind();
+                return now == DictoraPhase::Kind::preparing || now == DictoraPhase::Kind::recording
+                    || now == DictoraPhase::Kind::finalizing;
+            },
+            model.contract(), model.installedPath(), model.phase().isReady() ? &model.engine() : nullptr,
+            modelOptions.devicePreference, DataPaths::dataDirectory(), journal.filePath()}, &window);
+        doctor->run([doctor, done = std::move(done)](const DiagnosticReport &report) {
+            done(report);
+            doctor->deleteLater();
+        });
+    };
+    QObject::connect(&window, &HomeWindow::diagnosticsSheetRequested, &window, [&] {
+        auto *sheet = new DiagnosticsSheet(diagnose, &window);
+        sheet->setAttribute(Qt::WA_DeleteOnClose);
+        sheet->open();
+        sheet->check();
+    });
+
     OnboardingActions onboardingActions;
     onboardingActions.requestMicrophone = [&controller] { controller.requestOnboardingMicrophonePermission(); };
     onboardingActions.openMicrophoneSettings = [&log] { openSoundSettings(log); };
@@ -322,7 +452,28 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     QObject::connect(&model, &AccuracyModelManager::phaseChanged, onboardingView, showModelToOnboarding);
     QObject::connect(&model, &AccuracyModelManager::progressChanged, onboardingView, showModelToOnboarding);
 
-    DictoraStatusItemController tray({[&window] { window.present(); }, [] { QCoreApplication::exit(0); }});
+    // The last dictation again: from the tray, History and the command line.
+    LastDictation lastDictation(journal, pasteService, log);
+    std::function<void(const QString &)> tellPasteProblem;
+    DictoraStatusItemController::Actions trayActions{[&window] { window.present(); }, [] { QCoreApplication::exit(0); }};
+    trayActions.pasteLastDictation = [&] { lastDictation.pasteLast(tellPasteProblem); };
+    DictoraStatusItemController tray(trayActions);
+    tellPasteProblem = [&](const QString &error) {
+        if (error.isEmpty())
+            return;
+        log.write(QStringLiteral("paste again failed error=") + error);
+        if (tray.showNotice(QStringLiteral("Nothing Pasted"), error))
+            return;
+        window.present();
+        auto *box = new QMessageBox(QMessageBox::Information, QStringLiteral("Nothing Pasted"), error, QMessageBox::Ok, &window);
+        box->setAttribute(Qt::WA_DeleteOnClose);
+        box->open();
+    };
+    // History steps aside so the paste reaches the window beneath it.
+    QObject::connect(&window, &HomeWindow::pasteRecordRequested, &window, [&](const TranscriptRecord &record) {
+        window.showMinimized();
+        lastDictation.paste(record, tellPasteProblem);
+    });
     if (!tray.install())
         log.write(QStringLiteral("status item unavailable: the desktop has no system tray; start dictora again to show its window"));
 
@@ -408,6 +559,20 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         }
         return QStringLiteral("error: unknown command ") + command;
     });
+    instance.setDeferredCommand(QStringLiteral("doctor"), [&diagnose](const SingleInstanceServer::Reply &reply) {
+        diagnose([reply](const DiagnosticReport &report) { reply(QString::fromUtf8(report.toJson())); });
+    });
+    for (const QString &command : {QStringLiteral("paste-last"), QStringLiteral("copy-last")}) {
+        instance.setDeferredCommand(command, [&lastDictation, command](const SingleInstanceServer::Reply &reply) {
+            const auto answer = [reply](const QString &error) {
+                reply(error.isEmpty() ? QStringLiteral("ok") : QStringLiteral("error: ") + error);
+            };
+            if (command == QLatin1String("paste-last"))
+                lastDictation.pasteLast(answer);
+            else
+                lastDictation.copyLast(answer);
+        });
+    }
     if (!instance.listen(&failure)) {
         std::fprintf(stderr, "dictora: cannot listen on %s: %s\n", qPrintable(socketPath), qPrintable(failure));
         return 1;

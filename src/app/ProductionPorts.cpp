@@ -57,7 +57,7 @@ void ModelSpeechPort::deliver(QFuture<AccurateSpeechResult> future, Done done)
     whenReady(std::move(future), this, [done = std::move(done)](QFuture<AccurateSpeechResult> finished) {
         try {
             const AccurateSpeechResult result = finished.result();
-            done(Result{result.text, result.durationMilliseconds}, QString());
+            done(Result{result.text, result.durationMilliseconds, result.language}, QString());
         } catch (...) {
             done(std::nullopt, errorMessage(std::current_exception()));
         }

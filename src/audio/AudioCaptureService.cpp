@@ -9,6 +9,23 @@ namespace dictora {
 AudioCaptureService::AudioCaptureService(RuntimeLog *log, QObject *parent)
     : QObject(parent), m_log(log), m_engine(log), m_finalCapture(std::make_shared<FinalAudioCapture>())
 {
+    m_engine.setMovedListener([this](const QString &source) {
+        // From the capture thread; the notice goes out on ours.
+        QMetaObject::invokeMethod(this, [this, source] {
+            if (m_chosenSource.isEmpty() || source == m_chosenSource || !isRecording())
+                return;
+            m_chosenWasMissing = true;
+            Q_EMIT notice(QStringLiteral("The chosen microphone went away; recording goes on from %1.").arg(source));
+        }, Qt::QueuedConnection);
+    });
+}
+
+void AudioCaptureService::setChosenSource(const QString &name)
+{
+    m_chosenSource = name;
+    m_chosenWasMissing = false;
+    m_engine.setChosenSource(name);
+    write(QStringLiteral("microphone chosen source=%1").arg(name.isEmpty() ? QStringLiteral("default") : name));
 }
 
 AudioCaptureService::~AudioCaptureService()
@@ -43,6 +60,13 @@ void AudioCaptureService::start(AudioMeterCallback onMeterLevels, QObject *meter
         write(QStringLiteral("microphone unavailable reason=no default input source"));
         throw DictoraAudioCaptureError(DictoraAudioCaptureError::invalidInputFormat);
     }
+    if (source.chosenMissing && !m_chosenWasMissing)
+        Q_EMIT notice(QStringLiteral("The chosen microphone is not connected; recording from the default input."));
+    else if (!source.chosenMissing && m_chosenWasMissing) {
+        write(QStringLiteral("microphone chosen source=%1 is back").arg(m_chosenSource));
+        Q_EMIT notice(QStringLiteral("The chosen microphone is back."));
+    }
+    m_chosenWasMissing = source.chosenMissing;
 
     const AudioFormat output = AudioFormat::dictationOutput();
     std::unique_ptr<AudioConverter> converter = AudioConverter::create(source.format, output);

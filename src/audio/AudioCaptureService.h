@@ -54,8 +54,18 @@ public:
     bool requestMicrophonePermission();
     MicrophoneStatus microphoneStatus();
 
+    // Empty: the server's default input, followed when it changes. A chosen
+    // input that is missing at a start, or goes away while recording, gives
+    // way to the default with a notice; it is used again once it is back.
+    void setChosenSource(const QString &name);
+    QList<PulseCaptureEngine::Source> sources() { return m_engine.sources(); }
+
     PulseCaptureEngine &engine() { return m_engine; }
     const FinalAudioCapture &finalCapture() const { return *m_finalCapture; }
+
+Q_SIGNALS:
+    // For the user, about the input in use (emitted on this object's thread).
+    void notice(const QString &text);
 
 private:
     void write(const QString &message) const;
@@ -66,6 +76,8 @@ private:
     std::shared_ptr<AudioCaptureTapPipe> m_tapPipe;
     bool m_tapInstalled = false;
     AudioSampleSink m_nextSampleSink;
+    QString m_chosenSource;
+    bool m_chosenWasMissing = false;
 };
 
 } // namespace dictora

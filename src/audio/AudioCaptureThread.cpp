@@ -14,6 +14,7 @@ AudioCaptureThread::AudioCaptureThread(RuntimeLog *log, QObject *parent)
     m_thread.setObjectName(QStringLiteral("dictora-microphone"));
     m_service->moveToThread(&m_thread);
     connect(&m_thread, &QThread::finished, m_service, &QObject::deleteLater);
+    connect(m_service, &AudioCaptureService::notice, this, &AudioCaptureThread::notice, Qt::QueuedConnection);
     m_thread.start();
 }
 
@@ -89,6 +90,17 @@ void AudioCaptureThread::requestPermission(Answered done)
 void AudioCaptureThread::checkStatus(StatusDone done)
 {
     request([](AudioCaptureService &service) { return service.microphoneStatus(); }, std::move(done));
+}
+
+void AudioCaptureThread::setChosenSource(const QString &name)
+{
+    QMetaObject::invokeMethod(m_service, [service = m_service, name] { service->setChosenSource(name); },
+        Qt::QueuedConnection);
+}
+
+void AudioCaptureThread::listSources(SourcesDone done)
+{
+    request([](AudioCaptureService &service) { return service.sources(); }, std::move(done));
 }
 
 } // namespace dictora

@@ -38,6 +38,14 @@ public:
     void cancel();
     void requestPermission(Answered done);
     void checkStatus(StatusDone done);
+    // The next recording's input; empty: the server's default.
+    void setChosenSource(const QString &name);
+    using SourcesDone = std::function<void(QList<PulseCaptureEngine::Source> sources)>;
+    void listSources(SourcesDone done);
+
+Q_SIGNALS:
+    // About the input in use, for the user (on this object's thread).
+    void notice(const QString &text);
 
 private:
     // Runs work(service) on the capture thread and done(result) back here.

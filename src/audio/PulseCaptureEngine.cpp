@@ -95,6 +95,9 @@ struct PulseCaptureEngine::Private {
     pa_channel_map sourceMap{};
     bool sourceMapValid = false;
     bool running = false;
+    std::string chosenSource;    // empty: the server's default
+    std::string recordingSource; // what the next stream connects to; empty: the default
+    std::function<void(const QString &)> moved;
     AudioBuffer scratch;
     Statistics stats;
 
@@ -301,7 +304,10 @@ struct PulseCaptureEngine::Private {
     static void streamMoved(pa_stream *s, void *userdata)
     {
         auto *d = static_cast<Private *>(userdata);
-        d->writeLater(QStringLiteral("microphone changed while recording source=%1").arg(QString::fromUtf8(pa_stream_get_device_name(s))));
+        const QString source = QString::fromUtf8(pa_stream_get_device_name(s));
+        d->writeLater(QStringLiteral("microphone changed while recording source=%1").arg(source));
+        if (d->moved)
+            d->moved(source);
     }
 };
 
@@ -361,11 +367,10 @@ PulseCaptureEngine::SourceInfo PulseCaptureEngine::defaultSource()
         return result;
     }
     result.serverAnswered = true;
-    if (query.defaultSource.empty())
-        return result;
-
-    d->waitFor(pa_context_get_source_info_by_name(
-        d->context.get(), query.defaultSource.c_str(),
+    d->recordingSource.clear();
+    const auto describe = [&](const std::string &name) {
+        return d->waitFor(pa_context_get_source_info_by_name(
+        d->context.get(), name.c_str(),
         [](pa_context *, const pa_source_info *info, int eol, void *userdata) {
             auto *q = static_cast<Query *>(userdata);
             if (info && eol == 0) {
@@ -376,10 +381,67 @@ PulseCaptureEngine::SourceInfo PulseCaptureEngine::defaultSource()
             }
             pa_threaded_mainloop_signal(q->d->loop.get(), 0);
         },
-        &query));
+        &query)) && !result.sourceName.isEmpty();
+    };
+    if (!d->chosenSource.empty()) {
+        if (describe(d->chosenSource)) {
+            d->recordingSource = d->chosenSource;
+        } else {
+            result.chosenMissing = true;
+            d->write(QStringLiteral("microphone chosen source=%1 is missing; recording from the default")
+                         .arg(QString::fromStdString(d->chosenSource)));
+        }
+    }
+    if (result.sourceName.isEmpty() && !query.defaultSource.empty())
+        describe(query.defaultSource);
     d->sourceMap = query.map;
     d->sourceMapValid = query.mapValid;
     return result;
+}
+
+QList<PulseCaptureEngine::Source> PulseCaptureEngine::sources()
+{
+    QList<Source> found;
+    if (!d->ensureLoop())
+        return found;
+    LoopLock lock(d->loop.get());
+    QString error;
+    if (!d->ensureContext(&error))
+        return found;
+    struct Query {
+        Private *d;
+        QList<Source> *found;
+    } query{d.get(), &found};
+    const bool answered = d->waitFor(pa_context_get_source_info_list(
+        d->context.get(),
+        [](pa_context *, const pa_source_info *info, int eol, void *userdata) {
+            auto *q = static_cast<Query *>(userdata);
+            if (info && eol == 0 && info->monitor_of_sink == PA_INVALID_INDEX)
+                q->found->append({QString::fromUtf8(info->name),
+                    QString::fromUtf8(info->description ? info->description : info->name)});
+            if (eol != 0)
+                pa_threaded_mainloop_signal(q->d->loop.get(), 0);
+        },
+        &query));
+    if (!answered)
+        found.clear();
+    return found;
+}
+
+void PulseCaptureEngine::setChosenSource(const QString &name)
+{
+    if (!d->loop)
+        return;
+    LoopLock lock(d->loop.get());
+    d->chosenSource = name.toStdString();
+}
+
+void PulseCaptureEngine::setMovedListener(std::function<void(const QString &)> listener)
+{
+    if (!d->loop)
+        return;
+    LoopLock lock(d->loop.get());
+    d->moved = std::move(listener);
 }
 
 void PulseCaptureEngine::installTap(const AudioFormat &format, Tap tap)
@@ -440,7 +502,9 @@ void PulseCaptureEngine::start()
     d->stats = {};
     d->scratch.setFrameLength(0);
     // No device name: the stream follows the server's default input source.
-    if (pa_stream_connect_record(raw, nullptr, &attr, PA_STREAM_ADJUST_LATENCY) < 0)
+    // A chosen one that goes away hands the stream to the default.
+    const char *device = d->recordingSource.empty() ? nullptr : d->recordingSource.c_str();
+    if (pa_stream_connect_record(raw, device, &attr, PA_STREAM_ADJUST_LATENCY) < 0)
         throw AudioEngineError(QStringLiteral("The microphone could not be opened (%1).").arg(errorText(d->context.get())));
     const bool settled = d->waitUntil([raw] {
         const pa_stream_state_t state = pa_stream_get_state(raw);

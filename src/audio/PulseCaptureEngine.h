@@ -2,6 +2,7 @@
 
 #include "audio/AudioBuffer.h"
 
+#include <QList>
 #include <QString>
 
 #include <atomic>
@@ -18,7 +19,8 @@ class RuntimeLog;
 
 // The microphone over libpulse: one threaded main loop (the capture thread),
 // one server connection kept open between recordings, and a record stream on
-// the server's default input source while running. Deinterleaved float
+// the chosen input source (the server's default unless one is chosen) while
+// running. Deinterleaved float
 // buffers of about 20 ms reach the tap on the capture thread.
 //
 // All methods are for one controlling thread (AudioCaptureThread in the
@@ -33,6 +35,15 @@ public:
         QString serverError;  // why it did not answer
         QString sourceName;   // empty when there is no default input source
         AudioFormat format;   // the source's rate and channel count, float, deinterleaved
+        // A source was chosen but the server no longer has it: this is the default.
+        bool chosenMissing = false;
+    };
+
+    // One input of the server's list (monitors of outputs left out).
+    struct Source {
+        QString name;        // the server's name, what setChosenSource() takes
+        QString description; // for people
+        friend bool operator==(const Source &, const Source &) = default;
     };
 
     // Figures for diagnostics and benchmarks; reset by each start().
@@ -50,8 +61,17 @@ public:
     PulseCaptureEngine(const PulseCaptureEngine &) = delete;
     PulseCaptureEngine &operator=(const PulseCaptureEngine &) = delete;
 
-    // Asks the server for its default input source. Never throws.
+    // Asks the server for the source the next recording uses: the chosen one
+    // while the server has it, otherwise its default. Never throws.
     SourceInfo defaultSource();
+    // The server's inputs; empty when it does not answer. Never throws.
+    QList<Source> sources();
+    // Empty: recordings follow the server's default input (also when it
+    // changes). Takes effect at the next start.
+    void setChosenSource(const QString &name);
+    // Called on the capture thread when the server moves a running recording
+    // to another source (the chosen one went away), with that source's name.
+    void setMovedListener(std::function<void(const QString &source)> listener);
 
     // The format the tap receives buffers in; the stream asks the server for it.
     void installTap(const AudioFormat &format, Tap tap);

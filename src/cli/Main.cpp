@@ -44,10 +44,13 @@ int dictora::cli::dictoraMain(int argc, char **argv, const SpeechPortFactory &sp
         if (std::strcmp(first, verb.name) != 0)
             continue;
         std::unique_ptr<QCoreApplication> app;
-        if (verb.needsGui)
+        // Without a display a GUI verb still runs, and says what it missed.
+        const bool display = qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
+        if (verb.needsGui && display) {
             app = std::make_unique<QApplication>(argc, argv);
-        else
+        } else {
             app = std::make_unique<QCoreApplication>(argc, argv);
+        }
         QCoreApplication::setOrganizationName(QStringLiteral("Dictora"));
         QCoreApplication::setApplicationName(QStringLiteral("Dictora"));
         return verb.run(QCoreApplication::arguments().mid(2));

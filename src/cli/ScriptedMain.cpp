@@ -13,7 +13,7 @@ public:
     void transcribe(std::vector<float>, Done done) override
     {
         const QString text = qEnvironmentVariable("DICTORA_SCRIPTED_TRANSCRIPT");
-        QMetaObject::invokeMethod(this, [text, done = std::move(done)] { done(Result{text, 0}, QString()); },
+        QMetaObject::invokeMethod(this, [text, done = std::move(done)] { done(Result{text, 0, {}}, QString()); },
             Qt::QueuedConnection);
     }
     // The stream still runs the real recogniser while recording; only its words are replaced.

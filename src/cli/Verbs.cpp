@@ -10,10 +10,11 @@ int runTranscribe(const QStringList &arguments); // TranscribeVerb.cpp
 int runFormat(const QStringList &arguments); // FormatVerb.cpp
 int runRecord(const QStringList &arguments); // RecordVerb.cpp
 int runModel(const QStringList &arguments); // ModelVerb.cpp
+int runDoctor(const QStringList &arguments); // DoctorVerb.cpp
 
 namespace {
 // One line to the running instance; its "error…" replies are failures.
-int sendInstanceCommand(const QString &verb, const QString &help, const QStringList &arguments)
+int sendInstanceCommand(const QString &verb, const QString &help, const QStringList &arguments, int timeoutMs = 3000)
 {
     if (arguments.contains(QStringLiteral("--help"))) {
         printOut(help);
@@ -21,7 +22,7 @@ int sendInstanceCommand(const QString &verb, const QString &help, const QStringL
     }
     if (!arguments.isEmpty())
         return usageError(verb, QStringLiteral("unexpected argument '%1'").arg(arguments.first()));
-    const auto reply = sendToRunningInstance(DataPaths::instanceSocket(), verb);
+    const auto reply = sendToRunningInstance(DataPaths::instanceSocket(), verb, timeoutMs);
     if (!reply) {
         printErr(QStringLiteral("dictora %1: Dictora is not running.\n").arg(verb));
         return kExitFailure;
@@ -56,12 +57,32 @@ int runRelease(const QStringList &arguments)
         QStringLiteral("Usage: dictora release\n\nTells the running Dictora that the shortcut key came up.\n"), arguments);
 }
 
+// Long enough for the target to come to the front and the user's keys to come up.
+constexpr int kPasteReplyMs = 10000;
+
+int runPasteLast(const QStringList &arguments)
+{
+    return sendInstanceCommand(QStringLiteral("paste-last"),
+        QStringLiteral("Usage: dictora paste-last\n\nPastes the text of the last dictation again into the window that "
+                       "has the focus,\nthe way the running Dictora pastes a dictation.\n"),
+        arguments, kPasteReplyMs);
+}
+
+int runCopyLast(const QStringList &arguments)
+{
+    return sendInstanceCommand(QStringLiteral("copy-last"),
+        QStringLiteral("Usage: dictora copy-last\n\nPuts the text of the last dictation on the clipboard.\n"), arguments);
+}
+
 const QList<Verb> &verbs()
 {
     static const QList<Verb> all{
         {"toggle", "start or stop a dictation in the running Dictora", false, &runToggle},
         {"press", "the shortcut key went down (for a desktop's own key binding)", false, &runPress},
         {"release", "the shortcut key came up (for a desktop's own key binding)", false, &runRelease},
+        {"paste-last", "paste the last dictation again into the focused window", false, &runPasteLast},
+        {"copy-last", "put the last dictation on the clipboard", false, &runCopyLast},
+        {"doctor", "check everything a dictation needs on this desktop", true, &runDoctor},
         {"history", "list, search and archive the History", false, &runHistory},
         {"transcribe", "recognise the speech in an audio file and print the text", false, &runTranscribe},
         {"format", "format standard input as a dictation and apply the snippets", false, &runFormat},

@@ -2,6 +2,8 @@
 
 #include "core/Async.h"
 
+#include <QRegularExpression>
+
 #include <algorithm>
 #include <cmath>
 
@@ -115,9 +117,69 @@ ProductPreferences::ProductPreferences(QSettings &defaults, QObject *parent)
     m_snippets = readBool(value(kSnippetsKey)).value_or(true);
     m_holdToTalk = readBool(value(kHoldToTalkKey)).value_or(false);
     m_startsAtLogin = readBool(value(kStartAtLoginKey)).value_or(false);
+    m_language = validLanguage(value(kLanguageKey).toString());
+    m_vocabulary = cleanVocabulary(value(kVocabularyKey).toStringList());
+    m_restoresClipboard = readBool(value(kRestoreClipboardKey)).value_or(false);
+    m_microphoneSource = value(kMicrophoneSourceKey).toString().trimmed();
     m_captureTailMs = int(std::clamp(readNumber(value(kCaptureTailKey)).value_or(kDefaultCaptureTailMilliseconds), 0.0,
         double(kMaximumCaptureTailMilliseconds)));
     m_livePreview = readBool(value(kLivePreviewKey));
+}
+
+void ProductPreferences::setRestoresClipboard(bool value)
+{
+    if (value == m_restoresClipboard)
+        return;
+    m_restoresClipboard = value;
+    store(kRestoreClipboardKey, value);
+    Q_EMIT restoresClipboardChanged(value);
+}
+
+void ProductPreferences::setMicrophoneSource(const QString &value)
+{
+    const QString source = value.trimmed();
+    if (source == m_microphoneSource)
+        return;
+    m_microphoneSource = source;
+    store(kMicrophoneSourceKey, source);
+    Q_EMIT microphoneSourceChanged(source);
+}
+
+QString ProductPreferences::validLanguage(const QString &value)
+{
+    static const QRegularExpression code(QStringLiteral("^([a-z]{2,3}|auto)$"));
+    return code.match(value).hasMatch() ? value : QString::fromLatin1(kDefaultLanguage);
+}
+
+QStringList ProductPreferences::cleanVocabulary(const QStringList &value)
+{
+    QStringList clean;
+    for (const QString &entry : value) {
+        const QString term = entry.simplified();
+        if (!term.isEmpty() && !clean.contains(term))
+            clean.append(term);
+    }
+    return clean;
+}
+
+void ProductPreferences::setLanguage(const QString &value)
+{
+    const QString language = validLanguage(value);
+    if (language == m_language)
+        return;
+    m_language = language;
+    store(kLanguageKey, language);
+    Q_EMIT languageChanged(language);
+}
+
+void ProductPreferences::setVocabulary(const QStringList &value)
+{
+    const QStringList vocabulary = cleanVocabulary(value);
+    if (vocabulary == m_vocabulary)
+        return;
+    m_vocabulary = vocabulary;
+    store(kVocabularyKey, vocabulary);
+    Q_EMIT vocabularyChanged(vocabulary);
 }
 
 double ProductPreferences::clampOpacity(double value)

@@ -39,6 +39,12 @@ public:
     static constexpr auto kSnippetsKey = "transcription.snippets.enabled";
     static constexpr auto kHoldToTalkKey = "keyboard.shortcut.holdToTalk";
     static constexpr auto kStartAtLoginKey = "application.startAtLogin.enabled";
+    static constexpr auto kLanguageKey = "transcription.language";
+    static constexpr auto kVocabularyKey = "transcription.vocabulary";
+    static constexpr auto kRestoreClipboardKey = "paste.restoreClipboard";
+    static constexpr auto kMicrophoneSourceKey = "audio.microphone.source";
+    static constexpr auto kDefaultLanguage = "en";
+    static constexpr auto kAutomaticLanguage = "auto";
     static constexpr auto kCaptureTailKey = "audio.capture.tailMilliseconds";
     static constexpr auto kLivePreviewKey = "overlay.livePreview.enabled";
     static constexpr int kDefaultCaptureTailMilliseconds = 250;
@@ -61,6 +67,14 @@ public:
     // Off: the shortcut toggles. On: holding it records until it is released.
     bool holdToTalk() const { return m_holdToTalk; }
     bool startsAtLogin() const { return m_startsAtLogin; }
+    // "en" (the default), "auto" to let recognition detect it, or another code of the model's list.
+    QString language() const { return m_language; }
+    // Names and terms the user dictates often, one per entry.
+    QStringList vocabulary() const { return m_vocabulary; }
+    // Off by default: a paste leaves the transcript on the clipboard.
+    bool restoresClipboard() const { return m_restoresClipboard; }
+    // The sound server's name of the chosen input; empty: the system default.
+    QString microphoneSource() const { return m_microphoneSource; }
     // How long capture goes on after the stop press, so a last word is kept.
     int captureTailMilliseconds() const { return m_captureTailMs; }
     // The text recognised so far, shown beside the indicator while recording.
@@ -78,6 +92,17 @@ public:
     void setHoldToTalk(bool value);
     // Only records the choice; StartAtLogin writes the autostart entry.
     void setStartsAtLogin(bool value);
+    // Anything but a plain lower-case code or "auto" is stored as "en".
+    void setLanguage(const QString &value);
+    // Entries are trimmed; empty and repeated ones are dropped.
+    void setVocabulary(const QStringList &value);
+    void setRestoresClipboard(bool value);
+    void setMicrophoneSource(const QString &value);
+
+    static QString validLanguage(const QString &value);
+    static QStringList cleanVocabulary(const QStringList &value);
+    // The vocabulary as the recogniser's prompt: the terms, comma-separated.
+    static QString vocabularyPrompt(const QStringList &terms) { return cleanVocabulary(terms).join(QStringLiteral(", ")); }
 
     static double clampOpacity(double value);
 
@@ -92,6 +117,10 @@ Q_SIGNALS:
     void snippetsEnabledChanged(bool value);
     void holdToTalkChanged(bool value);
     void startsAtLoginChanged(bool value);
+    void languageChanged(const QString &value);
+    void vocabularyChanged(const QStringList &value);
+    void restoresClipboardChanged(bool value);
+    void microphoneSourceChanged(const QString &value);
 
 private:
     void store(const char *key, const QVariant &value);
@@ -112,6 +141,10 @@ private:
     bool m_snippets = true;
     bool m_holdToTalk = false;
     bool m_startsAtLogin = false;
+    QString m_language = QString::fromLatin1(kDefaultLanguage);
+    QStringList m_vocabulary;
+    bool m_restoresClipboard = false;
+    QString m_microphoneSource;
     int m_captureTailMs = kDefaultCaptureTailMilliseconds;
     std::optional<bool> m_livePreview;
 };

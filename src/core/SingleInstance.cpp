@@ -2,6 +2,7 @@
 
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <QPointer>
 
 namespace dictora {
 
@@ -44,12 +45,24 @@ void SingleInstanceServer::acceptConnections()
             if (!socket->canReadLine())
                 return;
             const QString command = QString::fromUtf8(socket->readLine()).trimmed();
-            const QString reply = command == QLatin1String("ping") ? QStringLiteral("pong") : m_handler(command);
-            socket->write(reply.toUtf8() + '\n');
-            socket->flush();
-            socket->disconnectFromServer();
+            const auto answer = [socket = QPointer<QLocalSocket>(socket)](const QString &reply) {
+                if (!socket)
+                    return; // the asker gave up
+                socket->write(reply.toUtf8() + '\n');
+                socket->flush();
+                socket->disconnectFromServer();
+            };
+            if (const auto deferred = m_deferred.constFind(command); deferred != m_deferred.cend())
+                (*deferred)(answer);
+            else
+                answer(command == QLatin1String("ping") ? QStringLiteral("pong") : m_handler(command));
         });
     }
+}
+
+void SingleInstanceServer::setDeferredCommand(const QString &command, std::function<void(Reply reply)> handler)
+{
+    m_deferred.insert(command, std::move(handler));
 }
 
 std::optional<QString> sendToRunningInstance(const QString &socketPath, const QString &command, int timeoutMs)

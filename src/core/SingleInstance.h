@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QObject>
 #include <QString>
 
@@ -24,11 +25,16 @@ public:
     // False when another instance answers on the socket, or the socket cannot be made.
     bool listen(QString *errorText = nullptr);
 
+    // A command whose reply comes later (a paste answers once it is out).
+    using Reply = std::function<void(const QString &reply)>;
+    void setDeferredCommand(const QString &command, std::function<void(Reply reply)> handler);
+
 private:
     void acceptConnections();
 
     QString m_socketPath;
     Handler m_handler;
+    QHash<QString, std::function<void(Reply)>> m_deferred;
     QLocalServer *m_server = nullptr;
 };
 

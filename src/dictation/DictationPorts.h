@@ -21,6 +21,7 @@ public:
     struct Result {
         QString text;
         qint64 durationMilliseconds = 0;
+        QString language; // the code recognition used; empty when it does not say
     };
     // Exactly one of result and error is set; called on the main thread.
     using Done = std::function<void(std::optional<Result> result, QString error)>;

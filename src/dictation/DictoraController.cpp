@@ -398,7 +398,7 @@ void DictoraController::captureStopped(const QUuid &sessionID, MicrophonePort::C
     if (captured.samples.size() < kMinimumSamples || captured.rmsLevel < kMinimumRms) {
         log(QStringLiteral("accurate local transcription skipped for silence"));
         cancelStream(held<Finalizing>()->session);
-        finishWithText(QString(), 0, captureStopMs);
+        finishWithText(QString(), 0, captureStopMs, QString());
         return;
     }
     QPointer<DictoraController> self(this);
@@ -409,7 +409,7 @@ void DictoraController::captureStopped(const QUuid &sessionID, MicrophonePort::C
             self->failDictation(error);
             return;
         }
-        self->finishWithText(result->text, result->durationMilliseconds, captureStopMs);
+        self->finishWithText(result->text, result->durationMilliseconds, captureStopMs, result->language);
     };
     Session &session = held<Finalizing>()->session;
     if (session.streaming) {
@@ -428,13 +428,17 @@ void DictoraController::cancelStream(Session &session)
     m_c.speech.cancelStream();
 }
 
-void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs)
+void DictoraController::finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs, QString language)
 {
     Finalization f;
     f.raw = raw;
     f.engineMs = engineMs;
     f.captureStopMs = captureStopMs;
-    f.text = BasicFormatter::formatTranscript(raw, m_preferences.formattingEnabled());
+    // A recogniser that does not say ran in the language the user chose.
+    if (language.isEmpty() && m_preferences.language() != QLatin1String(ProductPreferences::kAutomaticLanguage))
+        language = m_preferences.language();
+    f.language = language;
+    f.text = BasicFormatter::formatTranscript(raw, m_preferences.formattingEnabled(), language);
     if (m_preferences.snippetsEnabled())
         f.text = SnippetExpander::apply(f.text, m_c.snippets.entries());
     log(QStringLiteral("accurate local finalization returned rawChars=%1 formattedChars=%2")
@@ -479,6 +483,8 @@ void DictoraController::saveRecord(Finalization f)
     record.pasteDispatchDurationMilliseconds = f.pasteMs;
     record.error = f.error;
     record.earsDurationMilliseconds = f.engineMs;
+    if (!f.language.isEmpty())
+        record.language = f.language;
 
     log(QStringLiteral("journal append begin"));
     appendInBackground(record, [this, record, f](std::optional<QString> appendError) {

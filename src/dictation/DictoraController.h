@@ -124,6 +124,7 @@ private:
         qint64 engineMs = 0;
         qint64 pasteMs = 0;
         bool practice = false;
+        QString language;
         TranscriptOutcome outcome = TranscriptOutcome::empty;
         std::optional<QString> error;
     };
@@ -142,7 +143,7 @@ private:
     void captureStarted(const QUuid &sessionID, const std::optional<QString> &error);
     void stopAndPaste();
     void captureStopped(const QUuid &sessionID, MicrophonePort::Captured captured, qint64 captureStopMs);
-    void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs);
+    void finishWithText(const QString &raw, qint64 engineMs, qint64 captureStopMs, QString language);
     void saveRecord(Finalization finalization);
     void failDictation(const QString &error);
     void finishStream(SpeechPort::Done done);

@@ -13,6 +13,7 @@ enum Key {
     error,
     finalizationDuration,
     id,
+    language,
     outcome,
     pasteDispatchDuration,
     recordingDuration,
@@ -27,7 +28,7 @@ enum Key {
 };
 
 constexpr std::array<std::string_view, keyCount> kKeys{"earsDurationMilliseconds", "error",
-    "finalizationDurationMilliseconds", "id", "outcome", "pasteDispatchDurationMilliseconds",
+    "finalizationDurationMilliseconds", "id", "language", "outcome", "pasteDispatchDurationMilliseconds",
     "recordingDurationMilliseconds", "recordingEndedAt", "recordingStartedAt", "savedAt", "targetApplication",
     "totalDurationMilliseconds", "transcript", "transcriptionEngine"};
 
@@ -342,6 +343,7 @@ std::optional<TranscriptRecord> decodeCanonical(QByteArrayView line)
         case recordingStartedAt: ok = dateInto(r.recordingStartedAt); break;
         case savedAt: ok = dateInto(r.savedAt); break;
         case error:
+        case language:
         case transcript:
         case transcriptionEngine: {
             auto value = in.string();
@@ -352,6 +354,8 @@ std::optional<TranscriptRecord> decodeCanonical(QByteArrayView line)
                 r.transcript = std::move(*value);
             else if (index == error)
                 r.error = std::move(*value);
+            else if (index == language)
+                r.language = std::move(*value);
             else
                 r.transcriptionEngine = std::move(*value);
             break;

@@ -106,6 +106,8 @@ QByteArray TranscriptRecord::toJsonLine() const
         text("error", *error);
     number("finalizationDurationMilliseconds", finalizationDurationMilliseconds);
     text("id", uuidString(id));
+    if (language)
+        text("language", *language);
     text("outcome", rawValue(outcome));
     number("pasteDispatchDurationMilliseconds", pasteDispatchDurationMilliseconds);
     number("recordingDurationMilliseconds", recordingDurationMilliseconds);
@@ -218,6 +220,12 @@ std::optional<TranscriptRecord> TranscriptRecord::fromJsonObject(const QJsonObje
         if (!value)
             return std::nullopt;
         r.earsDurationMilliseconds = *value;
+    }
+    const QJsonValue language = o.value(QLatin1String("language"));
+    if (!isAbsent(language)) {
+        if (!language.isString())
+            return std::nullopt;
+        r.language = textValue(language);
     }
     const QJsonValue engine = o.value(QLatin1String("transcriptionEngine"));
     if (!isAbsent(engine)) {

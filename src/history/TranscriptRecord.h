@@ -42,6 +42,7 @@ struct TranscriptRecord {
     std::optional<QString> error;
     std::optional<std::int64_t> earsDurationMilliseconds;
     std::optional<QString> transcriptionEngine;
+    std::optional<QString> language; // recognition's language code; absent in older records
 
     friend bool operator==(const TranscriptRecord &, const TranscriptRecord &) = default;
 

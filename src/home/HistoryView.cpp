@@ -17,6 +17,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
+#include <QMenu>
 #include <QMessageBox>
 #include <QMouseEvent>
 #include <QProgressBar>
@@ -90,6 +91,8 @@ HistoryView::HistoryView(HistoryStore &store, QWidget *parent)
     m_list->setAccessibleName(QStringLiteral("History"));
     m_list->installEventFilter(this);
     m_list->viewport()->installEventFilter(this);
+    m_list->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(m_list, &QWidget::customContextMenuRequested, this, &HistoryView::showRowMenu);
 
     m_stack = new QStackedWidget(this);
     m_stack->addWidget(m_list);
@@ -336,7 +339,24 @@ void HistoryView::openRecord(int row)
     auto *sheet = new TranscriptDetailSheet(m_model->record(row), this);
     sheet->setAttribute(Qt::WA_DeleteOnClose);
     m_sheet = sheet;
+    connect(sheet, &TranscriptDetailSheet::pasteRequested, this, &HistoryView::pasteRequested);
     sheet->open();
+}
+
+void HistoryView::showRowMenu(const QPoint &position)
+{
+    const QModelIndex index = m_list->indexAt(position);
+    if (!index.isValid())
+        return;
+    const TranscriptRecord record = m_model->record(index.row());
+    auto *menu = new QMenu(this);
+    menu->setObjectName(QStringLiteral("historyRowMenu"));
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+    QAction *paste = menu->addAction(QStringLiteral("Paste Again"), this, [this, record] { Q_EMIT pasteRequested(record); });
+    paste->setEnabled(!record.transcript.trimmed().isEmpty());
+    menu->addAction(QStringLiteral("Copy Transcript"), this, [this, row = index.row()] { m_model->copyTranscript(row); });
+    menu->addAction(QStringLiteral("Show Details"), this, [this, row = index.row()] { openRecord(row); });
+    menu->popup(m_list->viewport()->mapToGlobal(position));
 }
 
 void HistoryView::requestArchive()

@@ -41,6 +41,10 @@ public:
     // The confirmation dialog, then the save panel, then the store.
     void requestArchive();
 
+Q_SIGNALS:
+    // A row's "Paste Again" (its context menu or its sheet).
+    void pasteRequested(const dictora::TranscriptRecord &record);
+
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
 
@@ -49,6 +53,7 @@ private:
     QFrame *buildFilterPanel();
     QWidget *buildEmptyState();
     void openSavePanel();
+    void showRowMenu(const QPoint &position);
     void showNotice();
     void syncSearch();
     void syncFilters();

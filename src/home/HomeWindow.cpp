@@ -93,7 +93,12 @@ HomeWindow::HomeWindow(DictoraState &state, ProductPreferences &preferences, His
     auto *snippetsButton = sheetButton(QStringLiteral("Snippets"), Style::Symbol::snippets, QStringLiteral("snippetsButton"), this);
     connect(shortcutButton, &QPushButton::clicked, this, &HomeWindow::shortcutSheetRequested);
     connect(appearanceButton, &QPushButton::clicked, this, &HomeWindow::openAppearanceSheet);
+    auto *diagnosticsButton = sheetButton(QStringLiteral("Diagnostics"), Style::Symbol::checkmark, QStringLiteral("diagnosticsButton"), this);
     connect(snippetsButton, &QPushButton::clicked, this, &HomeWindow::snippetsSheetRequested);
+    connect(diagnosticsButton, &QPushButton::clicked, this, &HomeWindow::diagnosticsSheetRequested);
+    auto *recognitionButton = sheetButton(QStringLiteral("Dictation"), Style::Symbol::gear, QStringLiteral("recognitionButton"), this);
+    connect(recognitionButton, &QPushButton::clicked, this, &HomeWindow::recognitionSheetRequested);
+    connect(m_historyView, &HistoryView::pasteRequested, this, &HomeWindow::pasteRecordRequested);
 
     auto *header = new QHBoxLayout;
     header->setContentsMargins(14, 0, 14, 0);
@@ -101,6 +106,8 @@ HomeWindow::HomeWindow(DictoraState &state, ProductPreferences &preferences, His
     header->addWidget(shortcutButton, 0, Qt::AlignVCenter);
     header->addWidget(appearanceButton, 0, Qt::AlignVCenter);
     header->addWidget(snippetsButton, 0, Qt::AlignVCenter);
+    header->addWidget(recognitionButton, 0, Qt::AlignVCenter);
+    header->addWidget(diagnosticsButton, 0, Qt::AlignVCenter);
 
     // Model banner, hidden while the model is ready.
     m_banner->setObjectName(QStringLiteral("modelBanner"));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "history/TranscriptRecord.h"
 #include "home/AppearanceSheet.h"
 
 #include <QPointer>
@@ -61,6 +62,9 @@ Q_SIGNALS:
     void retryDownloadRequested();
     void shortcutSheetRequested();
     void snippetsSheetRequested();
+    void diagnosticsSheetRequested();
+    void recognitionSheetRequested();
+    void pasteRecordRequested(const dictora::TranscriptRecord &record);
 
 private:
     void updateHeader();

@@ -18,6 +18,7 @@ TranscriptDetailSheet::TranscriptDetailSheet(const TranscriptRecord &record, QWi
     , m_record(record)
     , m_copy(new QPushButton(Style::symbol(Style::Symbol::copy), QStringLiteral("Copy Transcript"), this))
     , m_done(new QPushButton(QStringLiteral("Done"), this))
+    , m_paste(new QPushButton(QStringLiteral("Paste Again"), this))
     , m_copiedTimer(new QTimer(this))
 {
     setObjectName(QStringLiteral("TranscriptDetailSheet"));
@@ -45,9 +46,13 @@ TranscriptDetailSheet::TranscriptDetailSheet(const TranscriptRecord &record, QWi
     m_done->setProperty("role", "primary");
     m_done->setDefault(true);
     m_copy->setAutoDefault(false);
+    m_paste->setAutoDefault(false);
+    m_paste->setEnabled(!record.transcript.trimmed().isEmpty());
+    m_paste->setToolTip(QStringLiteral("Paste this transcript into the window you return to"));
 
     auto *buttons = new QHBoxLayout;
     buttons->addWidget(m_copy);
+    buttons->addWidget(m_paste);
     buttons->addStretch(1);
     buttons->addWidget(m_done);
 
@@ -68,6 +73,10 @@ TranscriptDetailSheet::TranscriptDetailSheet(const TranscriptRecord &record, QWi
     });
     connect(m_copy, &QPushButton::clicked, this, &TranscriptDetailSheet::copy);
     connect(m_done, &QPushButton::clicked, this, &QDialog::accept);
+    connect(m_paste, &QPushButton::clicked, this, [this] {
+        accept();
+        Q_EMIT pasteRequested(m_record);
+    });
 }
 
 void TranscriptDetailSheet::copy()

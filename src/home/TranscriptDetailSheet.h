@@ -19,6 +19,11 @@ public:
     const TranscriptRecord &record() const { return m_record; }
     QPushButton *copyButton() const { return m_copy; }
     QPushButton *doneButton() const { return m_done; }
+    QPushButton *pasteButton() const { return m_paste; }
+
+Q_SIGNALS:
+    // "Paste Again": the sheet closes, whoever listens pastes the record.
+    void pasteRequested(const dictora::TranscriptRecord &record);
 
 private:
     void copy();
@@ -26,6 +31,7 @@ private:
     TranscriptRecord m_record;
     QPushButton *m_copy;
     QPushButton *m_done;
+    QPushButton *m_paste;
     QTimer *m_copiedTimer;
 };
 

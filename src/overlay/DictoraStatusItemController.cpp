@@ -17,8 +17,13 @@ DictoraStatusItemController::DictoraStatusItemController(Actions actions, QObjec
 {
     m_menu->setAccessibleName(QString::fromLatin1(kToolTip));
     QAction *open = m_menu->addAction(QStringLiteral("Open App"));
+    QAction *pasteLast = nullptr;
+    if (m_actions.pasteLastDictation) {
+        pasteLast = m_menu->addAction(QStringLiteral("Paste Last Dictation"));
+        connect(pasteLast, &QAction::triggered, this, [this] { m_actions.pasteLastDictation(); });
+    }
     QAction *quit = m_menu->addAction(QStringLiteral("Quit App"));
-    for (QAction *action : {open, quit}) {
+    for (QAction *action : m_menu->actions()) {
         action->setEnabled(true);
         action->setShortcut({});
         action->setIconVisibleInMenu(false);
@@ -55,6 +60,14 @@ bool DictoraStatusItemController::install()
     // desktop switching between light and dark panels.
     m_menu->installEventFilter(this);
     m_statusItem->show();
+    return true;
+}
+
+bool DictoraStatusItemController::showNotice(const QString &title, const QString &message)
+{
+    if (!m_statusItem || !QSystemTrayIcon::supportsMessages())
+        return false;
+    m_statusItem->showMessage(title, message, QSystemTrayIcon::Information);
     return true;
 }
 

@@ -11,8 +11,9 @@ class QSystemTrayIcon;
 
 namespace dictora {
 
-// The tray microphone with its two-item menu. The shell hands in what
-// "Open App" and "Quit App" do, so this library never sees the controller.
+// The tray microphone with its menu. The shell hands in what "Open App",
+// "Paste Last Dictation" and "Quit App" do, so this library never sees the
+// controller.
 class DictoraStatusItemController : public QObject {
     Q_OBJECT
 
@@ -21,6 +22,8 @@ public:
         std::function<void()> openApplication;
         // Left empty, quitting asks the application to quit normally.
         std::function<void()> quitApplication;
+        // Left empty, the menu has no such entry.
+        std::function<void()> pasteLastDictation = {};
     };
 
     explicit DictoraStatusItemController(Actions actions, QObject *parent = nullptr);
@@ -30,6 +33,9 @@ public:
     // False when the desktop has no tray (nothing is shown then).
     bool install();
     bool isInstalled() const { return m_statusItem != nullptr; }
+
+    // A balloon from the icon where the tray shows them; false where it cannot.
+    bool showNotice(const QString &title, const QString &message);
 
     QMenu *menu() const { return m_menu.get(); }
     QSystemTrayIcon *statusItem() const { return m_statusItem; }

@@ -9,6 +9,7 @@
 #include <QCursor>
 #include <QEvent>
 #include <QThread>
+#include <QTimer>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QScreen>
@@ -56,6 +57,13 @@ MicOverlayPanel::MicOverlayPanel(DictoraState &state, ProductPreferences &prefer
         "QLabel { background: rgba(24, 24, 27, 225); color: white; border-radius: 10px; padding: 6px 10px; }"));
     connect(&m_state, &DictoraState::previewTextChanged, this, &MicOverlayPanel::updatePreview);
     connect(&m_state, &DictoraState::phaseChanged, this, &MicOverlayPanel::updatePreview);
+    m_noticeTimer = new QTimer(this);
+    m_noticeTimer->setSingleShot(true);
+    m_noticeTimer->setInterval(5000);
+    connect(m_noticeTimer, &QTimer::timeout, this, [this] {
+        m_notice.clear();
+        updatePreview();
+    });
 
     // Every one of the four settings re-applies all four, like a combine-latest.
     connect(&m_preferences, &ProductPreferences::microphoneSizeChanged, this, &MicOverlayPanel::applyPreferences);
@@ -124,9 +132,16 @@ void MicOverlayPanel::show()
     m_panel->raise();
 }
 
+void MicOverlayPanel::showNotice(const QString &text)
+{
+    m_notice = text;
+    m_noticeTimer->start();
+    updatePreview();
+}
+
 void MicOverlayPanel::updatePreview()
 {
-    const QString text = m_state.previewText().simplified();
+    const QString text = m_notice.isEmpty() ? m_state.previewText().simplified() : m_notice;
     if (text.isEmpty() || !m_state.phase().is(DictoraPhase::Kind::recording) || !m_panel->isVisible()) {
         m_preview->hide();
         return;

@@ -7,6 +7,7 @@
 #include <memory>
 
 class QLabel;
+class QTimer;
 class QWidget;
 
 namespace dictora {
@@ -33,6 +34,10 @@ public:
     void reposition(ScreenAnchor anchor);
     // Brings the panel to the front without activating anything.
     void show();
+    // A short message in the bubble (in place of the preview) for a few
+    // seconds while recording: which microphone is heard, say.
+    void showNotice(const QString &text);
+    QString notice() const { return m_notice; }
 
     QWidget *panel() const { return m_panel.get(); }
     // The bubble beside the indicator with the text recognised so far.
@@ -55,6 +60,8 @@ private:
     ProductPreferences &m_preferences;
     OverlayWindowHints *m_hints = nullptr;
     bool m_desktopHintsApplied = false;
+    QString m_notice;
+    QTimer *m_noticeTimer = nullptr;
 };
 
 } // namespace dictora

@@ -3,6 +3,7 @@
 #include <QClipboard>
 #include <QCoreApplication>
 #include <QGuiApplication>
+#include <QMimeData>
 
 namespace dictora {
 
@@ -34,6 +35,34 @@ bool QtClipboard::setText(const QString &text, bool alsoPrimary)
     clipboard->setText(text, QClipboard::Clipboard);
     if (alsoPrimary && clipboard->supportsSelection())
         clipboard->setText(text, QClipboard::Selection);
+    return true;
+}
+
+ClipboardContents QtClipboard::contents()
+{
+    ClipboardContents contents;
+    if (!qobject_cast<QGuiApplication *>(QCoreApplication::instance()))
+        return contents;
+    // Another owner's formats come over the display connection, one request each.
+    if (const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard)) {
+        for (const QString &format : data->formats()) {
+            // Selection plumbing (TARGETS, TIMESTAMP) and Qt's aliases are no content.
+            if (!format.contains(QLatin1Char('/')) || format.startsWith(QLatin1String("application/x-qt-")))
+                continue;
+            contents.formats.append({format, data->data(format)});
+        }
+    }
+    return contents;
+}
+
+bool QtClipboard::restore(const ClipboardContents &contents)
+{
+    if (!qobject_cast<QGuiApplication *>(QCoreApplication::instance()))
+        return false;
+    auto *data = new QMimeData;
+    for (const auto &[format, bytes] : contents.formats)
+        data->setData(format, bytes);
+    QGuiApplication::clipboard()->setMimeData(data, QClipboard::Clipboard);
     return true;
 }
 

@@ -2,9 +2,19 @@
 
 #include "platform/ClipboardReadWatcher.h"
 
+#include <QByteArray>
+#include <QList>
+#include <QPair>
+
 #include <memory>
 
 namespace dictora {
+
+// What the clipboard held, every format with its bytes, to be put back.
+struct ClipboardContents {
+    QList<QPair<QString, QByteArray>> formats;
+    bool isEmpty() const { return formats.isEmpty(); }
+};
 
 // Where the paste takes its text from, and the watch on who reads it. Most
 // sessions serve it through the toolkit's clipboard; some compositors need
@@ -18,6 +28,10 @@ public:
     // too when asked (terminals that paste it on Shift+Insert). False when
     // nothing could be offered.
     virtual bool setText(const QString &text, bool alsoPrimary) = 0;
+    // Where the backend can: what the clipboard holds now, and putting such
+    // contents back. Empty, and false, where it cannot.
+    virtual ClipboardContents contents() { return {}; }
+    virtual bool restore(const ClipboardContents &) { return false; }
     // Whether the compositor must take the text over from us before a
     // native window can paste it (offerSeen() says when it has).
     virtual bool handsOver() const { return false; }
@@ -33,6 +47,8 @@ public:
 
     bool isWatching() const override { return m_reads && m_reads->isWatching(); }
     bool setText(const QString &text, bool alsoPrimary) override;
+    ClipboardContents contents() override;
+    bool restore(const ClipboardContents &contents) override;
     bool handsOver() const override;
 
 private:

@@ -169,10 +169,17 @@ QFuture<void> AccurateSpeechEngine::load(const QString &modelPath)
             m_context = nullptr;
         }
         m_modelPath = path;
+        SpeechDevicePreference preference;
+        int gpuIndex;
+        {
+            const std::lock_guard lock(m_optionsMutex);
+            preference = m_preference;
+            gpuIndex = m_gpuIndex;
+        }
         const SpeechDeviceChoice choice =
-            chooseSpeechDevice(m_devices ? m_devices() : QList<ComputeDevice>{}, m_preference);
+            chooseSpeechDevice(m_devices ? m_devices() : QList<ComputeDevice>{}, preference, gpuIndex);
         if (!choice.useGpu
-            && (m_preference == SpeechDevicePreference::gpu || m_preference == SpeechDevicePreference::software))
+            && (preference == SpeechDevicePreference::gpu || preference == SpeechDevicePreference::software))
             log(QStringLiteral("speech engine gpu requested but unavailable reason=") + choice.reason);
         m_context = initContext(path, choice.useGpu, choice.gpuIndex);
         if (choice.useGpu) {
@@ -234,10 +241,74 @@ int AccurateSpeechEngine::runFull(const float *samples, int count, const std::at
     params.print_realtime = false;
     params.print_timestamps = false;
     params.token_timestamps = false;
-    params.language = "en";
+    const RecognitionOptions options = recognitionOptions();
+    // An English-only model has nothing to detect and no other language.
+    const bool multilingual = whisper_is_multilingual(m_context) != 0;
+    const QByteArray language = multilingual ? options.language.toUtf8() : QByteArrayLiteral("en");
+    const QByteArray prompt = options.initialPrompt.trimmed().toUtf8();
+    params.language = language.constData();
+    params.initial_prompt = prompt.isEmpty() ? nullptr : prompt.constData();
     params.suppress_blank = true;
     params.greedy.best_of = 1;
-    return whisper_full(m_context, params, samples, count);
+    // What the model is told, once per change: the log shows a setting took effect.
+    const QString told = QStringLiteral("speech engine options language=%1 promptChars=%2")
+                             .arg(QString::fromUtf8(language))
+                             .arg(options.initialPrompt.trimmed().size());
+    if (told != m_toldOptions) {
+        m_toldOptions = told;
+        log(told);
+    }
+    const int code = whisper_full(m_context, params, samples, count);
+    m_lastLanguage = QString::fromUtf8(language);
+    if (code == 0 && language == "auto")
+        m_lastLanguage = QString::fromUtf8(whisper_lang_str(whisper_full_lang_id(m_context)));
+    return code;
+}
+
+void AccurateSpeechEngine::setDevicePreference(SpeechDevicePreference preference, int gpuIndex)
+{
+    const std::lock_guard lock(m_optionsMutex);
+    m_preference = preference;
+    m_gpuIndex = gpuIndex;
+}
+
+void AccurateSpeechEngine::setRecognitionOptions(const RecognitionOptions &options)
+{
+    const std::lock_guard lock(m_optionsMutex);
+    m_options = options;
+    if (m_options.language.isEmpty())
+        m_options.language = QStringLiteral("en");
+}
+
+RecognitionOptions AccurateSpeechEngine::recognitionOptions() const
+{
+    const std::lock_guard lock(m_optionsMutex);
+    return m_options;
+}
+
+QFuture<AccurateSpeechEngine::PromptFit> AccurateSpeechEngine::measurePrompt(const QString &text)
+{
+    auto promise = std::make_shared<QPromise<PromptFit>>();
+    QFuture<PromptFit> future = promise->future();
+    promise->start();
+    m_queue.post([this, promise, bytes = text.trimmed().toUtf8()] {
+        PromptFit fit;
+        if (m_context) {
+            fit.limit = whisper_n_text_ctx(m_context) / 2;
+            fit.tokens = bytes.isEmpty() ? 0 : -whisper_tokenize(m_context, bytes.constData(), nullptr, 0);
+        }
+        promise->addResult(fit);
+        promise->finish();
+    });
+    return future;
+}
+
+QList<SpeechLanguage> speechLanguages()
+{
+    QList<SpeechLanguage> languages;
+    for (int id = 0; id <= whisper_lang_max_id(); ++id)
+        languages.append({QString::fromUtf8(whisper_lang_str(id)), QString::fromUtf8(whisper_lang_str_full(id))});
+    return languages;
 }
 
 QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<const void> owner, const float *samples,
@@ -300,7 +371,7 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<cons
         const QString text = joinSegments(segments);
         const auto elapsed = std::chrono::steady_clock::now() - started;
         const qint64 ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
-        promise->addResult(AccurateSpeechResult{text, std::max<qint64>(ms, 0)});
+        promise->addResult(AccurateSpeechResult{text, std::max<qint64>(ms, 0), m_lastLanguage});
         promise->finish();
     });
     return future;

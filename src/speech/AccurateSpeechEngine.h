@@ -24,6 +24,7 @@ namespace dictora {
 struct AccurateSpeechResult {
     QString text;
     qint64 durationMilliseconds = 0;
+    QString language; // the code recognition used ("en", "de", …); empty when nothing ran
 
     friend bool operator==(const AccurateSpeechResult &, const AccurateSpeechResult &) = default;
 };
@@ -45,6 +46,23 @@ private:
     Case m_case;
     qint32 m_code;
 };
+
+// How recognition listens: its language ("en", "auto" to detect it, or a
+// code of the model's list) and the names and terms it should expect, given
+// to the model as its initial prompt.
+struct RecognitionOptions {
+    QString language = QStringLiteral("en");
+    QString initialPrompt;
+
+    friend bool operator==(const RecognitionOptions &, const RecognitionOptions &) = default;
+};
+
+// The languages the speech library knows: code and English name, in its order.
+struct SpeechLanguage {
+    QString code;
+    QString name;
+};
+QList<SpeechLanguage> speechLanguages();
 
 // Runs work items one at a time, in submission order, on one named thread.
 // The destructor lets queued items finish, so every waiting caller is resumed.
@@ -106,6 +124,20 @@ public:
     QFuture<AccurateSpeechResult> transcribe(std::vector<float> samples, int sampleRate,
                                              std::shared_ptr<const std::atomic_bool> skip);
 
+    // Any thread; applies from the next recognition on.
+    void setRecognitionOptions(const RecognitionOptions &options);
+    // Any thread; applies from the next load on (load the model again to switch).
+    void setDevicePreference(SpeechDevicePreference preference, int gpuIndex = -1);
+    RecognitionOptions recognitionOptions() const;
+
+    // How many tokens of prompt the loaded model reads (half its text
+    // context), and how many `text` takes; both -1 without a model.
+    struct PromptFit {
+        int tokens = -1;
+        int limit = -1;
+    };
+    QFuture<PromptFit> measurePrompt(const QString &text);
+
     // "cpu" or the GPU's name; "" before the first load. Any thread.
     QString deviceName() const;
     bool usesGpu() const;
@@ -135,7 +167,12 @@ private:
     void setDevice(const QString &name, bool gpu);
     void log(const QString &message) const;
 
-    SpeechDevicePreference m_preference;
+    SpeechDevicePreference m_preference; // guarded by m_optionsMutex, like m_gpuIndex
+    int m_gpuIndex = -1;
+    mutable std::mutex m_optionsMutex;
+    RecognitionOptions m_options;
+    QString m_lastLanguage; // only touched on m_queue
+    QString m_toldOptions;  // the options line last logged; only touched on m_queue
     LogSink m_log;
     DeviceLister m_devices;
     QByteArray m_modelPath;                // only touched on m_queue

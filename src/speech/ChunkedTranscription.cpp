@@ -97,6 +97,7 @@ std::optional<qsizetype> chooseCutFrame(std::span<const float> levels, const Chu
 struct ChunkedTranscription::Outcome {
     std::mutex mutex;
     std::vector<QString> texts;
+    QString language; // the first chunk's that says
     std::vector<std::exception_ptr> errors;
     size_t remaining = 0;
     QPromise<AccurateSpeechResult> promise;
@@ -113,7 +114,7 @@ struct ChunkedTranscription::Outcome {
         }
         const auto waited = std::chrono::steady_clock::now() - finishedAt;
         const qint64 ms = std::chrono::duration_cast<std::chrono::milliseconds>(waited).count();
-        promise.addResult(AccurateSpeechResult{joinTexts(QList<QString>(texts.begin(), texts.end())), std::max<qint64>(ms, 0)});
+        promise.addResult(AccurateSpeechResult{joinTexts(QList<QString>(texts.begin(), texts.end())), std::max<qint64>(ms, 0), language});
         promise.finish();
     }
 };
@@ -312,6 +313,8 @@ QFuture<AccurateSpeechResult> ChunkedTranscription::finish()
             std::lock_guard lock(outcome->mutex);
             try {
                 outcome->texts[i] = done.result().text;
+                if (outcome->language.isEmpty())
+                    outcome->language = done.result().language;
             } catch (...) {
                 outcome->errors[i] = std::current_exception();
             }

@@ -11,13 +11,23 @@ std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QSt
     const QString value = text.trimmed().toLower();
     if (value == QLatin1String("cpu"))
         return SpeechDevicePreference::cpu;
-    if (value == QLatin1String("gpu"))
+    if (value == QLatin1String("gpu") || speechDeviceGpuIndex(value) >= 0)
         return SpeechDevicePreference::gpu;
     if (value == QLatin1String("software") || value == QLatin1String("lavapipe"))
         return SpeechDevicePreference::software;
     if (value == QLatin1String("auto") || value == QLatin1String("automatic"))
         return SpeechDevicePreference::automatic;
     return std::nullopt;
+}
+
+int speechDeviceGpuIndex(const QString &text)
+{
+    const QString value = text.trimmed().toLower();
+    if (!value.startsWith(QLatin1String("gpu:")))
+        return -1;
+    bool ok = false;
+    const int index = value.mid(4).toInt(&ok);
+    return ok && index >= 0 ? index : -1;
 }
 
 QString rawValue(SpeechDevicePreference preference)
@@ -50,7 +60,8 @@ bool isSoftwareRasteriser(const ComputeDevice &device)
     return false;
 }
 
-SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference)
+SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference,
+    int chosenGpu)
 {
     SpeechDeviceChoice choice;
     if (preference == SpeechDevicePreference::cpu) {
@@ -73,6 +84,10 @@ SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, Speec
         const int index = gpuIndex++;
         if (isSoftwareRasteriser(device) != (preference == SpeechDevicePreference::software))
             continue;
+        if (preference == SpeechDevicePreference::gpu && index == chosenGpu) {
+            discrete = Candidate{index, &device};
+            break;
+        }
         if (gpu && !discrete)
             discrete = Candidate{index, &device};
         if (igpu && !integrated)
@@ -88,6 +103,20 @@ SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, Speec
     choice.gpuIndex = picked->index;
     choice.name = picked->device->description.isEmpty() ? picked->device->name : picked->device->description;
     return choice;
+}
+
+QList<QPair<QString, QString>> usableGpus(const QList<ComputeDevice> &devices)
+{
+    QList<QPair<QString, QString>> gpus;
+    int index = 0;
+    for (const ComputeDevice &device : devices) {
+        if (device.kind != ComputeDevice::Kind::gpu && device.kind != ComputeDevice::Kind::integratedGpu)
+            continue;
+        const int number = index++;
+        if (!isSoftwareRasteriser(device))
+            gpus.append({QStringLiteral("gpu:%1").arg(number), device.description.isEmpty() ? device.name : device.description});
+    }
+    return gpus;
 }
 
 QList<ComputeDevice> availableComputeDevices()

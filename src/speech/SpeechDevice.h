@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QList>
+#include <QPair>
 #include <QString>
 
 #include <optional>
@@ -13,11 +14,14 @@ namespace dictora {
 // machines without a GPU (CI) run the whole GPU path; slower than the CPU.
 enum class SpeechDevicePreference { automatic, cpu, gpu, software };
 
-// The setting (in the preferences store) that can pin recognition to the CPU:
-// "cpu", "gpu", "software" (also "lavapipe"), or "auto" (the default).
+// The setting (in the preferences store) that picks the device: "auto" (the
+// default), "cpu", "gpu", "gpu:N" for the library's GPU number N, or
+// "software" (also "lavapipe").
 inline constexpr auto kSpeechDeviceSettingKey = "transcription.device";
 
 std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text);
+// N of "gpu:N"; -1 for any other value.
+int speechDeviceGpuIndex(const QString &text);
 QString rawValue(SpeechDevicePreference preference);
 
 // DICTORA_SPEECH_DEVICE (cpu, gpu, software, auto) wins over `configured`; tests use it
@@ -47,8 +51,12 @@ struct SpeechDeviceChoice {
 
 // A discrete GPU first, else an integrated one; software rasterisers
 // (llvmpipe, lavapipe, SwiftShader) run on the CPU anyway and are skipped,
-// unless `software` asks for exactly them.
-SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference);
+// unless `software` asks for exactly them. With `gpuIndex` set and usable,
+// that GPU, whatever its kind.
+SpeechDeviceChoice chooseSpeechDevice(const QList<ComputeDevice> &devices, SpeechDevicePreference preference,
+    int gpuIndex = -1);
+// Each GPU the choice could take, by its number, as "gpu:N" and its name.
+QList<QPair<QString, QString>> usableGpus(const QList<ComputeDevice> &devices);
 
 bool isSoftwareRasteriser(const ComputeDevice &device);
 

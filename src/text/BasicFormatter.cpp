@@ -269,9 +269,26 @@ QString BasicFormatter::format(const QString &raw)
     return formatExplicitList(prose).value_or(prose);
 }
 
-QString BasicFormatter::formatTranscript(const QString &raw, bool formattingEnabled)
+QString BasicFormatter::formatTranscript(const QString &raw, bool formattingEnabled, const QString &language)
 {
-    return formattingEnabled ? format(raw) : raw.trimmed();
+    if (!formattingEnabled)
+        return raw.trimmed();
+    if (language.isEmpty() || language == QLatin1String("en"))
+        return format(raw);
+    return normalizeSpacing(raw);
+}
+
+QString BasicFormatter::normalizeSpacing(const QString &text)
+{
+    // Only what every language agrees on: French, for one, spaces before ! ? : ;
+    // and digits may take a decimal comma.
+    static const QRegularExpression whitespace = unicodePattern(R"(\s+)");
+    static const QRegularExpression spaceBeforeCommaOrStop = unicodePattern(R"(\s+([,.]))");
+    static const QRegularExpression commaTouchingWord = unicodePattern(R"(,(?=\p{L}))");
+    QString out = replaceAll(text, whitespace, QStringLiteral(" "));
+    out = replaceAll(out, spaceBeforeCommaOrStop, QStringLiteral("\\1"));
+    out = replaceAll(out, commaTouchingWord, QStringLiteral(", "));
+    return out.trimmed();
 }
 
 } // namespace dictora

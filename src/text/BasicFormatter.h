@@ -19,8 +19,13 @@ public:
     // normalisation, then the list step (its result wins when it finds a list).
     static QString format(const QString &raw);
     // What the controller pastes: format(raw) when formatting is enabled,
-    // else only the surrounding whitespace and newlines are trimmed.
-    static QString formatTranscript(const QString &raw, bool formattingEnabled);
+    // else only the surrounding whitespace and newlines are trimmed. The
+    // English rules (fillers, lists, sentence case) are for English, or an
+    // unknown language; any other gets only the spacing.
+    static QString formatTranscript(const QString &raw, bool formattingEnabled, const QString &language = {});
+    // Whitespace collapsed and trimmed, no space before a comma or full stop,
+    // one after a comma that touches a word.
+    static QString normalizeSpacing(const QString &text);
 
     // Replaces every filler (with a following , ; : and its spaces) by one space.
     static QString removeFillers(const QString &text);

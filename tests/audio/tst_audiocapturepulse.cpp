@@ -6,6 +6,7 @@
 #include "support/TestSupport.h"
 
 #include <QFile>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
@@ -45,6 +46,7 @@ private Q_SLOTS:
     void serverUnreachable();
     void sourceRemovedWhileRecording_data();
     void sourceRemovedWhileRecording();
+    void chosenSourceGoesAndComesBack();
     // Kills the server: keep last.
     void serverGoneWhileRecording();
 
@@ -307,6 +309,69 @@ void AudioCapturePulseTest::sourceRemovedWhileRecording()
     QVERIFY(qsizetype(result.samples.size()) >= before);
     QVERIFY(before >= 3200);
     QVERIFY(!service.isRecording());
+}
+
+// A chosen input is heard instead of the default; when it goes the default
+// takes over with a notice, and it is used again once it is back.
+void AudioCapturePulseTest::chosenSourceGoesAndComesBack()
+{
+    pulse::VirtualMicrophone desk = pulse::createMicrophone(QStringLiteral("desk"), 48000, 1);
+    auto cleanup = qScopeGuard([&] {
+        pulse::removeMicrophone(desk);
+        pulse::restoreDefaultMicrophone();
+    });
+    QVERIFY(desk.ok());
+    pulse::pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic")});
+    const QString tone = m_dir.filePath(QStringLiteral("tone.wav"));
+    QVERIFY(pulse::runTool(QStringLiteral("sox"), {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"),
+        QStringLiteral("-c"), QStringLiteral("1"), tone, QStringLiteral("synth"), QStringLiteral("30"), QStringLiteral("sine"),
+        QStringLiteral("440"), QStringLiteral("vol"), QStringLiteral("0.5")}));
+
+    AudioCaptureService service(m_log.get());
+    QSignalSpy notices(&service, &AudioCaptureService::notice);
+    const QList<PulseCaptureEngine::Source> sources = service.sources();
+    QVERIFY(std::any_of(sources.begin(), sources.end(), [](const auto &s) { return s.name == QLatin1String("desk"); }));
+    QVERIFY(std::none_of(sources.begin(), sources.end(), [](const auto &s) { return s.name.endsWith(QLatin1String(".monitor")); }));
+    service.setChosenSource(QStringLiteral("desk"));
+    QCOMPARE(service.engine().defaultSource().sourceName, QStringLiteral("desk"));
+
+    // The tone plays into the chosen input only: hearing it proves which one records.
+    const std::unique_ptr<QProcess> player = pulse::play(tone, desk.sink);
+    service.start({});
+    QVERIFY(waitForSamples(service, 16000));
+    pulse::removeMicrophone(desk);
+    desk = {};
+    QTRY_COMPARE_WITH_TIMEOUT(notices.size(), 1, 20000);
+    QCOMPARE(notices.at(0).at(0).toString(), QStringLiteral("The chosen microphone went away; recording goes on from vmic."));
+    const qsizetype before = service.finalCapture().sampleCount();
+    QVERIFY(waitForSamples(service, before + 3200)); // the default goes on recording
+    const CapturedAudioResult heard = service.stop();
+    QVERIFY2(heard.rmsLevel > 0.05f, qPrintable(QString::number(heard.rmsLevel)));
+    player->kill();
+    player->waitForFinished();
+
+    // Still missing at the next start: the default, not said again; back: chosen again.
+    service.start({});
+    QVERIFY(service.isRecording());
+    service.stop();
+    QCOMPARE(notices.size(), 1);
+    desk = pulse::createMicrophone(QStringLiteral("desk"), 48000, 1);
+    QVERIFY(desk.ok());
+    pulse::pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic")});
+    service.start({});
+    service.stop();
+    QCOMPARE(notices.size(), 2);
+    QCOMPARE(notices.at(1).at(0).toString(), QStringLiteral("The chosen microphone is back."));
+    QCOMPARE(service.engine().defaultSource().sourceName, QStringLiteral("desk"));
+
+    // Chosen but missing at the first start: said at once.
+    AudioCaptureService other(m_log.get());
+    QSignalSpy otherNotices(&other, &AudioCaptureService::notice);
+    other.setChosenSource(QStringLiteral("gone"));
+    other.start({});
+    other.stop();
+    QCOMPARE(otherNotices.size(), 1);
+    QCOMPARE(otherNotices.at(0).at(0).toString(), QStringLiteral("The chosen microphone is not connected; recording from the default input."));
 }
 
 void AudioCapturePulseTest::serverGoneWhileRecording()

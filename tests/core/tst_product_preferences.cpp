@@ -75,6 +75,37 @@ private Q_SLOTS:
         QCOMPARE(p.snippetsEnabled(), snippets);
     }
 
+    // Language and vocabulary: what is stored is what recognition can use.
+    void recognitionSettings_data()
+    {
+        QTest::addColumn<QByteArray>("ini");
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QStringList>("vocabulary");
+        QTest::newRow("missing: English, no terms") << QByteArray() << "en" << QStringList();
+        QTest::newRow("automatic") << QByteArray("transcription.language=auto\n") << "auto" << QStringList();
+        QTest::newRow("chosen code") << QByteArray("transcription.language=yue\n") << "yue" << QStringList();
+        QTest::newRow("not a code") << QByteArray("transcription.language=German\n") << "en" << QStringList();
+        QTest::newRow("terms cleaned") << QByteArray("transcription.vocabulary=Kubernetes, , Aoife  Walsh, Kubernetes\n")
+                                       << "en" << QStringList{"Kubernetes", "Aoife Walsh"};
+    }
+    void recognitionSettings()
+    {
+        QFETCH(QByteArray, ini);
+        QFETCH(QString, language);
+        QFETCH(QStringList, vocabulary);
+        writeIni(ini);
+        QSettings s(iniPath(), QSettings::IniFormat);
+        ProductPreferences p(s);
+        QCOMPARE(p.language(), language);
+        QCOMPARE(p.vocabulary(), vocabulary);
+        p.setLanguage(QStringLiteral("de"));
+        p.setVocabulary(vocabulary + QStringList{" Dictora ", ""});
+        ProductPreferences reread(s);
+        QCOMPARE(reread.language(), QStringLiteral("de"));
+        QCOMPARE(reread.vocabulary(), vocabulary + QStringList{"Dictora"});
+        QCOMPARE(ProductPreferences::vocabularyPrompt(reread.vocabulary()), (vocabulary + QStringList{"Dictora"}).join(", "));
+    }
+
     void storedShortcutFallsBack_data()
     {
         QTest::addColumn<QByteArray>("json");

@@ -91,6 +91,7 @@ private Q_SLOTS:
         QCOMPARE(r.transcript, transcript);
         QCOMPARE(r.earsDurationMilliseconds, std::optional<qint64>(transcribed ? 420 : 0));
         QCOMPARE(r.transcriptionEngine, std::optional<QString>(QStringLiteral("exact-local-large-v3-turbo-q5_0")));
+        QCOMPARE(r.language, std::optional<QString>(QStringLiteral("en"))); // the recogniser did not say: the setting's
         QCOMPARE(r.targetApplication.has_value(), hasTarget);
         QCOMPARE(r.pasteDispatchDurationMilliseconds, outcome == QLatin1String("pasted") ? 12 : 0);
         QCOMPARE(rig.paster.pasted, outcome == QLatin1String("pasted") ? QStringList{transcript} : QStringList{});

@@ -1,6 +1,8 @@
 #include "E2eSupport.h"
 
+#include <QClipboard>
 #include <QGuiApplication>
+#include <QMimeData>
 #include <QJsonObject>
 #include <QtTest>
 
@@ -111,6 +113,55 @@ private Q_SLOTS:
                      &why),
             qPrintable(why));
         QCOMPARE(messages.contains(QStringLiteral("paste target reactivated ok=true")), moveFocus);
+
+        // Again, into whatever has the focus now, the same way; nothing new is journaled.
+        if (!moveFocus && !holdKey && formatting) {
+            QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}), 0);
+            QVERIFY2(editor.readBack(expected + expected, &received), qPrintable(received));
+            QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("copy-last")}), 0);
+            QTRY_COMPARE(QGuiApplication::clipboard()->text(), expected);
+            QCOMPARE(run->records().size(), 1);
+        }
+    }
+
+    // With "keep my clipboard" on, what was copied before (every format)
+    // is back once the editor has taken the transcript.
+    void copiedContentComesBack()
+    {
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        run->writeSettings({{QStringLiteral("paste.restoreClipboard"), true}});
+        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("hello again"));
+        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
+        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QString refusal;
+        QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &refusal), 1);
+        QVERIFY2(refusal.contains(QStringLiteral("There is no dictation yet.")), qPrintable(refusal));
+
+        const QList<QPair<QString, QByteArray>> copied{{QStringLiteral("text/plain"), "copied before"},
+            {QStringLiteral("text/html"), "<b>copied</b> before"},
+            {QStringLiteral("application/x-dictora-test"), QByteArray("\x00\x01\xff binary", 10)}};
+        auto *data = new QMimeData;
+        for (const auto &[format, bytes] : copied)
+            data->setData(format, bytes);
+        QGuiApplication::clipboard()->setMimeData(data);
+
+        TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
+        QVERIFY2(editor.start(&why), qPrintable(why));
+        QVERIFY2(startDictation(1, &why), qPrintable(why));
+        QVERIFY2(finishDictation(1, 1.5, &why), qPrintable(why));
+        QString received;
+        QVERIFY2(editor.readBack(QStringLiteral("Hello again"), &received), qPrintable(received));
+        QVERIFY2(run->waitForLines(QStringLiteral("clipboard restored formats="), 1, 10000, &why), qPrintable(why));
+        const QMimeData *now = QGuiApplication::clipboard()->mimeData();
+        QVERIFY(now);
+        for (const auto &[format, bytes] : copied)
+            QCOMPARE(now->data(format), bytes);
+        QVERIFY2(linesInOrder(run->messages(),
+                     {QStringLiteral("clipboard saved formats="), QStringLiteral("paste delivered to target"),
+                         QStringLiteral("clipboard restored formats=")},
+                     &why),
+            qPrintable(why));
     }
 };
 

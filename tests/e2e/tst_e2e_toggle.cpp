@@ -27,6 +27,8 @@ private Q_SLOTS:
     {
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        // A chosen microphone that is unplugged: the default is heard, and the indicator says so.
+        run->writeSettings({{QStringLiteral("audio.microphone.source"), QStringLiteral("unplugged_usb")}});
         run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("toggled from a shell"));
         QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
         QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
@@ -51,6 +53,11 @@ private Q_SLOTS:
         QCOMPARE(records.first().value("outcome").toString(), QStringLiteral("pasted"));
         QCOMPARE(records.first().value("transcript").toString(), QStringLiteral("Toggled from a shell"));
         QCOMPARE(records.first().value("targetApplication")["processIdentifier"].toInteger(), editor.pid());
+        QVERIFY2(linesInOrder(run->messages(),
+                     {QStringLiteral("microphone chosen source=unplugged_usb is missing; recording from the default"),
+                         QStringLiteral("microphone notice text=The chosen microphone is not connected; recording from the default input.")},
+                     &why),
+            qPrintable(why));
     }
 
     // A desktop binding that runs "dictora press" on key down and "dictora

@@ -8,6 +8,8 @@
 
 #include <QDir>
 #include <QGuiApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QtTest>
 
@@ -108,7 +110,45 @@ private Q_SLOTS:
             qPrintable(why));
         QCOMPARE(messages.contains(QStringLiteral("paste target reactivated ok=true")), moveFocus);
         QTRY_VERIFY_WITH_TIMEOUT(run.countLines(QStringLiteral("paste delivered to target selection=clipboard")) == 1, 5000);
+
+        // The same text again, into the window that has the focus now.
+        if (!moveFocus) {
+            QCOMPARE(run.runVerb(scriptedBinary(), {QStringLiteral("paste-last")}), 0);
+            QVERIFY2(target.waitFor(expected + expected, 20000, &received), qPrintable(received));
+            QCOMPARE(run.records().size(), 1);
+        }
         QVERIFY2(run.stop(&why), qPrintable(why));
+    }
+
+    // `dictora doctor` on Sway names the Wayland mechanisms, and a missing
+    // sound server is the one failure the exit status reports.
+    void doctorNamesWhatIsBroken()
+    {
+        m_run = std::make_unique<DictoraRun>();
+        DictoraRun &run = *m_run;
+        QString why;
+        run.writeSettings();
+        QVERIFY2(run.useModel(emptyWeightModel(), true, &why), qPrintable(why));
+        run.setEnvironment(QStringLiteral("QT_QPA_PLATFORM"), QString());
+        run.setEnvironment(QStringLiteral("PULSE_SERVER"), QStringLiteral("unix:/nonexistent/pulse"));
+        QString output;
+        const int code = run.runVerb(dictoraBinary(), {QStringLiteral("doctor"), QStringLiteral("--json")}, &output);
+        const QJsonObject report =
+            QJsonDocument::fromJson(output.split(u'\n').filter(QRegularExpression(QStringLiteral("^\\{"))).value(0).toUtf8()).object();
+        QVERIFY2(!report.isEmpty(), qPrintable(output));
+        QCOMPARE(code, 1);
+        QStringList failed;
+        QHash<QString, QString> mechanisms;
+        for (const QJsonValue &value : report.value("checks").toArray()) {
+            const QJsonObject check = value.toObject();
+            mechanisms.insert(check.value("id").toString(), check.value("mechanism").toString());
+            if (check.value("status").toString() == QLatin1String("failed"))
+                failed << check.value("id").toString();
+        }
+        QCOMPARE(failed, QStringList{QStringLiteral("microphone")});
+        QCOMPARE(mechanisms.value("keystroke"), QStringLiteral("wayland-virtual-keyboard"));
+        QCOMPARE(mechanisms.value("clipboard"), QStringLiteral("wayland-data-control"));
+        QCOMPARE(mechanisms.value("target-window"), QStringLiteral("wayland-foreign-toplevel"));
     }
 };
 

@@ -50,6 +50,7 @@ QByteArray fullLine()
     r.error = QStringLiteral("No external target application was focused when recording began.");
     r.earsDurationMilliseconds = 640;
     r.transcriptionEngine = QStringLiteral("exact-local-large-v3-turbo-q5_0");
+    r.language = QStringLiteral("de");
     r.finalizationDurationMilliseconds = 812;
     r.pasteDispatchDurationMilliseconds = 35;
     return r.toJsonLine();
@@ -99,6 +100,8 @@ TranscriptRecord randomRecord(QRandomGenerator &rng, qint64 savedAt)
         r.earsDurationMilliseconds = rng.bounded(5000);
     if (maybe())
         r.transcriptionEngine = QStringLiteral("exact-local-large-v3-turbo-q5_0");
+    if (maybe())
+        r.language = QStringLiteral("en");
     r.outcome = TranscriptOutcome(rng.bounded(5));
     r.finalizationDurationMilliseconds = -qint64(rng.bounded(3)); // negatives are still integers
     return r;

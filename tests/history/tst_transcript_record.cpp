@@ -26,6 +26,7 @@ TranscriptRecord fullRecord()
     r.error = QStringLiteral("none/really");
     r.earsDurationMilliseconds = 840;
     r.transcriptionEngine = QStringLiteral("exact-local-large-v3-turbo-q5_0");
+    r.language = QStringLiteral("de");
     return r;
 }
 
@@ -59,7 +60,7 @@ private Q_SLOTS:
         QVERIFY(line.contains("6F1C2B9A-3D4E-4F50-8A61-72B3C4D5E6F7"));
         QVERIFY(line.contains("\"recordingStartedAt\":1763700000123"));
         const QStringList expectedOrder{"earsDurationMilliseconds", "error", "finalizationDurationMilliseconds", "id",
-            "outcome", "pasteDispatchDurationMilliseconds", "recordingDurationMilliseconds", "recordingEndedAt",
+            "language", "outcome", "pasteDispatchDurationMilliseconds", "recordingDurationMilliseconds", "recordingEndedAt",
             "recordingStartedAt", "savedAt", "targetApplication", "bundleIdentifier", "name", "processIdentifier",
             "totalDurationMilliseconds", "transcript", "transcriptionEngine"};
         qsizetype last = -1;
@@ -80,8 +81,9 @@ private Q_SLOTS:
         r.error.reset();
         r.earsDurationMilliseconds.reset();
         r.transcriptionEngine.reset();
+        r.language.reset();
         const QByteArray line = r.toJsonLine();
-        for (const char *key : {"targetApplication", "error", "earsDurationMilliseconds", "transcriptionEngine", "null"})
+        for (const char *key : {"targetApplication", "error", "earsDurationMilliseconds", "transcriptionEngine", "language", "null"})
             QVERIFY2(!line.contains(key), key);
         QCOMPARE(*TranscriptRecord::fromJson(line), r);
 
@@ -115,6 +117,8 @@ private Q_SLOTS:
         QTest::newRow("target without pid") << minimalLine("targetApplication", "{\"name\":\"x\"}") << false;
         QTest::newRow("target without bundle") << minimalLine("targetApplication", "{\"name\":\"x\",\"processIdentifier\":7}") << true;
         QTest::newRow("target not object") << minimalLine("targetApplication", "\"x\"") << false;
+        QTest::newRow("language") << minimalLine("language", "\"fr\"") << true;
+        QTest::newRow("language wrong type") << minimalLine("language", "7") << false;
         QTest::newRow("ears wrong type") << minimalLine("earsDurationMilliseconds", "\"840\"") << false;
         QTest::newRow("truncated") << minimalLine().left(60) << false;
         QTest::newRow("array") << QByteArray("[1,2]") << false;

@@ -17,10 +17,14 @@ class StatusItemTest : public QObject {
 
     int m_opened = 0;
     int m_quit = 0;
+    int m_pasted = 0;
 
-    DictoraStatusItemController::Actions countingActions()
+    DictoraStatusItemController::Actions countingActions(bool withPasteLast = false)
     {
-        return {[this] { ++m_opened; }, [this] { ++m_quit; }};
+        DictoraStatusItemController::Actions actions{[this] { ++m_opened; }, [this] { ++m_quit; }};
+        if (withPasteLast)
+            actions.pasteLastDictation = [this] { ++m_pasted; };
+        return actions;
     }
 
 private Q_SLOTS:
@@ -28,15 +32,26 @@ private Q_SLOTS:
     {
         m_opened = 0;
         m_quit = 0;
+        m_pasted = 0;
     }
 
-    void menuHoldsExactlyOpenAndQuit()
+    void menuHoldsItsEntries_data()
     {
-        DictoraStatusItemController item(countingActions());
+        QTest::addColumn<bool>("withPasteLast");
+        QTest::addColumn<QStringList>("titles");
+        QTest::newRow("open and quit") << false << QStringList{"Open App", "Quit App"};
+        QTest::newRow("with paste last") << true << QStringList{"Open App", "Paste Last Dictation", "Quit App"};
+    }
+    void menuHoldsItsEntries()
+    {
+        QFETCH(bool, withPasteLast);
+        QFETCH(QStringList, titles);
+        DictoraStatusItemController item(countingActions(withPasteLast));
         const QList<QAction *> actions = item.menu()->actions();
-        QCOMPARE(actions.size(), 2);
-        QCOMPARE(actions.at(0)->text(), QStringLiteral("Open App"));
-        QCOMPARE(actions.at(1)->text(), QStringLiteral("Quit App"));
+        QStringList shown;
+        for (QAction *action : actions)
+            shown << action->text();
+        QCOMPARE(shown, titles);
         for (QAction *action : actions) {
             QVERIFY(action->isEnabled());
             QVERIFY(!action->isSeparator());
@@ -49,18 +64,22 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("entry");
         QTest::addColumn<int>("opened");
+        QTest::addColumn<int>("pasted");
         QTest::addColumn<int>("quit");
-        QTest::newRow("Open App") << 0 << 1 << 0;
-        QTest::newRow("Quit App") << 1 << 0 << 1;
+        QTest::newRow("Open App") << 0 << 1 << 0 << 0;
+        QTest::newRow("Paste Last Dictation") << 1 << 0 << 1 << 0;
+        QTest::newRow("Quit App") << 2 << 0 << 0 << 1;
     }
     void entriesRunTheirAction()
     {
         QFETCH(int, entry);
         QFETCH(int, opened);
+        QFETCH(int, pasted);
         QFETCH(int, quit);
-        DictoraStatusItemController item(countingActions());
+        DictoraStatusItemController item(countingActions(true));
         item.menu()->actions().at(entry)->trigger();
         QCOMPARE(m_opened, opened);
+        QCOMPARE(m_pasted, pasted);
         QCOMPARE(m_quit, quit);
     }
 

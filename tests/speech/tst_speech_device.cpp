@@ -101,6 +101,36 @@ private Q_SLOTS:
         QCOMPARE(choice.reason.isEmpty(), useGpu); // the CPU always says why
     }
 
+    // The Settings sheet's choice of one GPU by its number ("gpu:N").
+    void chosenGpu_data()
+    {
+        QTest::addColumn<QList<ComputeDevice>>("devices");
+        QTest::addColumn<QString>("setting");
+        QTest::addColumn<int>("gpuIndex");
+        QTest::addColumn<QStringList>("offered");
+        const QStringList both{"gpu:0 Intel(R) Iris(R) Xe Graphics", "gpu:1 AMD Radeon RX 7600"};
+        QTest::newRow("integrated chosen over discrete") << QList{kCpu, kIntel, kRadeon} << "gpu:0" << 0 << both;
+        QTest::newRow("discrete chosen") << QList{kCpu, kIntel, kRadeon} << "GPU:1" << 1 << both;
+        QTest::newRow("software one is never offered nor taken")
+            << QList{kCpu, kLlvmpipe, kH100} << "gpu:0" << 1 << QStringList{"gpu:1 NVIDIA H100 80GB HBM3"};
+        QTest::newRow("a number that is gone takes the best") << QList{kCpu, kIntel, kRadeon} << "gpu:7" << 1 << both;
+    }
+    void chosenGpu()
+    {
+        QFETCH(QList<ComputeDevice>, devices);
+        QFETCH(QString, setting);
+        QFETCH(int, gpuIndex);
+        QFETCH(QStringList, offered);
+        QCOMPARE(speechDevicePreferenceFromString(setting), std::optional(SpeechDevicePreference::gpu));
+        const SpeechDeviceChoice choice = chooseSpeechDevice(devices, SpeechDevicePreference::gpu, speechDeviceGpuIndex(setting));
+        QVERIFY(choice.useGpu);
+        QCOMPARE(choice.gpuIndex, gpuIndex);
+        QStringList listed;
+        for (const auto &[value, name] : usableGpus(devices))
+            listed << value + u' ' + name;
+        QCOMPARE(listed, offered);
+    }
+
     void environmentOverride_data()
     {
         QTest::addColumn<QByteArray>("environment");

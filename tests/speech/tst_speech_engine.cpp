@@ -196,6 +196,47 @@ private Q_SLOTS:
         QCOMPARE(result.text, QString());
         QVERIFY(result.durationMilliseconds >= 0);
     }
+
+    // The language and the vocabulary prompt go to the model with each run;
+    // the result names the language it used.
+    void recognitionOptionsReachTheModel_data()
+    {
+        QTest::addColumn<QString>("model");
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QString>("used"); // "*": any detected code
+        QTest::newRow("English by default") << modelFile("for-tests-ggml-tiny.bin") << QString() << QStringLiteral("en");
+        QTest::newRow("German chosen") << modelFile("for-tests-ggml-tiny.bin") << QStringLiteral("de") << QStringLiteral("de");
+        QTest::newRow("detected") << modelFile("for-tests-ggml-tiny.bin") << QStringLiteral("auto") << QStringLiteral("*");
+        QTest::newRow("English-only model") << modelFile("for-tests-ggml-tiny.en.bin") << QStringLiteral("de") << QStringLiteral("en");
+    }
+    void recognitionOptionsReachTheModel()
+    {
+        QFETCH(QString, model);
+        QFETCH(QString, language);
+        QFETCH(QString, used);
+        QStringList logged; // read only once the runs are over
+        AccurateSpeechEngine engine(SpeechDevicePreference::cpu, [&logged](const QString &line) { logged << line; });
+        QCOMPARE(engine.measurePrompt(QStringLiteral("Dictora")).result().limit, -1);
+        QVERIFY(!errorOf(engine.load(model)));
+        engine.setRecognitionOptions({language, QStringLiteral("Kubernetes, Aoife, Dictora")});
+        QFuture<AccurateSpeechResult> run = engine.transcribe(silence(AccurateSpeechEngine::kWarmUpSamples), 16000);
+        QVERIFY(!errorOf(run));
+        if (used == QLatin1String("*"))
+            QVERIFY2(!run.result().language.isEmpty() && run.result().language != QLatin1String("auto"),
+                qPrintable(run.result().language));
+        else
+            QCOMPARE(run.result().language, used);
+        // The prompt reaches the model's parameters with the language it is run in.
+        const QString told = used == QLatin1String("*") ? QStringLiteral("auto") : used;
+        QVERIFY2(logged.contains(QStringLiteral("speech engine options language=%1 promptChars=26").arg(told)),
+            qPrintable(logged.join(u'\n')));
+
+        // The prompt is counted with the model's own tokenizer, against half its text context.
+        const AccurateSpeechEngine::PromptFit fit = engine.measurePrompt(QStringLiteral("Kubernetes, Aoife, Dictora")).result();
+        QCOMPARE(fit.limit, 224);
+        QVERIFY(fit.tokens > 3 && fit.tokens < 20);
+        QVERIFY(engine.measurePrompt(QStringLiteral("Kubernetes, ").repeated(150)).result().tokens > fit.limit);
+    }
 };
 
 DICTORA_TEST_MAIN_WITH_TESTDATA(SpeechEngineTest)

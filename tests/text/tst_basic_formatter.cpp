@@ -135,18 +135,24 @@ void BasicFormatterTest::formatTranscript_data()
 {
     QTest::addColumn<QString>("raw");
     QTest::addColumn<bool>("enabled");
+    QTest::addColumn<QString>("language");
     QTest::addColumn<QString>("expected");
-    QTest::newRow("on") << "  um hello ,world \n" << true << "Hello, world";
-    QTest::newRow("off only trims") << "  um hello ,world \n" << false << "um hello ,world";
-    QTest::newRow("off keeps inner newlines") << "\n a\n\nb \t" << false << "a\n\nb";
+    QTest::newRow("on") << "  um hello ,world \n" << true << "" << "Hello, world";
+    QTest::newRow("off only trims") << "  um hello ,world \n" << false << "" << "um hello ,world";
+    QTest::newRow("off keeps inner newlines") << "\n a\n\nb \t" << false << "" << "a\n\nb";
+    // English rules stay English: "um" is a word elsewhere, lists and case are the speaker's.
+    QTest::newRow("German keeps words and case") << " um  die drei punkte ,eins \n" << true << "de" << "um die drei punkte, eins";
+    QTest::newRow("French keeps space before ?") << "  ça va ? oui . " << true << "fr" << QString::fromUtf8("ça va ? oui.");
+    QTest::newRow("other language, off only trims") << " a  b " << false << "de" << "a  b";
 }
 
 void BasicFormatterTest::formatTranscript()
 {
     QFETCH(QString, raw);
     QFETCH(bool, enabled);
+    QFETCH(QString, language);
     QFETCH(QString, expected);
-    QCOMPARE(BasicFormatter::formatTranscript(raw, enabled), expected);
+    QCOMPARE(BasicFormatter::formatTranscript(raw, enabled, language), expected);
 }
 
 void BasicFormatterTest::capitalizeSentences_data()

@@ -27,6 +27,8 @@ PasteService::PasteService(const RuntimeLog &log, WindowTracker &windows, Keystr
             }
         });
     }
+    m_restore.setSingleShot(true);
+    connect(&m_restore, &QTimer::timeout, this, &PasteService::restoreClipboard);
 }
 
 PasteService::~PasteService() = default;
@@ -53,6 +55,11 @@ void PasteService::paste(const QString &text, const PasteTarget &target, Done do
     m_queue.push_back(std::move(request));
     if (!m_busy)
         begin();
+}
+
+bool PasteService::copy(const QString &text)
+{
+    return m_clipboard && m_clipboard->setText(text, false);
 }
 
 void PasteService::begin()
@@ -125,6 +132,11 @@ void PasteService::offer()
     Request &request = m_queue.front();
     // Terminals paste the primary selection on Shift+Insert, editors the clipboard.
     const bool alsoPrimary = request.keystroke == PasteKeystroke::shiftInsert;
+    // A restore still waiting keeps what the user had, not our last text.
+    if (m_clipboard && m_restores && !m_saved) {
+        m_saved = m_clipboard->contents();
+        m_log.write(QStringLiteral("clipboard saved formats=%1").arg(m_saved->formats.size()));
+    }
     const bool offered = m_clipboard && m_clipboard->setText(request.text, alsoPrimary);
     m_log.write(QStringLiteral("pasteboard transcript installed"));
     if (offered && m_clipboard->handsOver()) {
@@ -168,6 +180,8 @@ void PasteService::finish(const QString &error)
     m_log.write(QStringLiteral("command-v posted to pid=")
                 + QString::number(request.target.application.processIdentifier));
     const qint64 dispatchMs = request.elapsed.elapsed();
+    if (m_saved)
+        m_restore.start(restoreTimeout);
 
     // `done` may start the next dictation step, or destroy us.
     QPointer<PasteService> self(this);
@@ -183,7 +197,24 @@ void PasteService::onTextRead(const QString &selection)
         return;
     m_awaitingRead = false;
     m_log.write(QStringLiteral("paste delivered to target selection=") + selection);
+    if (m_saved)
+        m_restore.start(restoreAfterRead);
     Q_EMIT delivered(m_lastPaste.elapsed());
+}
+
+void PasteService::restoreClipboard()
+{
+    if (!m_saved || !m_clipboard)
+        return;
+    // Another paste on its way puts it back after its own.
+    if (m_busy || !m_queue.empty())
+        return;
+    const ClipboardContents saved = std::exchange(m_saved, std::nullopt).value();
+    // An empty clipboard stays empty rather than keeping the transcript.
+    const bool restored = m_clipboard->restore(saved);
+    m_log.write(QStringLiteral("clipboard restored formats=%1 ok=%2")
+                    .arg(saved.formats.size())
+                    .arg(restored ? QStringLiteral("true") : QStringLiteral("false")));
 }
 
 } // namespace dictora

@@ -48,6 +48,12 @@ public:
     // meanwhile run after.
     void paste(const QString &text, const PasteTarget &target, Done done = {});
     bool isPasting() const { return m_busy; }
+    // The clipboard alone, no keystroke. False where this desktop has none.
+    bool copy(const QString &text);
+    // Off by default: the transcript replaces what the clipboard held. On:
+    // what it held, every format, comes back once the target has read the
+    // transcript (or after restoreTimeout where reads cannot be seen).
+    void setRestoresClipboard(bool restores) { m_restores = restores; }
     // Why the last paste did not reach the desktop, for the user; empty when
     // it did. Read it in `done`.
     QString lastError() const { return m_lastError; }
@@ -59,6 +65,9 @@ public:
     // How long the compositor gets to take the clipboard over from XWayland.
     static constexpr std::chrono::milliseconds handOverTimeout{300};
     static constexpr std::chrono::milliseconds pollInterval{5};
+    static constexpr std::chrono::milliseconds restoreTimeout{2000};
+    // A target may ask for several formats of the text in a row.
+    static constexpr std::chrono::milliseconds restoreAfterRead{300};
 
 Q_SIGNALS:
     // The target read the text we offered, this long after paste() began.
@@ -84,6 +93,7 @@ private:
     void type();
     void finish(const QString &error);
     void onTextRead(const QString &selection);
+    void restoreClipboard();
 
     const RuntimeLog &m_log;
     WindowTracker &m_windows;
@@ -94,6 +104,9 @@ private:
     QElapsedTimer m_lastPaste;
     bool m_busy = false; // the front request is under way
     bool m_awaitingRead = false;
+    bool m_restores = false;
+    std::optional<ClipboardContents> m_saved; // what to put back, while a restore waits
+    QTimer m_restore;
     QString m_lastError;
 };
 
