@@ -9,19 +9,6 @@ using Kind = DictoraPhase::Kind;
 
 namespace {
 
-QString phaseName(Kind kind)
-{
-    switch (kind) {
-    case Kind::idle: return QStringLiteral("idle");
-    case Kind::preparing: return QStringLiteral("preparing");
-    case Kind::recording: return QStringLiteral("recording");
-    case Kind::finalizing: return QStringLiteral("finalizing");
-    case Kind::error: return QStringLiteral("error");
-    case Kind::needsAccessibility: return QStringLiteral("needsAccessibility");
-    }
-    return {};
-}
-
 // Lets the controller's asynchronous steps run until it waits on the
 // script again: on a held microphone start, or in a settled phase.
 bool settle(ControllerRig &rig)
@@ -159,7 +146,7 @@ private Q_SLOTS:
                 rig.now += step.mid(1).toLongLong();
             QVERIFY(settle(rig));
         }
-        QCOMPARE(phaseName(rig.state.phase().kind()), phase);
+        QCOMPARE(DictoraPhase::name(rig.state.phase().kind()), phase);
         QCOMPARE(rig.journal().readAll().size(), records);
         QCOMPARE(rig.microphone.isOpen, phase == QLatin1String("recording"));
     }
@@ -197,7 +184,7 @@ private Q_SLOTS:
             rig.controller.reset();
         }
         if (!phase.isEmpty())
-            QTRY_COMPARE(phaseName(rig.state.phase().kind()), phase);
+            QTRY_COMPARE(DictoraPhase::name(rig.state.phase().kind()), phase);
         QTest::qWait(100);
         QVERIFY(!rig.microphone.isOpen);
         QCOMPARE(rig.microphone.stops + rig.microphone.cancels, 1);
