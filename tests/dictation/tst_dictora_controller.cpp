@@ -1,4 +1,5 @@
 #include "support/controller/ControllerRig.h"
+#include "support/TestSupport.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -276,6 +277,21 @@ private Q_SLOTS:
         QCOMPARE(rig.journal().readAll().size(), 1);
     }
 
+    // A keystroke the desktop refused is a failed dictation, with its reason.
+    void refusedPasteIsAFailure()
+    {
+        ControllerRig rig;
+        rig.controller->start();
+        rig.paster.error = QStringLiteral("no XTEST");
+        rig.speech.text = QStringLiteral("hello");
+        QVERIFY(rig.dictate());
+        const auto records = rig.journal().readAll();
+        QCOMPARE(records.size(), 1);
+        QCOMPARE(records.first().outcome, TranscriptOutcome::failed);
+        QCOMPARE(records.first().error, std::optional<QString>(QStringLiteral("no XTEST")));
+        QCOMPARE(rig.paster.pasted, QStringList{QStringLiteral("Hello")});
+    }
+
     void transcriptionFailureIsJournaledAndShown()
     {
         ControllerRig rig;
@@ -330,6 +346,19 @@ private Q_SLOTS:
         QCOMPARE(rig.state.meterLevels(), AudioMeterLevels::zero());
         QVERIFY(finished.wait(5000));
         QCOMPARE(rig.state.listeningDotPhase(), 0);
+    }
+
+    // An error on show does not hide a lost shortcut: it is asked for again.
+    void shortcutLostAfterAnError()
+    {
+        ControllerRig rig;
+        rig.controller->start();
+        rig.microphone.permitted = false;
+        rig.controller->toggleRecording();
+        QTRY_COMPARE(rig.state.phase(), DictoraPhase::error(QStringLiteral("Allow Microphone")));
+        rig.shortcut.accepts = false;
+        rig.controller->installCurrentShortcutSilently();
+        QTRY_COMPARE(rig.state.phase(), DictoraPhase::needsAccessibility());
     }
 
     void shortcutRetriesUntilInstalled()
@@ -403,10 +432,9 @@ private Q_SLOTS:
     {
         ControllerRig rig;
         // A file where the journal's folder should be.
-        QFile blocker(rig.dir.filePath(QStringLiteral("blocked")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
-        rig.build(TranscriptJournal(blocker.fileName() + QStringLiteral("/transcripts.jsonl")));
+        const QString blocker = rig.dir.filePath(QStringLiteral("blocked"));
+        QVERIFY(test::writeFile(blocker, {}));
+        rig.build(TranscriptJournal(blocker + QStringLiteral("/transcripts.jsonl")));
         rig.controller->start();
         QCOMPARE(rig.state.phase(), DictoraPhase::error(QStringLiteral("State journal unavailable")));
         // A dictation still ends as an error, never silently.
