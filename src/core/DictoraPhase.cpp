@@ -15,4 +15,17 @@ QString DictoraPhase::label() const
     return {};
 }
 
+QString DictoraPhase::name(Kind kind)
+{
+    switch (kind) {
+    case Kind::error: return QStringLiteral("error");
+    case Kind::idle: return QStringLiteral("idle");
+    case Kind::preparing: return QStringLiteral("preparing");
+    case Kind::recording: return QStringLiteral("recording");
+    case Kind::finalizing: return QStringLiteral("finalizing");
+    case Kind::needsAccessibility: return QStringLiteral("needsAccessibility");
+    }
+    return {};
+}
+
 } // namespace dictora

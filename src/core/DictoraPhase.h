@@ -23,6 +23,8 @@ public:
     QString message() const { return m_message; }
     // The user-facing description; also the indicator's accessible name.
     QString label() const;
+    // The kind as the log and the tests spell it.
+    static QString name(Kind kind);
 
     friend bool operator==(const DictoraPhase &, const DictoraPhase &) = default;
 

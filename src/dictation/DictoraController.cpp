@@ -82,19 +82,6 @@ QString eventName(DictationEvent event)
     return {};
 }
 
-QString phaseName(Kind kind)
-{
-    switch (kind) {
-    case Kind::idle: return QStringLiteral("idle");
-    case Kind::preparing: return QStringLiteral("preparing");
-    case Kind::recording: return QStringLiteral("recording");
-    case Kind::finalizing: return QStringLiteral("finalizing");
-    case Kind::needsAccessibility: return QStringLiteral("needsAccessibility");
-    case Kind::error: return QStringLiteral("error");
-    }
-    return {};
-}
-
 DictoraPhase phaseOf(Kind kind, const QString &message)
 {
     switch (kind) {
@@ -166,7 +153,8 @@ bool DictoraController::transition(DictationEvent event, const QString &message)
     const auto row = std::find_if(kTransitions.begin(), kTransitions.end(),
         [&](const Transition &t) { return t.event == event && (t.from & bit(current)) != 0; });
     if (row == kTransitions.end()) {
-        log(QStringLiteral("dictation event refused event=%1 phase=%2").arg(eventName(event), phaseName(current)));
+        log(QStringLiteral("dictation event refused event=%1 phase=%2")
+                .arg(eventName(event), DictoraPhase::name(current)));
         return false;
     }
     if (!row->to)

@@ -16,26 +16,11 @@ namespace pulse = dictora::test::pulse;
 
 namespace {
 
-struct Run {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
+using Run = dictora::test::ProgramRun;
 
 Run runDictora(const QStringList &arguments)
 {
-    QProcess process;
-    process.start(QStringLiteral(DICTORA_BINARY), QStringList{QStringLiteral("record")} + arguments);
-    Run run;
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        return run;
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
+    return dictora::test::runProgram(QStringLiteral(DICTORA_BINARY), QStringList{QStringLiteral("record")} + arguments);
 }
 
 } // namespace
@@ -43,126 +28,121 @@ Run runDictora(const QStringList &arguments)
 class RecordVerbTest : public QObject {
     Q_OBJECT
 
-private Q_SLOTS:
-    void options_data();
-    void options();
-    void recordsWhatIsPlayed();
-    void noMicrophone();
-
 private:
     QTemporaryDir m_dir;
-};
 
-void RecordVerbTest::options_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("message"); // in stdout for 0, stderr otherwise
+private Q_SLOTS:
+    void options_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message"); // in stdout for 0, stderr otherwise
 
-    const QString file = m_dir.filePath(QStringLiteral("x.wav"));
-    QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QStringLiteral("Usage: dictora record");
-    QTest::newRow("no file") << QStringList{} << 2 << QStringLiteral("missing FILE.wav");
-    QTest::newRow("seconds without value") << QStringList{file, QStringLiteral("--seconds")} << 2 << QStringLiteral("--seconds needs a number");
-    QTest::newRow("zero seconds") << QStringList{QStringLiteral("--seconds"), QStringLiteral("0"), file} << 2 << QStringLiteral("above 0");
-    QTest::newRow("negative seconds") << QStringList{QStringLiteral("--seconds=-1"), file} << 2 << QStringLiteral("above 0");
-    QTest::newRow("seconds not a number") << QStringList{QStringLiteral("--seconds"), QStringLiteral("ten"), file} << 2 << QStringLiteral("'ten'");
-    QTest::newRow("over the limit") << QStringList{QStringLiteral("--seconds"), QStringLiteral("1801"), file} << 2 << QStringLiteral("at most 1800");
-    QTest::newRow("unknown option") << QStringList{QStringLiteral("--loud"), file} << 2 << QStringLiteral("unknown option '--loud'");
-    QTest::newRow("two files") << QStringList{file, file} << 2 << QStringLiteral("unexpected argument");
-    QTest::newRow("folder as file") << QStringList{m_dir.path()} << 2 << QStringLiteral("is a folder");
-    QTest::newRow("missing folder") << QStringList{m_dir.filePath(QStringLiteral("none/x.wav"))} << 1 << QStringLiteral("does not exist");
-}
-
-void RecordVerbTest::options()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(int, exitCode);
-    QFETCH(QString, message);
-
-    const Run run = runDictora(arguments);
-    QCOMPARE(run.exitCode, exitCode);
-    QVERIFY2((exitCode == 0 ? run.out : run.err).contains(message), qPrintable(run.out + run.err));
-    QVERIFY(!QFileInfo::exists(m_dir.filePath(QStringLiteral("x.wav"))));
-}
-
-void RecordVerbTest::recordsWhatIsPlayed()
-{
-    // A pipe microphone fed in real time: a 440 Hz tone at half scale, so
-    // whatever the recording catches is loud.
-    const pulse::PipeMicrophone mic = pulse::createPipeMicrophone(QStringLiteral("pipemic"), m_dir.filePath(QStringLiteral("fifo")), 48000, 1);
-    auto cleanup = qScopeGuard([&] {
-        pulse::unloadModule(QString::number(mic.module));
-        pulse::restoreDefaultMicrophone();
-    });
-    QVERIFY(mic.ok());
-    QFile fifo(mic.fifo);
-    QVERIFY(fifo.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
-    qint64 written = 0;
-    QTimer feeder;
-    QObject::connect(&feeder, &QTimer::timeout, [&] {
-        QByteArray chunk(480 * 4, Qt::Uninitialized);
-        auto *frames = reinterpret_cast<float *>(chunk.data());
-        for (int i = 0; i < 480; ++i, ++written)
-            frames[i] = float(0.5 * std::sin(2 * M_PI * 440.0 * double(written) / 48000.0));
-        fifo.write(chunk);
-    });
-    feeder.start(10);
-
-    const QString file = m_dir.filePath(QStringLiteral("recorded.wav"));
-    QProcess process;
-    process.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("record"), QStringLiteral("--seconds"), QStringLiteral("1.5"), file});
-    QVERIFY(QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 60000));
-    feeder.stop();
-    QCOMPARE(process.exitCode(), 0);
-    const QString out = QString::fromUtf8(process.readAllStandardOutput());
-
-    int rate = 0;
-    const std::vector<float> samples = dictora::readMonoSamples(file, &rate);
-    QCOMPARE(rate, 16000);
-    QVERIFY2(!samples.empty(), qPrintable(out));
-
-    // The printed RMS is the file's, and it is the tone's.
-    const QRegularExpressionMatch rms = QRegularExpression(QStringLiteral("^rms ([0-9.]+)$"), QRegularExpression::MultilineOption).match(out);
-    QVERIFY2(rms.hasMatch(), qPrintable(out));
-    double sum = 0;
-    for (float v : samples)
-        sum += double(v) * v;
-    QVERIFY(std::abs(std::sqrt(sum / double(samples.size())) - rms.captured(1).toDouble()) < 1e-5);
-    QVERIFY(out.contains(QStringLiteral("samples %1\n").arg(samples.size())));
-    QVERIFY2(std::abs(rms.captured(1).toDouble() - 0.5 / std::sqrt(2.0)) < 0.02, qPrintable(out));
-
-    const QRegularExpression levelLine(QStringLiteral("^levels ([0-9.]+) ([0-9.]+) ([0-9.]+) ([0-9.]+)$"), QRegularExpression::MultilineOption);
-    auto it = levelLine.globalMatch(out);
-    int lines = 0;
-    while (it.hasNext()) {
-        const QRegularExpressionMatch m = it.next();
-        ++lines;
-        // A steady -9 dBFS tone: every quarter shows the same level.
-        for (int i = 1; i <= 4; ++i)
-            QVERIFY2(std::abs(m.captured(i).toFloat() - 0.955f) < 0.03f, qPrintable(m.captured(0)));
+        const QString file = m_dir.filePath(QStringLiteral("x.wav"));
+        QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QStringLiteral("Usage: dictora record");
+        QTest::newRow("no file") << QStringList{} << 2 << QStringLiteral("missing FILE.wav");
+        QTest::newRow("seconds without value") << QStringList{file, QStringLiteral("--seconds")} << 2 << QStringLiteral("--seconds needs a number");
+        QTest::newRow("zero seconds") << QStringList{QStringLiteral("--seconds"), QStringLiteral("0"), file} << 2 << QStringLiteral("above 0");
+        QTest::newRow("negative seconds") << QStringList{QStringLiteral("--seconds=-1"), file} << 2 << QStringLiteral("above 0");
+        QTest::newRow("seconds not a number") << QStringList{QStringLiteral("--seconds"), QStringLiteral("ten"), file} << 2 << QStringLiteral("'ten'");
+        QTest::newRow("over the limit") << QStringList{QStringLiteral("--seconds"), QStringLiteral("1801"), file} << 2 << QStringLiteral("at most 1800");
+        QTest::newRow("unknown option") << QStringList{QStringLiteral("--loud"), file} << 2 << QStringLiteral("unknown option '--loud'");
+        QTest::newRow("two files") << QStringList{file, file} << 2 << QStringLiteral("unexpected argument");
+        QTest::newRow("folder as file") << QStringList{m_dir.path()} << 2 << QStringLiteral("is a folder");
+        QTest::newRow("missing folder") << QStringList{m_dir.filePath(QStringLiteral("none/x.wav"))} << 1 << QStringLiteral("does not exist");
     }
-    QVERIFY(lines > 0);
-}
 
-void RecordVerbTest::noMicrophone()
-{
-    auto cleanup = qScopeGuard([] { pulse::restoreDefaultMicrophone(); });
-    QVERIFY(pulse::unloadModule(QStringLiteral("module-remap-source")));
-    QVERIFY(pulse::unloadModule(QStringLiteral("module-null-sink")));
-    const QString file = m_dir.filePath(QStringLiteral("none.wav"));
-    const Run run = runDictora({QStringLiteral("--seconds"), QStringLiteral("1"), file});
-    QCOMPARE(run.exitCode, 1);
-    QVERIFY2(run.err.contains(QLatin1String("no microphone: the sound server has no default input source")), qPrintable(run.err));
-    QVERIFY(!QFileInfo::exists(file));
+    void options()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
 
-    // Without a server at all.
-    const QByteArray server = qgetenv("PULSE_SERVER");
-    auto restoreServer = qScopeGuard([&] { qputenv("PULSE_SERVER", server); });
-    qputenv("PULSE_SERVER", "unix:" + m_dir.filePath(QStringLiteral("no-socket")).toUtf8());
-    const Run noServer = runDictora({file});
-    QCOMPARE(noServer.exitCode, 1);
-    QVERIFY2(noServer.err.contains(QLatin1String("no microphone: the sound server could not be reached")), qPrintable(noServer.err));
-}
+        const Run run = runDictora(arguments);
+        QCOMPARE(run.exitCode, exitCode);
+        QVERIFY2((exitCode == 0 ? run.out : run.err).contains(message), qPrintable(run.out + run.err));
+        QVERIFY(!QFileInfo::exists(m_dir.filePath(QStringLiteral("x.wav"))));
+    }
+
+    void recordsWhatIsPlayed()
+    {
+        // A pipe microphone fed in real time: a 440 Hz tone at half scale, so
+        // whatever the recording catches is loud.
+        const pulse::PipeMicrophone mic = pulse::createPipeMicrophone(QStringLiteral("pipemic"), m_dir.filePath(QStringLiteral("fifo")), 48000, 1);
+        auto cleanup = qScopeGuard([&] {
+            pulse::unloadModule(QString::number(mic.module));
+            pulse::restoreDefaultMicrophone();
+        });
+        QVERIFY(mic.ok());
+        QFile fifo(mic.fifo);
+        QVERIFY(fifo.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+        qint64 written = 0;
+        QTimer feeder;
+        QObject::connect(&feeder, &QTimer::timeout, [&] {
+            QByteArray chunk(480 * 4, Qt::Uninitialized);
+            auto *frames = reinterpret_cast<float *>(chunk.data());
+            for (int i = 0; i < 480; ++i, ++written)
+                frames[i] = float(0.5 * std::sin(2 * M_PI * 440.0 * double(written) / 48000.0));
+            fifo.write(chunk);
+        });
+        feeder.start(10);
+
+        const QString file = m_dir.filePath(QStringLiteral("recorded.wav"));
+        QProcess process;
+        process.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("record"), QStringLiteral("--seconds"), QStringLiteral("1.5"), file});
+        QVERIFY(QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 60000));
+        feeder.stop();
+        QCOMPARE(process.exitCode(), 0);
+        const QString out = QString::fromUtf8(process.readAllStandardOutput());
+
+        int rate = 0;
+        const std::vector<float> samples = dictora::readMonoSamples(file, &rate);
+        QCOMPARE(rate, 16000);
+        QVERIFY2(!samples.empty(), qPrintable(out));
+
+        // The printed RMS is the file's, and it is the tone's.
+        const QRegularExpressionMatch rms = QRegularExpression(QStringLiteral("^rms ([0-9.]+)$"), QRegularExpression::MultilineOption).match(out);
+        QVERIFY2(rms.hasMatch(), qPrintable(out));
+        double sum = 0;
+        for (float v : samples)
+            sum += double(v) * v;
+        QVERIFY(std::abs(std::sqrt(sum / double(samples.size())) - rms.captured(1).toDouble()) < 1e-5);
+        QVERIFY(out.contains(QStringLiteral("samples %1\n").arg(samples.size())));
+        QVERIFY2(std::abs(rms.captured(1).toDouble() - 0.5 / std::sqrt(2.0)) < 0.02, qPrintable(out));
+
+        const QRegularExpression levelLine(QStringLiteral("^levels ([0-9.]+) ([0-9.]+) ([0-9.]+) ([0-9.]+)$"), QRegularExpression::MultilineOption);
+        auto it = levelLine.globalMatch(out);
+        int lines = 0;
+        while (it.hasNext()) {
+            const QRegularExpressionMatch m = it.next();
+            ++lines;
+            // A steady -9 dBFS tone: every quarter shows the same level.
+            for (int i = 1; i <= 4; ++i)
+                QVERIFY2(std::abs(m.captured(i).toFloat() - 0.955f) < 0.03f, qPrintable(m.captured(0)));
+        }
+        QVERIFY(lines > 0);
+    }
+
+    void noMicrophone()
+    {
+        auto cleanup = qScopeGuard([] { pulse::restoreDefaultMicrophone(); });
+        QVERIFY(pulse::unloadModule(QStringLiteral("module-remap-source")));
+        QVERIFY(pulse::unloadModule(QStringLiteral("module-null-sink")));
+        const QString file = m_dir.filePath(QStringLiteral("none.wav"));
+        const Run run = runDictora({QStringLiteral("--seconds"), QStringLiteral("1"), file});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains(QLatin1String("no microphone: the sound server has no default input source")), qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(file));
+
+        // Without a server at all.
+        const QByteArray server = qgetenv("PULSE_SERVER");
+        auto restoreServer = qScopeGuard([&] { qputenv("PULSE_SERVER", server); });
+        qputenv("PULSE_SERVER", "unix:" + m_dir.filePath(QStringLiteral("no-socket")).toUtf8());
+        const Run noServer = runDictora({file});
+        QCOMPARE(noServer.exitCode, 1);
+        QVERIFY2(noServer.err.contains(QLatin1String("no microphone: the sound server could not be reached")), qPrintable(noServer.err));
+    }
+};
 
 int main(int argc, char **argv)
 {

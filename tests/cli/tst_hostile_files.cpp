@@ -8,6 +8,7 @@
 #include <QtTest>
 #include <QtEndian>
 
+using dictora::test::ProgramRun;
 using dictora::test::readFile;
 using dictora::test::writeFile;
 
@@ -28,12 +29,6 @@ QByteArray hostile(const QString &kind)
         return deepJson(30000); // far past any parser's limit, small enough to be parsed
     return {};
 }
-
-struct Run {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
 
 QString recordLine(const char *id, const char *text)
 {
@@ -77,30 +72,15 @@ class HostileFilesTest : public QObject {
     QString dataDir() const { return m_home->filePath(QStringLiteral("data/Dictora")); }
     QString settingsPath() const { return m_home->filePath(QStringLiteral("config/Dictora/Dictora.ini")); }
 
-    Run dictora(const QStringList &arguments, const QByteArray &input = {}, const QString &contract = {})
+    ProgramRun dictora(const QStringList &arguments, const QByteArray &input = {}, const QString &contract = {})
     {
-        QProcess process;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("XDG_DATA_HOME"), m_home->filePath(QStringLiteral("data")));
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home->filePath(QStringLiteral("config")));
         env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_home->filePath(QStringLiteral("runtime")));
         env.insert(QStringLiteral("HOME"), m_home->path());
         env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract.isEmpty() ? m_contract : contract);
-        process.setProcessEnvironment(env);
-        process.start(QStringLiteral(DICTORA_BINARY), arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        Run run;
-        if (!process.waitForFinished(120000)) {
-            process.kill();
-            process.waitForFinished();
-            run.err = QStringLiteral("(timed out)");
-            return run;
-        }
-        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err = QString::fromUtf8(process.readAllStandardError());
-        return run;
+        return dictora::test::runProgram(QStringLiteral(DICTORA_BINARY), arguments, input, env);
     }
 
     // Writes kind's bytes to path; "huge" is a sparse file of the given size.
@@ -151,13 +131,13 @@ private Q_SLOTS:
         QFETCH(QString, kind);
         QFETCH(QString, message);
         const QString path = file == QLatin1String("snippets") ? dataDir() + QStringLiteral("/snippets.json") : settingsPath();
-        const Run clean = dictora({QStringLiteral("format")}, "um so btw it works");
+        const ProgramRun clean = dictora({QStringLiteral("format")}, "um so btw it works");
         QCOMPARE(clean.exitCode, 0);
         QVERIFY(plant(path, kind, 64LL << 20));
         const QByteArray before = kind == QLatin1String("huge") ? QByteArray() : readFile(path);
         const qint64 size = QFileInfo(path).size();
 
-        const Run run = dictora({QStringLiteral("format")}, "um so btw it works");
+        const ProgramRun run = dictora({QStringLiteral("format")}, "um so btw it works");
         QCOMPARE(run.exitCode, 0);
         QCOMPARE(run.out, clean.out);
         QVERIFY2(run.err.contains(message.arg(path)), qPrintable(run.err));
@@ -170,9 +150,9 @@ private Q_SLOTS:
     // just an unusable value: the default shortcut, no message needed.
     void deeplyNestedShortcutValueFallsBack()
     {
-        const Run clean = dictora({QStringLiteral("format")}, "it works");
+        const ProgramRun clean = dictora({QStringLiteral("format")}, "it works");
         QVERIFY(writeFile(settingsPath(), "[General]\nkeyboard.shortcut.v1=" + deepJson(100000) + "\n"));
-        const Run run = dictora({QStringLiteral("format")}, "it works");
+        const ProgramRun run = dictora({QStringLiteral("format")}, "it works");
         QCOMPARE(run.exitCode, 0);
         QCOMPARE(run.out, clean.out);
         QCOMPARE(run.err, QString());
@@ -194,7 +174,7 @@ private Q_SLOTS:
         const QString contract = m_home->filePath(QStringLiteral("hostile-contract.json"));
         QVERIFY(plant(contract, kind, 1LL << 30));
         const QString wav = dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav");
-        const Run run = dictora({QStringLiteral("transcribe"), wav}, {}, contract);
+        const ProgramRun run = dictora({QStringLiteral("transcribe"), wav}, {}, contract);
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains(QStringLiteral("The model contract %1 is unusable: ").arg(contract) + message), qPrintable(run.err));
         QCOMPARE(QFileInfo(m_home->filePath(QStringLiteral("data/Dictora/Models/for-tests-ggml-tiny.en.bin"))).size(), 586836);
@@ -226,7 +206,7 @@ private Q_SLOTS:
             QVERIFY(file.open(QIODevice::Append) && file.write(last) == last.size());
         }
         const qint64 size = QFileInfo(path).size();
-        const Run run = dictora({QStringLiteral("history"), QStringLiteral("--json")});
+        const ProgramRun run = dictora({QStringLiteral("history"), QStringLiteral("--json")});
         QCOMPARE(run.exitCode, 0);
         const QStringList lines = run.out.split(u'\n', Qt::SkipEmptyParts);
         QCOMPARE(lines.size(), 2);
@@ -302,7 +282,7 @@ private Q_SLOTS:
         }
         QVERIFY(writeFile(path, bytes));
 
-        const Run run = dictora({QStringLiteral("transcribe"), path});
+        const ProgramRun run = dictora({QStringLiteral("transcribe"), path});
         QVERIFY2(run.exitCode == exitCode, qPrintable(QStringLiteral("exit %1:\n%2").arg(run.exitCode).arg(run.err)));
         QVERIFY2(run.err.contains(message), qPrintable(run.err));
         if (exitCode == 0)

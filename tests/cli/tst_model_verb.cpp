@@ -7,17 +7,13 @@
 #include <QProcess>
 #include <QtTest>
 
+using Run = dictora::test::ProgramRun;
+
 namespace {
 
 const QString kModelName = QStringLiteral("stand-in.bin");
 constexpr qint64 kModelBytes = 575451;
 const char *const kModelHash = "c486fb9f14a28b1c1dc252741a431646cc573450c900b9d9c406e10294aa01e6";
-
-struct Run {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
 
 } // namespace
 
@@ -31,18 +27,9 @@ private:
 
     Run dictora(const QStringList &arguments)
     {
-        QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), m_contract);
-        process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(DICTORA_EXECUTABLE), arguments);
-        Run result;
-        if (!process.waitForFinished(60000))
-            return result;
-        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        result.out = QString::fromUtf8(process.readAllStandardOutput());
-        result.err = QString::fromUtf8(process.readAllStandardError());
-        return result;
+        return dictora::test::runProgram(QStringLiteral(DICTORA_EXECUTABLE), arguments, {}, environment);
     }
 
     std::unique_ptr<dictora::test::IsolatedHome> m_home;

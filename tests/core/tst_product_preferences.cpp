@@ -1,4 +1,5 @@
 #include "core/ProductPreferences.h"
+#include "support/TestSupport.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -16,9 +17,7 @@ class ProductPreferencesTest : public QObject {
     // Writes raw INI text, as a user or an older version may have left it.
     void writeIni(const QByteArray &body)
     {
-        QFile f(iniPath());
-        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write("[General]\n" + body);
+        QVERIFY(dictora::test::writeFile(iniPath(), "[General]\n" + body));
     }
 
 private Q_SLOTS:

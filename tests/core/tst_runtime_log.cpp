@@ -1,4 +1,5 @@
 #include "core/RuntimeLog.h"
+#include "support/TestSupport.h"
 
 #include <QDir>
 #include <QRegularExpression>
@@ -76,9 +77,7 @@ private Q_SLOTS:
     void unwritableLocationDoesNotThrow()
     {
         QTemporaryDir dir;
-        QFile blocker(dir.filePath(QStringLiteral("file")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
+        QVERIFY(dictora::test::writeFile(dir.filePath(QStringLiteral("file")), {}));
         // The "folder" is a plain file, so nothing can be created under it.
         RuntimeLog log(dir.filePath(QStringLiteral("file/runtime.log")));
         log.write(QStringLiteral("lost, reported on stderr"));

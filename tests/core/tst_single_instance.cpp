@@ -23,14 +23,11 @@ private Q_SLOTS:
     {
         // Never fetch the real model from a test: a contract whose source refuses at once.
         const QString contract = m_home.path() + QStringLiteral("/contract.json");
-        QFile f(contract);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write(QJsonDocument(QJsonObject{{QStringLiteral("fileName"), QStringLiteral("absent.bin")},
+        QVERIFY(dictora::test::writeFile(contract, QJsonDocument(QJsonObject{{QStringLiteral("fileName"), QStringLiteral("absent.bin")},
                                   {QStringLiteral("bytes"), 4},
                                   {QStringLiteral("sha256"), QStringLiteral("88d4266fd4e6338d13b845fcf289579d209c897823b9217da3e161936f031589")},
                                   {QStringLiteral("url"), QStringLiteral("http://127.0.0.1:9/absent.bin")}})
-                    .toJson());
-        f.close();
+                    .toJson()));
         qputenv("DICTORA_MODEL_CONTRACT", contract.toUtf8());
     }
 
@@ -63,10 +60,7 @@ private Q_SLOTS:
     void malformedContractStopsTheStart()
     {
         const QString contract = m_home.path() + QStringLiteral("/broken.json");
-        QFile f(contract);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("{\"fileName\": 3");
-        f.close();
+        QVERIFY(dictora::test::writeFile(contract, "{\"fileName\": 3"));
         QProcess app;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract);

@@ -1,4 +1,5 @@
 #include "support/controller/ControllerRig.h"
+#include "support/TestSupport.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -8,19 +9,6 @@ using namespace dictora::test;
 using Kind = DictoraPhase::Kind;
 
 namespace {
-
-QString phaseName(Kind kind)
-{
-    switch (kind) {
-    case Kind::idle: return QStringLiteral("idle");
-    case Kind::preparing: return QStringLiteral("preparing");
-    case Kind::recording: return QStringLiteral("recording");
-    case Kind::finalizing: return QStringLiteral("finalizing");
-    case Kind::error: return QStringLiteral("error");
-    case Kind::needsAccessibility: return QStringLiteral("needsAccessibility");
-    }
-    return {};
-}
 
 // Lets the controller's asynchronous steps run until it waits on the
 // script again: on a held microphone start, or in a settled phase.
@@ -160,7 +148,7 @@ private Q_SLOTS:
                 rig.now += step.mid(1).toLongLong();
             QVERIFY(settle(rig));
         }
-        QCOMPARE(phaseName(rig.state.phase().kind()), phase);
+        QCOMPARE(DictoraPhase::name(rig.state.phase().kind()), phase);
         QCOMPARE(rig.journal().readAll().size(), records);
         QCOMPARE(rig.microphone.isOpen, phase == QLatin1String("recording"));
     }
@@ -198,7 +186,7 @@ private Q_SLOTS:
             rig.controller.reset();
         }
         if (!phase.isEmpty())
-            QTRY_COMPARE(phaseName(rig.state.phase().kind()), phase);
+            QTRY_COMPARE(DictoraPhase::name(rig.state.phase().kind()), phase);
         QTest::qWait(100);
         QVERIFY(!rig.microphone.isOpen);
         QCOMPARE(rig.microphone.stops + rig.microphone.cancels, 1);
@@ -290,6 +278,21 @@ private Q_SLOTS:
         QCOMPARE(rig.journal().readAll().size(), 1);
     }
 
+    // A keystroke the desktop refused is a failed dictation, with its reason.
+    void refusedPasteIsAFailure()
+    {
+        ControllerRig rig;
+        rig.controller->start();
+        rig.paster.error = QStringLiteral("no XTEST");
+        rig.speech.text = QStringLiteral("hello");
+        QVERIFY(rig.dictate());
+        const auto records = rig.journal().readAll();
+        QCOMPARE(records.size(), 1);
+        QCOMPARE(records.first().outcome, TranscriptOutcome::failed);
+        QCOMPARE(records.first().error, std::optional<QString>(QStringLiteral("no XTEST")));
+        QCOMPARE(rig.paster.pasted, QStringList{QStringLiteral("Hello")});
+    }
+
     void transcriptionFailureIsJournaledAndShown()
     {
         ControllerRig rig;
@@ -344,6 +347,19 @@ private Q_SLOTS:
         QCOMPARE(rig.state.meterLevels(), AudioMeterLevels::zero());
         QVERIFY(finished.wait(5000));
         QCOMPARE(rig.state.listeningDotPhase(), 0);
+    }
+
+    // An error on show does not hide a lost shortcut: it is asked for again.
+    void shortcutLostAfterAnError()
+    {
+        ControllerRig rig;
+        rig.controller->start();
+        rig.microphone.permitted = false;
+        rig.controller->toggleRecording();
+        QTRY_COMPARE(rig.state.phase(), DictoraPhase::error(QStringLiteral("Allow Microphone")));
+        rig.shortcut.accepts = false;
+        rig.controller->installCurrentShortcutSilently();
+        QTRY_COMPARE(rig.state.phase(), DictoraPhase::needsAccessibility());
     }
 
     void shortcutRetriesUntilInstalled()
@@ -417,10 +433,9 @@ private Q_SLOTS:
     {
         ControllerRig rig;
         // A file where the journal's folder should be.
-        QFile blocker(rig.dir.filePath(QStringLiteral("blocked")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
-        rig.build(TranscriptJournal(blocker.fileName() + QStringLiteral("/transcripts.jsonl")));
+        const QString blocker = rig.dir.filePath(QStringLiteral("blocked"));
+        QVERIFY(test::writeFile(blocker, {}));
+        rig.build(TranscriptJournal(blocker + QStringLiteral("/transcripts.jsonl")));
         rig.controller->start();
         QCOMPARE(rig.state.phase(), DictoraPhase::error(QStringLiteral("State journal unavailable")));
         // A dictation still ends as an error, never silently.

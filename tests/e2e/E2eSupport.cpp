@@ -23,32 +23,6 @@
 
 namespace dictora::test::e2e {
 
-namespace {
-
-QString runTool(const QString &program, const QStringList &arguments, int *exitCode = nullptr)
-{
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(10000)) {
-        process.kill();
-        process.waitForFinished();
-        if (exitCode)
-            *exitCode = -1;
-        return {};
-    }
-    if (exitCode)
-        *exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    return QString::fromLocal8Bit(process.readAllStandardOutput());
-}
-
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
-
-} // namespace
-
 QString dictoraBinary() { return QStringLiteral(DICTORA_E2E_DICTORA); }
 QString scriptedBinary() { return QStringLiteral(DICTORA_E2E_SCRIPTED); }
 
@@ -137,35 +111,6 @@ bool playIntoMicrophone(const QString &wavFile, QString *why)
     return true;
 }
 
-quint64 activeWindow()
-{
-    const QString out = runTool(QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("_NET_ACTIVE_WINDOW")});
-    static const QRegularExpression id(QStringLiteral("# (0x[0-9a-fA-F]+)"));
-    const auto match = id.match(out);
-    return match.hasMatch() ? match.captured(1).toULongLong(nullptr, 16) : 0;
-}
-
-qint64 windowPid(quint64 window)
-{
-    if (window == 0)
-        return 0;
-    const QString out = runTool(QStringLiteral("xprop"),
-        {QStringLiteral("-id"), QStringLiteral("0x%1").arg(window, 0, 16), QStringLiteral("_NET_WM_PID")});
-    static const QRegularExpression pid(QStringLiteral("= (\\d+)"));
-    const auto match = pid.match(out);
-    return match.hasMatch() ? match.captured(1).toLongLong() : 0;
-}
-
-QStringList logMessages(const QString &logText)
-{
-    QStringList messages;
-    for (const QString &line : logText.split(u'\n', Qt::SkipEmptyParts)) {
-        const qsizetype end = line.startsWith(u'[') ? line.indexOf(QStringLiteral("] ")) : -1;
-        messages.append(end < 0 ? line : line.mid(end + 2));
-    }
-    return messages;
-}
-
 bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why)
 {
     qsizetype from = 0;
@@ -187,14 +132,6 @@ bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QStr
         from = found + 1;
     }
     return true;
-}
-
-QString readTextFile(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll());
 }
 
 QString artifactFolder(const QString &testName)
@@ -353,7 +290,7 @@ int DictoraRun::runVerb(const QString &binary, const QStringList &arguments, QSt
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
-QString DictoraRun::logText() const { return readTextFile(logPath()); }
+QString DictoraRun::logText() const { return QString::fromUtf8(readFile(logPath())); }
 
 int DictoraRun::countLines(const QString &prefix) const
 {
@@ -446,118 +383,6 @@ void DictoraRun::keepArtifacts(const QString &folder)
         QGuiApplication::primaryScreen()->grabWindow(0).save(out.filePath(QStringLiteral("screen.png")));
     qWarning("artifacts kept in %s", qPrintable(folder));
 }
-
-// --- TextEditor ---------------------------------------------------------------
-
-TextEditor::TextEditor(x11::FakeKeyboard &keyboard, const QString &file)
-    : m_keyboard(keyboard), m_file(file)
-{
-}
-
-TextEditor::~TextEditor() = default;
-
-qint64 TextEditor::pid() const { return m_program ? m_program->pid() : 0; }
-
-bool TextEditor::start(QString *why)
-{
-    if (!writeFile(m_file, {})) {
-        *why = QStringLiteral("cannot create ") + m_file;
-        return false;
-    }
-    m_program = std::make_unique<x11::ChildProgram>(QStringLiteral("l3afpad"), QStringList{m_file});
-    if (!m_program->waitStarted()) {
-        *why = QStringLiteral("l3afpad did not start");
-        return false;
-    }
-    QDeadlineTimer deadline(30000);
-    while (windowPid(activeWindow()) != m_program->pid()) {
-        if (deadline.hasExpired()) {
-            *why = QStringLiteral("l3afpad never became the active window: ") + m_program->errorOutput();
-            return false;
-        }
-        QTest::qWait(50);
-    }
-    m_window = activeWindow();
-    // A freshly mapped editor can be active before its text view takes keys;
-    // a typed character marks the document modified ("*" in the title) once
-    // it does, and is erased again.
-    while (!m_keyboard.windowTitle(m_window).startsWith(u'*')) {
-        if (deadline.hasExpired()) {
-            *why = QStringLiteral("l3afpad never took a key");
-            return false;
-        }
-        m_keyboard.chord({}, m_keyboard.keycode("x"));
-        QTest::qWait(100);
-    }
-    m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("a"));
-    m_keyboard.chord({}, m_keyboard.keycode("BackSpace"));
-    return true;
-}
-
-bool TextEditor::focus(QString *why)
-{
-    int code = 0;
-    runTool(QStringLiteral("xdotool"), {QStringLiteral("windowactivate"), QString::number(m_window)}, &code);
-    QDeadlineTimer deadline(10000);
-    while (activeWindow() != m_window) {
-        if (deadline.hasExpired()) {
-            *why = QStringLiteral("the editor could not be focused");
-            return false;
-        }
-        QTest::qWait(50);
-    }
-    return true;
-}
-
-bool TextEditor::readBack(const QString &expected, QString *actual)
-{
-    // The save may come before the paste is inserted: save until it shows.
-    QDeadlineTimer deadline(20000);
-    while (!deadline.hasExpired()) {
-        m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("s"));
-        QTest::qWait(250);
-        *actual = readTextFile(m_file);
-        if (*actual == expected)
-            return true;
-    }
-    return false;
-}
-
-// --- Terminal -----------------------------------------------------------------
-
-Terminal::Terminal(x11::FakeKeyboard &keyboard, const QString &file)
-    : m_keyboard(keyboard), m_file(file)
-{
-}
-
-Terminal::~Terminal() = default;
-
-qint64 Terminal::pid() const { return m_program ? m_program->pid() : 0; }
-
-bool Terminal::start(QString *why)
-{
-    // Non-canonical mode hands every character to cat at once.
-    m_program = std::make_unique<x11::ChildProgram>(QStringLiteral("xterm"),
-        QStringList{QStringLiteral("-e"), QStringLiteral("sh"), QStringLiteral("-c"),
-            QStringLiteral("stty -icanon -echo; exec cat > '%1'").arg(m_file)});
-    if (!m_program->waitStarted()) {
-        *why = QStringLiteral("xterm did not start");
-        return false;
-    }
-    // Ctrl+B reaches cat as byte 2 once the terminal has the focus.
-    QDeadlineTimer deadline(30000);
-    while (readTextFile(m_file).isEmpty()) {
-        if (deadline.hasExpired()) {
-            *why = QStringLiteral("xterm never took a key: ") + m_program->errorOutput();
-            return false;
-        }
-        m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("b"));
-        QTest::qWait(100);
-    }
-    return true;
-}
-
-QString Terminal::received() const { return readTextFile(m_file).remove(QChar(2)); }
 
 // --- the shared fixture ----------------------------------------------------------
 

@@ -11,6 +11,7 @@
 #include <QVariantMap>
 
 #include "X11TestSupport.h"
+#include "support/TestSupport.h"
 
 #include <memory>
 
@@ -39,13 +40,6 @@ QString speechClip(const QString &dir, double seconds, QString *why);
 // Plays a WAV file into the virtual microphone and returns once it has drained.
 bool playIntoMicrophone(const QString &wavFile, QString *why);
 
-// The window that has the focus (_NET_ACTIVE_WINDOW), 0 when none.
-quint64 activeWindow();
-// _NET_WM_PID of a window, 0 when it has none.
-qint64 windowPid(quint64 window);
-
-// Messages of a runtime log, the "[time] " prefix removed.
-QStringList logMessages(const QString &logText);
 // Checks that a line starting with each prefix appears, in this order.
 bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why);
 
@@ -105,44 +99,13 @@ private:
     QByteArray m_output;
 };
 
-// l3afpad on a file: it takes keys once focused, and reads back by saving.
-class TextEditor {
-public:
-    TextEditor(x11::FakeKeyboard &keyboard, const QString &file);
-    ~TextEditor();
-    bool start(QString *why);
-    qint64 pid() const;
-    quint64 window() const { return m_window; }
-    // Saves (Ctrl+S) until the file holds expected; actual gets what it held.
-    bool readBack(const QString &expected, QString *actual);
-    bool focus(QString *why);
-
-private:
-    x11::FakeKeyboard &m_keyboard;
-    QString m_file;
-    std::unique_ptr<x11::ChildProgram> m_program;
-    quint64 m_window = 0;
-};
-
-// xterm running cat into a file: every key it gets ends up there.
-class Terminal {
-public:
-    Terminal(x11::FakeKeyboard &keyboard, const QString &file);
-    ~Terminal();
-    bool start(QString *why);
-    qint64 pid() const;
-    // What cat received, without the probe keys sent while waiting for it.
-    QString received() const;
-
-private:
-    x11::FakeKeyboard &m_keyboard;
-    QString m_file;
-    std::unique_ptr<x11::ChildProgram> m_program;
-};
+using x11::activeWindow;
+using x11::Terminal;
+using x11::TextEditor;
+using x11::windowPid;
 
 // Taps the default shortcut, the key left of 1.
 void pressShortcut(x11::FakeKeyboard &keyboard);
-QString readTextFile(const QString &path);
 // Folder for a failed test's artifacts: <build>/tests/e2e/artifacts/<test>.
 QString artifactFolder(const QString &testName);
 

@@ -11,6 +11,7 @@
 
 using namespace dictora;
 using dictora::test::readFile;
+using dictora::test::writeFile;
 using dictora::test::recordSavedAt;
 using dictora::test::utc;
 
@@ -46,12 +47,7 @@ class HistoryArchiveTest : public QObject {
     TranscriptJournal m_journal{m_dir.filePath(QStringLiteral("transcripts.jsonl"))};
     QString destination() const { return m_dir.filePath(QStringLiteral("archive.json")); }
 
-    void writeJournal(const QByteArray &bytes)
-    {
-        QFile f(m_journal.filePath());
-        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(bytes);
-    }
+    void writeJournal(const QByteArray &bytes) { QVERIFY(writeFile(m_journal.filePath(), bytes)); }
 
 private Q_SLOTS:
     void init()
@@ -113,9 +109,7 @@ private Q_SLOTS:
         m_journal.append(recordSavedAt(utc("2026-01-02T03:04:05Z"), QStringLiteral("keep me")));
         const QByteArray before = readFile(m_journal.filePath());
         const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
-        QFile f(blocker);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.close();
+        QVERIFY(writeFile(blocker, {}));
         QVERIFY_THROWS_EXCEPTION(Error, archiveAndClear(m_journal, blocker + QStringLiteral("/a.json"), QDateTime::currentDateTimeUtc()));
         QCOMPARE(readFile(m_journal.filePath()), before);
     }

@@ -1,6 +1,7 @@
 #include "HistoryTestRecords.h"
 #include "history/HistoryStore.h"
 #include "history/TranscriptHistoryArchive.h"
+#include "support/TestSupport.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -176,9 +177,7 @@ private Q_SLOTS:
         QSignalSpy finished(store, &HistoryStore::archiveFinished);
         // The destination's folder is a file: the write fails, the journal stays.
         const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
-        QFile f(blocker);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.close();
+        QVERIFY(test::writeFile(blocker, {}));
         store->archiveAndClear(blocker + QStringLiteral("/archive.json"));
         QVERIFY(finished.wait(10000));
         QCOMPARE(finished.first().first().toBool(), false);

@@ -125,16 +125,10 @@ private Q_SLOTS:
                                            << "Nothing here yet" << "Your completed dictations will appear here automatically.";
         QTest::newRow("all, newest first") << true << QString() << none << none << none << none
                                            << QStringList{"Draft", "Remind", "Order"} << QString() << QString();
-        QTest::newRow("spaces only search shows all") << true << "   " << none << none << none << none
-                                                      << QStringList{"Draft", "Remind", "Order"} << QString() << QString();
         QTest::newRow("search ignores case and accents") << true << "CAFE" << none << none << none << none
                                                          << QStringList{"Order"} << QString() << QString();
-        QTest::newRow("search misses") << true << "zebra" << none << none << none << none << QStringList()
-                                       << "No matches" << "Try different words or a broader time range.";
         QTest::newRow("hour 0 is a real filter") << true << QString() << std::optional<int>(0) << none << none << none
                                                  << QStringList{"Order"} << QString() << QString();
-        QTest::newRow("day 5 of any month") << true << QString() << none << std::optional<int>(5) << none << none
-                                            << QStringList{"Remind", "Order"} << QString() << QString();
         QTest::newRow("month and year combine") << true << QString() << none << none << std::optional<int>(7)
                                                 << std::optional<int>(2025) << QStringList{"Draft", "Remind"} << QString()
                                                 << QString();

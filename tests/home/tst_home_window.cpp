@@ -34,28 +34,6 @@ private:
     std::unique_ptr<HistoryStore> m_store;
     std::unique_ptr<HomeWindow> m_window;
 
-    QList<TranscriptRecord> someRecords(int count)
-    {
-        static const QStringList texts{
-            QStringLiteral("Let's move the design review to Thursday afternoon and invite the whole platform team."),
-            QStringLiteral("Remember to buy oat milk, coffee beans and a birthday card for Lena."),
-            QString::fromUtf8("The café near the station opens at seven, so we can meet there before the train."),
-            QStringLiteral("Dear Mr Patel, thank you for the quick reply. The signed contract is attached."),
-            QStringLiteral("Bug: the export button stays disabled after the first save; steps to reproduce below.")};
-        static const QStringList apps{QStringLiteral("Firefox"), QStringLiteral("Terminal"), QStringLiteral("Text Editor"),
-            QStringLiteral("Thunderbird"), QStringLiteral("Slack")};
-        QList<TranscriptRecord> out;
-        const QDateTime now = QDateTime::currentDateTime();
-        for (int i = 0; i < count; ++i) {
-            TranscriptRecord r = homeRecord(now.addSecs(-3600LL * 7 * i), texts[i % texts.size()], apps[i % apps.size()]);
-            r.recordingDurationMilliseconds = 2500 + i * 4100;
-            if (i == 3)
-                r.outcome = TranscriptOutcome::recovered;
-            out << r;
-        }
-        return out;
-    }
-
     void build(const QList<TranscriptRecord> &records)
     {
         writeJournal(m_journalPath, records);
@@ -197,7 +175,9 @@ private Q_SLOTS:
 
     void reloadsOnShowAndWhileVisible()
     {
-        const QList<TranscriptRecord> records = someRecords(4);
+        QList<TranscriptRecord> records;
+        for (int i = 0; i < 4; ++i)
+            records << homeRecord(QDateTime::currentDateTime().addSecs(-3600 * i), QStringLiteral("oat milk, take %1").arg(i));
         build(records.mid(0, 2));
         // Hidden: a saved dictation does not read the journal.
         QSignalSpy reloaded(m_store.get(), &HistoryStore::reloaded);

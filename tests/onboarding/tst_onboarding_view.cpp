@@ -330,7 +330,6 @@ private Q_SLOTS:
 
         // Permissions arrive as the controller polls them.
         QCOMPARE(view.shownStage(), OnboardingStage::permissions);
-        saveShot(view, QStringLiteral("1-permissions"));
         QTest::mouseClick(button(view, QStringLiteral("allowMicrophone")), Qt::LeftButton);
         f.model.setPermissions({S::authorized, S::denied});
         QCOMPARE(view.currentScreen()->headline(), QStringLiteral("TURN ON DICTORA."));
@@ -362,15 +361,12 @@ private Q_SLOTS:
         QCOMPARE(view.shownStage(), OnboardingStage::permissions);
         view.setModelPreparation({67, false});
         QCOMPARE(view.currentScreen()->headline(), QStringLiteral("GETTING ACCURATE."));
-        saveShot(view, QStringLiteral("1-permissions-getting-accurate"));
         f.model.setAccuracyModelReady(true);
         f.model.showPracticeWhenReady();
 
         // Practice: one dictation that gives nothing, then one with words.
         QCOMPARE(view.shownStage(), OnboardingStage::practice);
-        saveShot(view, QStringLiteral("4-practice"));
         f.state.setPhase(DictoraPhase::recording());
-        saveShot(view, QStringLiteral("4-practice-recording"));
         f.state.setPhase(DictoraPhase::finalizing());
         f.state.setPhase(DictoraPhase::idle());
         f.model.completePractice(QStringLiteral(" \n "), QDateTime::currentDateTime());

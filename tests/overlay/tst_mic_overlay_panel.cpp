@@ -177,18 +177,11 @@ private Q_SLOTS:
         const QPoint first = kFirstScreen.center();
         const QPoint second = kSecondScreen.center();
         const QPoint nowhere(5000, 5000);
-        QTest::newRow("topLeft first") << ScreenAnchor::topLeft << first << QPoint(8, 8);
         QTest::newRow("topMiddle first") << ScreenAnchor::topMiddle << first << QPoint(925, 8);
-        QTest::newRow("topRight first") << ScreenAnchor::topRight << first << QPoint(1843, 8);
-        QTest::newRow("bottomLeft first") << ScreenAnchor::bottomLeft << first << QPoint(8, 1033);
         QTest::newRow("bottomMiddle first") << ScreenAnchor::bottomMiddle << first << QPoint(925, 1033);
-        QTest::newRow("bottomRight first") << ScreenAnchor::bottomRight << first << QPoint(1843, 1033);
         QTest::newRow("topLeft second") << ScreenAnchor::topLeft << second << QPoint(1928, 8);
-        QTest::newRow("topMiddle second") << ScreenAnchor::topMiddle << second << QPoint(2525, 8);
         QTest::newRow("topRight second") << ScreenAnchor::topRight << second << QPoint(3123, 8);
         QTest::newRow("bottomLeft second") << ScreenAnchor::bottomLeft << second << QPoint(1928, 977);
-        QTest::newRow("bottomMiddle second") << ScreenAnchor::bottomMiddle << second << QPoint(2525, 977);
-        QTest::newRow("bottomRight second") << ScreenAnchor::bottomRight << second << QPoint(3123, 977);
         QTest::newRow("pointer off every screen uses the primary")
             << ScreenAnchor::bottomRight << nowhere << QPoint(1843, 1033);
     }
@@ -318,14 +311,12 @@ int main(int argc, char **argv)
     // Two offscreen displays, so the choice of screen can be checked.
     QTemporaryDir configDir;
     const QString config = QDir(configDir.path()).filePath(QStringLiteral("screens.json"));
-    QFile file(config);
-    if (!file.open(QIODevice::WriteOnly))
-        return 1;
-    file.write(R"({"screens": [
+    const bool written = test::writeFile(config, R"({"screens": [
         {"name": "first", "x": 0, "y": 0, "width": 1920, "height": 1080, "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1},
         {"name": "second", "x": 1920, "y": 0, "width": 1280, "height": 1024, "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1}
     ]})");
-    file.close();
+    if (!written)
+        return 1;
     qputenv("QT_QPA_PLATFORM", QByteArray("offscreen:configfile=") + config.toUtf8());
     QApplication app(argc, argv);
     MicOverlayPanelTest test;

@@ -23,31 +23,6 @@ class OverlayGeometryTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void panelSize_data()
-    {
-        QTest::addColumn<OverlaySize>("size");
-        QTest::addColumn<bool>("icon");
-        QTest::addColumn<QSizeF>("exact");
-        QTest::addColumn<QSize>("window");
-        QTest::newRow("small icon") << OverlaySize::small << true << QSizeF(55.2, 31.2) << QSize(56, 32);
-        QTest::newRow("small bare") << OverlaySize::small << false << QSizeF(30.0, 31.2) << QSize(30, 32);
-        QTest::newRow("medium icon") << OverlaySize::medium << true << QSizeF(69.0, 39.0) << QSize(69, 39);
-        QTest::newRow("medium bare") << OverlaySize::medium << false << QSizeF(37.5, 39.0) << QSize(38, 39);
-        QTest::newRow("large icon") << OverlaySize::large << true << QSizeF(87.4, 49.4) << QSize(88, 50);
-        QTest::newRow("large bare") << OverlaySize::large << false << QSizeF(47.5, 49.4) << QSize(48, 50);
-    }
-    void panelSize()
-    {
-        QFETCH(OverlaySize, size);
-        QFETCH(bool, icon);
-        QFETCH(QSizeF, exact);
-        QFETCH(QSize, window);
-        const QSizeF got = overlayPanelSize(size, icon);
-        QVERIFY2(fuzzyEqual(got.width(), exact.width()) && fuzzyEqual(got.height(), exact.height()),
-            qPrintable(QStringLiteral("%1 x %2").arg(got.width()).arg(got.height())));
-        QCOMPARE(overlayWindowSize(size, icon), window);
-    }
-
     // Every anchor × size × icon on a plain screen and on one that starts
     // away from the origin (a second display, a top panel).
     void anchors_data()

@@ -241,11 +241,6 @@ private Q_SLOTS:
         QTRY_VERIFY(m_x.longs(m_panelWindow, "_NET_WM_STATE", XA_ATOM).contains(wanted));
     }
 
-    void placedAtItsAnchor()
-    {
-        QCOMPARE(m_x.rootPosition(m_panelWindow), QPoint(8, 8));
-    }
-
     void followsPreferencesOnTheRealScreen()
     {
         m_preferences->setMicrophoneSize(OverlaySize::large);

@@ -1,6 +1,12 @@
 #include "X11TestSupport.h"
 
+#include "support/TestSupport.h"
+
+#include <QDeadlineTimer>
+#include <QTest>
+
 #include <X11/XKBlib.h>
+#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
@@ -189,6 +195,138 @@ bool ChildProgram::waitStarted()
 QString ChildProgram::errorOutput()
 {
     return QString::fromLocal8Bit(m_process.readAllStandardError());
+}
+
+namespace {
+
+// One 32-bit item of a window property, 0 when it is absent.
+quint64 cardinalProperty(quint64 window, const char *name, Atom type, bool root = false)
+{
+    static Display *display = XOpenDisplay(nullptr);
+    if (!display)
+        return 0;
+    Atom actualType = None;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char *data = nullptr;
+    quint64 value = 0;
+    const Window w = root ? DefaultRootWindow(display) : Window(window);
+    if (XGetWindowProperty(display, w, XInternAtom(display, name, False), 0, 1, False, type, &actualType, &format,
+            &count, &after, &data) == Success
+        && data && format == 32 && count == 1)
+        value = *reinterpret_cast<unsigned long *>(data) & 0xFFFFFFFFUL;
+    if (data)
+        XFree(data);
+    return value;
+}
+
+QString readText(const QString &path) { return QString::fromUtf8(readFile(path)); }
+
+} // namespace
+
+quint64 activeWindow() { return cardinalProperty(0, "_NET_ACTIVE_WINDOW", XA_WINDOW, true); }
+
+qint64 windowPid(quint64 window) { return window ? qint64(cardinalProperty(window, "_NET_WM_PID", XA_CARDINAL)) : 0; }
+
+TextEditor::TextEditor(FakeKeyboard &keyboard, const QString &file) : m_keyboard(keyboard), m_file(file) {}
+
+TextEditor::~TextEditor() = default;
+
+qint64 TextEditor::pid() const { return m_program ? m_program->pid() : 0; }
+
+bool TextEditor::start(QString *why)
+{
+    if (!writeFile(m_file, {})) {
+        *why = QStringLiteral("cannot create ") + m_file;
+        return false;
+    }
+    m_program = std::make_unique<ChildProgram>(QStringLiteral("l3afpad"), QStringList{m_file});
+    if (!m_program->waitStarted()) {
+        *why = QStringLiteral("l3afpad did not start");
+        return false;
+    }
+    QDeadlineTimer deadline(30000);
+    while (windowPid(activeWindow()) != m_program->pid()) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("l3afpad never became the active window: ") + m_program->errorOutput();
+            return false;
+        }
+        QTest::qWait(50);
+    }
+    m_window = activeWindow();
+    // A freshly mapped editor can be active before its text view takes keys;
+    // a typed character marks the document modified ("*" in the title) once
+    // it does, and is erased again.
+    while (!m_keyboard.windowTitle(m_window).startsWith(u'*')) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("l3afpad never took a key");
+            return false;
+        }
+        m_keyboard.chord({}, m_keyboard.keycode("x"));
+        QTest::qWait(100);
+    }
+    m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("a"));
+    m_keyboard.chord({}, m_keyboard.keycode("BackSpace"));
+    return true;
+}
+
+bool TextEditor::focus(QString *why)
+{
+    QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("windowactivate"), QString::number(m_window)});
+    if (QTest::qWaitFor([&] { return activeWindow() == m_window; }, 10000))
+        return true;
+    *why = QStringLiteral("the editor could not be focused");
+    return false;
+}
+
+bool TextEditor::readBack(const QString &expected, QString *actual)
+{
+    // The save may come before the paste is inserted: save until it shows.
+    QDeadlineTimer deadline(20000);
+    while (!deadline.hasExpired()) {
+        m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("s"));
+        QTest::qWait(250);
+        *actual = readText(m_file);
+        if (*actual == expected)
+            return true;
+    }
+    return false;
+}
+
+Terminal::Terminal(FakeKeyboard &keyboard, const QString &file) : m_keyboard(keyboard), m_file(file) {}
+
+Terminal::~Terminal() = default;
+
+qint64 Terminal::pid() const { return m_program ? m_program->pid() : 0; }
+
+bool Terminal::start(QString *why)
+{
+    // Non-canonical mode hands every character to cat at once.
+    m_program = std::make_unique<ChildProgram>(QStringLiteral("xterm"),
+        QStringList{QStringLiteral("-e"), QStringLiteral("sh"), QStringLiteral("-c"),
+            QStringLiteral("stty -icanon -echo; exec cat > '%1'").arg(m_file)});
+    if (!m_program->waitStarted()) {
+        *why = QStringLiteral("xterm did not start");
+        return false;
+    }
+    // Ctrl+B reaches cat as byte 2 once the terminal has the focus.
+    QDeadlineTimer deadline(30000);
+    while (readText(m_file).isEmpty()) {
+        if (deadline.hasExpired()) {
+            *why = QStringLiteral("xterm never took a key: ") + m_program->errorOutput();
+            return false;
+        }
+        m_keyboard.chord({QStringLiteral("Control_L")}, m_keyboard.keycode("b"));
+        QTest::qWait(100);
+    }
+    return true;
+}
+
+QString Terminal::received() const { return readText(m_file).remove(QChar(2)); }
+
+bool Terminal::waitFor(const QString &expected, int timeoutMs) const
+{
+    return QTest::qWaitFor([&] { return received() == expected; }, timeoutMs);
 }
 
 void unmapMissingWindow(_XDisplay *display)

@@ -7,8 +7,9 @@
 #include <memory>
 
 // Helpers that drive the test X server from outside the code under test:
-// a keyboard typing through XTEST on its own connection, and a second
-// client that can hold a key grab. Xlib stays out of this header.
+// a keyboard typing through XTEST on its own connection, a second client
+// that can hold a key grab, and real applications to paste into. Xlib stays
+// out of this header.
 struct _XDisplay;
 
 namespace dictora::test::x11 {
@@ -71,6 +72,50 @@ public:
 
 private:
     QProcess m_process;
+};
+
+// The window that has the focus (_NET_ACTIVE_WINDOW), 0 when none.
+quint64 activeWindow();
+// _NET_WM_PID of a window, 0 when it has none.
+qint64 windowPid(quint64 window);
+
+// l3afpad on a file: it takes keys once focused, and reads back by saving.
+class TextEditor {
+public:
+    TextEditor(FakeKeyboard &keyboard, const QString &file);
+    ~TextEditor();
+    // Starts it and waits until it is the active window and takes keys.
+    bool start(QString *why);
+    qint64 pid() const;
+    quint64 window() const { return m_window; }
+    // Saves (Ctrl+S) until the file holds expected; actual gets what it held.
+    bool readBack(const QString &expected, QString *actual);
+    bool focus(QString *why);
+
+private:
+    FakeKeyboard &m_keyboard;
+    QString m_file;
+    std::unique_ptr<ChildProgram> m_program;
+    quint64 m_window = 0;
+};
+
+// xterm running cat into a file: every key it gets ends up there.
+class Terminal {
+public:
+    Terminal(FakeKeyboard &keyboard, const QString &file);
+    ~Terminal();
+    // Starts it and waits until it takes keys.
+    bool start(QString *why);
+    qint64 pid() const;
+    // What cat received, without the probe keys sent while waiting for it.
+    QString received() const;
+    // Waits until it received expected.
+    bool waitFor(const QString &expected, int timeoutMs) const;
+
+private:
+    FakeKeyboard &m_keyboard;
+    QString m_file;
+    std::unique_ptr<ChildProgram> m_program;
 };
 
 // Asks the server to unmap a window that does not exist: one BadWindow error

@@ -1,4 +1,5 @@
 #include "platform/DesktopEntryIndex.h"
+#include "support/TestSupport.h"
 
 #include <QDir>
 #include <QFile>
@@ -7,15 +8,7 @@
 
 using namespace dictora;
 
-namespace {
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
-} // namespace
+using dictora::test::writeFile;
 
 class TestDesktopEntryIndex : public QObject {
     Q_OBJECT

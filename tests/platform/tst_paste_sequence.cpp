@@ -2,6 +2,7 @@
 #include "platform/FocusAtPasteWindowTracker.h"
 #include "platform/KeystrokeSender.h"
 #include "platform/WindowTracker.h"
+#include "support/TestSupport.h"
 #include "text/paste/PasteService.h"
 
 #include <QClipboard>
@@ -24,6 +25,7 @@ struct SlowDesktop : WindowTracker, KeystrokeSender {
     int activationPolls = 0; // isActive() calls after a request until it is active; -1: never
     int keyPolls = 0;        // anyKeyHeld() calls that still report a key; -1: held forever
     bool sendWorks = true;
+    bool vOnEveryLayout = true;
     int requests = 0;
     QStringList sent;
 
@@ -38,6 +40,7 @@ struct SlowDesktop : WindowTracker, KeystrokeSender {
     }
     void requestActivation(WindowHandle) override { ++requests; }
     bool anyKeyHeld() override { return keyPolls < 0 || keyPolls-- > 0; }
+    bool pastesWithVOnEveryLayout() const override { return vOnEveryLayout; }
     bool send(PasteKeystroke keystroke) override
     {
         sent << keystrokeName(keystroke);
@@ -48,12 +51,7 @@ struct SlowDesktop : WindowTracker, KeystrokeSender {
 
 QStringList messages(const RuntimeLog &log)
 {
-    QFile file(log.filePath());
-    file.open(QIODevice::ReadOnly);
-    QStringList out;
-    for (const QString &line : QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts))
-        out << line.mid(line.indexOf(QLatin1String("] ")) + 2);
-    return out;
+    return test::logMessages(QString::fromUtf8(test::readFile(log.filePath())));
 }
 
 PasteTarget target(quint64 window, const QString &windowClass = QStringLiteral("Mousepad"))
@@ -183,6 +181,20 @@ private Q_SLOTS:
         QCOMPARE(desktop.sent, QStringList{keystroke});
         QCOMPARE(desktop.requests, 0);
         QVERIFY(messages(log).filter(QStringLiteral("reactivated")).isEmpty());
+    }
+
+    // Where Ctrl+V depends on the layout group active at that moment.
+    void layoutDependentVPastesWithShiftInsert()
+    {
+        QTemporaryDir dir;
+        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
+        SlowDesktop desktop;
+        desktop.vOnEveryLayout = false;
+        PasteService service(log, desktop, desktop, nullptr);
+        bool pasted = false;
+        service.paste(QStringLiteral("hello"), target(1), [&](qint64) { pasted = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(pasted, 5000);
+        QCOMPARE(desktop.sent, QStringList{QStringLiteral("shift+insert")});
     }
 
     void pastesAskedForMeanwhileRunInOrder()

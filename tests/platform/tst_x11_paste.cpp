@@ -17,18 +17,7 @@
 #include <QtTest>
 
 using namespace dictora;
-using dictora::test::x11::ChildProgram;
 using dictora::test::x11::FakeKeyboard;
-
-namespace {
-QString readFile(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll());
-}
-} // namespace
 
 // Pastes into real applications that nobody here wrote and reads back what
 // they received: xterm (Shift+Insert, primary selection) and l3afpad, a GTK
@@ -41,100 +30,18 @@ private:
     FakeKeyboard keyboard;
     int fileCounter = 0;
 
-    std::unique_ptr<ChildProgram> startTarget(const QString &kind, const QString &file, PasteService &service,
-                                              PasteTarget *target)
+    // The application's window made the target, as a dictation would capture it.
+    static bool captureTarget(PasteService &service, qint64 pid, PasteTarget *target)
     {
-        std::unique_ptr<ChildProgram> program;
-        if (kind == QLatin1String("xterm")) {
-            // Non-canonical mode hands every pasted character to cat at once.
-            program = std::make_unique<ChildProgram>(
-                QStringLiteral("xterm"),
-                QStringList{"-e", "sh", "-c", QStringLiteral("stty -icanon -echo; exec cat > '%1'").arg(file)});
-        } else {
-            QFile empty(file);
-            if (!empty.open(QIODevice::WriteOnly))
-                return nullptr;
-            empty.close();
-            program = std::make_unique<ChildProgram>(kind, QStringList{file});
-        }
-        if (!program->waitStarted())
-            return nullptr;
-        QDeadlineTimer deadline(20000);
-        while (!deadline.hasExpired()) {
-            if (auto captured = service.captureTarget(); captured && captured->application.processIdentifier == program->pid()) {
+        return QTest::qWaitFor([&] {
+            const auto captured = service.captureTarget();
+            if (captured && captured->application.processIdentifier == pid)
                 *target = *captured;
-                const bool ready = kind == QLatin1String("xterm") ? waitUntilTerminalTakesKeys(file)
-                                                                  : waitUntilEditorTakesKeys(target->window.value);
-                if (!ready)
-                    return nullptr;
-                return program;
-            }
-            QTest::qWait(20);
-        }
-        return nullptr;
+            return captured && captured->application.processIdentifier == pid;
+        }, 10000);
     }
 
-    // A freshly mapped editor can be the active window before its text view
-    // listens for keys. Typing a character that marks the document modified
-    // ("*" in the title) shows it does; it is erased before the paste.
-    bool waitUntilEditorTakesKeys(quint64 window)
-    {
-        QDeadlineTimer deadline(20000);
-        while (!keyboard.windowTitle(window).startsWith(u'*')) {
-            if (deadline.hasExpired())
-                return false;
-            keyboard.chord({}, keyboard.keycode("x")); // keys typed too early are lost
-            QTest::qWait(100);
-        }
-        keyboard.chord({"Control_L"}, keyboard.keycode("a"));
-        keyboard.chord({}, keyboard.keycode("BackSpace"));
-        return true;
-    }
-
-    // Same for the terminal: Ctrl+B reaches cat as byte 2, which the read
-    // back ignores.
-    bool waitUntilTerminalTakesKeys(const QString &file)
-    {
-        QDeadlineTimer deadline(20000);
-        while (readFile(file).isEmpty()) {
-            if (deadline.hasExpired())
-                return false;
-            keyboard.chord({"Control_L"}, keyboard.keycode("b"));
-            QTest::qWait(100);
-        }
-        return true;
-    }
-
-    static QString received(const QString &file) { return readFile(file).remove(QChar(2)); }
-
-    // xterm's cat writes as it reads; the editor writes when told to save,
-    // which may come before the paste has been inserted, so save again until
-    // the file shows it.
-    bool readBack(const QString &kind, const QString &file, const QString &expected)
-    {
-        QDeadlineTimer deadline(20000);
-        while (!deadline.hasExpired()) {
-            if (kind != QLatin1String("xterm"))
-                keyboard.chord({"Control_L"}, keyboard.keycode("s"));
-            QTest::qWait(kind == QLatin1String("xterm") ? 20 : 250);
-            if (received(file) == expected)
-                return true;
-        }
-        qWarning() << "target file holds" << received(file);
-        return false;
-    }
-
-    QStringList logLines(const QString &path) { return readFile(path).split(u'\n', Qt::SkipEmptyParts); }
-
-    static bool hasLine(const QStringList &lines, const QString &message)
-    {
-        // Lines read "[<ISO 8601 time>] <message>".
-        for (const QString &line : lines) {
-            if (line.section(QStringLiteral("] "), 1) == message)
-                return true;
-        }
-        return false;
-    }
+    QStringList logLines(const QString &path) { return test::logMessages(QString::fromUtf8(test::readFile(path))); }
 
 private Q_SLOTS:
     void initTestCase()
@@ -179,10 +86,14 @@ private Q_SLOTS:
         PasteService service(log, windows, keys, std::make_unique<QtClipboard>(std::make_unique<x11::X11ClipboardReadWatcher>()));
         QSignalSpy delivered(&service, &PasteService::delivered);
 
+        QString why;
+        test::x11::TextEditor editor(keyboard, targetFile);
+        test::x11::Terminal terminal(keyboard, targetFile);
+        const bool isTerminal = kind == QLatin1String("xterm");
+        QVERIFY2(isTerminal ? terminal.start(&why) : editor.start(&why), qPrintable(why));
+        const qint64 pid = isTerminal ? terminal.pid() : editor.pid();
         PasteTarget target;
-        auto program = startTarget(kind, targetFile, service, &target);
-        QVERIFY2(program, qPrintable(kind + QStringLiteral(" never became the active window")));
-        QCOMPARE(target.application.processIdentifier, program->pid());
+        QVERIFY(captureTarget(service, pid, &target));
         QVERIFY(!target.window.isNull());
 
         QGuiApplication::clipboard()->setText(QStringLiteral("what the user had copied before"));
@@ -207,26 +118,25 @@ private Q_SLOTS:
         if (keystroke == QLatin1String("shift+insert"))
             QCOMPARE(QGuiApplication::clipboard()->text(QClipboard::Selection), text);
 
-        QVERIFY2(readBack(kind, targetFile, text), qPrintable(logLines(logPath).join(u'\n')));
+        QString received;
+        const bool arrived = isTerminal ? terminal.waitFor(text, 20000) : editor.readBack(text, &received);
+        QVERIFY2(arrived, qPrintable(QStringLiteral("the target holds \"%1\"; log:\n%2")
+                                         .arg(isTerminal ? terminal.received() : received, logLines(logPath).join(u'\n'))));
         QTRY_COMPARE_WITH_TIMEOUT(delivered.count(), 1, 10000);
 
         const QStringList lines = logLines(logPath);
-        QVERIFY2(hasLine(lines, QStringLiteral("paste begin target=%1 chars=%2")
-                                    .arg(target.application.name)
-                                    .arg(text.size())),
-                 qPrintable(lines.join(u'\n')));
-        QVERIFY(hasLine(lines, QStringLiteral("pasteboard transcript installed")));
-        QVERIFY(hasLine(lines, QStringLiteral("paste keystroke sent keystroke=") + keystroke));
-        QVERIFY(hasLine(lines, QStringLiteral("command-v posted to pid=%1").arg(program->pid())));
-        QCOMPARE(hasLine(lines, QStringLiteral("paste target reactivated ok=true")), moveFocusAway);
-        QVERIFY(std::any_of(lines.begin(), lines.end(), [](const QString &line) {
-            return line.contains(QStringLiteral("] paste delivered to target"));
-        }));
-        // The order a reader of the log relies on.
-        QVERIFY(lines.indexOf(QRegularExpression(".*paste begin.*"))
-                < lines.indexOf(QRegularExpression(".*command-v posted.*")));
-        QVERIFY(lines.indexOf(QRegularExpression(".*command-v posted.*"))
-                < lines.indexOf(QRegularExpression(".*paste delivered to target.*")));
+        // In the order a reader of the log relies on.
+        const QString expectedLines[] = {
+            QStringLiteral("paste begin target=%1 chars=%2").arg(target.application.name).arg(text.size()),
+            QStringLiteral("pasteboard transcript installed"), QStringLiteral("paste keystroke sent keystroke=") + keystroke,
+            QStringLiteral("command-v posted to pid=%1").arg(pid), QStringLiteral("paste delivered to target")};
+        qsizetype at = 0;
+        for (const QString &expected : expectedLines) {
+            while (at < lines.size() && !lines.at(at).startsWith(expected))
+                ++at;
+            QVERIFY2(at < lines.size(), qPrintable(expected + QStringLiteral(" missing or out of order:\n") + lines.join(u'\n')));
+        }
+        QCOMPARE(lines.contains(QStringLiteral("paste target reactivated ok=true")), moveFocusAway);
     }
 
     void goneTargetNeverFails()
@@ -239,8 +149,10 @@ private Q_SLOTS:
 
         PasteTarget target;
         {
-            auto program = startTarget(QStringLiteral("xterm"), dir.filePath(QStringLiteral("gone.txt")), service, &target);
-            QVERIFY(program);
+            QString why;
+            test::x11::Terminal terminal(keyboard, dir.filePath(QStringLiteral("gone.txt")));
+            QVERIFY2(terminal.start(&why), qPrintable(why));
+            QVERIFY(captureTarget(service, terminal.pid(), &target));
         }
         QWidget ours;
         ours.show();
@@ -254,8 +166,8 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(dispatched, 5000);
         QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("nobody reads this"));
         const QStringList lines = logLines(logPath);
-        QVERIFY2(hasLine(lines, QStringLiteral("paste target reactivated ok=false")), qPrintable(lines.join(u'\n')));
-        QVERIFY(hasLine(lines, QStringLiteral("command-v posted to pid=%1").arg(target.application.processIdentifier)));
+        QVERIFY2(lines.contains(QStringLiteral("paste target reactivated ok=false")), qPrintable(lines.join(u'\n')));
+        QVERIFY(lines.contains(QStringLiteral("command-v posted to pid=%1").arg(target.application.processIdentifier)));
     }
 };
 

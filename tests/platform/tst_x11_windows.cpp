@@ -58,15 +58,10 @@ private Q_SLOTS:
             DICTORA_RIG_MISSING("xterm is not installed (Debian package xterm)");
         QVERIFY(dataHome.isValid());
         const QString apps = dataHome.path() + QStringLiteral("/applications");
-        QVERIFY(QDir().mkpath(apps));
-        QFile byClass(apps + QStringLiteral("/dictora-probe.desktop"));
-        QVERIFY(byClass.open(QIODevice::WriteOnly));
-        byClass.write("[Desktop Entry]\nType=Application\nName=Probe Writer\nStartupWMClass=DictoraProbe\n");
-        byClass.close();
-        QFile byName(apps + QStringLiteral("/probe-by-file.desktop"));
-        QVERIFY(byName.open(QIODevice::WriteOnly));
-        byName.write("[Desktop Entry]\nType=Application\nName=File Named Probe\n");
-        byName.close();
+        QVERIFY(test::writeFile(apps + QStringLiteral("/dictora-probe.desktop"),
+            "[Desktop Entry]\nType=Application\nName=Probe Writer\nStartupWMClass=DictoraProbe\n"));
+        QVERIFY(test::writeFile(apps + QStringLiteral("/probe-by-file.desktop"),
+            "[Desktop Entry]\nType=Application\nName=File Named Probe\n"));
         qputenv("XDG_DATA_HOME", dataHome.path().toLocal8Bit());
     }
 

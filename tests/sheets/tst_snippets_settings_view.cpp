@@ -1,5 +1,6 @@
 #include "home/sheets/SettingsToggleCard.h"
 #include "home/sheets/SnippetsSettingsView.h"
+#include "support/TestSupport.h"
 
 #include <QDir>
 #include <QFile>
@@ -42,13 +43,7 @@ class SnippetsSettingsViewTest : public QObject {
         w.grab().save(QStringLiteral(DICTORA_SCREENSHOT_DIR "/") + name + QStringLiteral(".png"));
     }
 
-    void writeFile(const QByteArray &bytes)
-    {
-        QDir().mkpath(QFileInfo(snippetsFile()).path());
-        QFile file(snippetsFile());
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-    }
+    void writeFile(const QByteArray &bytes) { QVERIFY(test::writeFile(snippetsFile(), bytes)); }
 
 private Q_SLOTS:
     void init() { m_dir = std::make_unique<QTemporaryDir>(); }

@@ -25,218 +25,204 @@ class GlobalShortcutTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void validate_data();
-    void validate();
-    void label_data();
-    void label();
-    void displayText_data();
-    void displayText();
-    void fromQt_data();
-    void fromQt();
-    void equality();
-    void load_data();
-    void load();
-    void jsonRoundTrip_data();
-    void jsonRoundTrip();
+    void validate_data()
+    {
+        QTest::addColumn<qint64>("keyCode");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QString>("message"); // empty: valid
+
+        QTest::newRow("default") << qint64(50) << 0 << kBacktick << QString();
+        QTest::newRow("command backtick") << qint64(50) << kCommand << kBacktick << kTwoModifiers;
+        QTest::newRow("key 50 with another label") << qint64(50) << 0 << QString::fromUtf8("§") << kTwoModifiers;
+        QTest::newRow("backtick label on another key") << qint64(10) << 0 << kBacktick << kTwoModifiers;
+        QTest::newRow("control option K") << qint64(40) << (kControl | kOption) << "K" << QString();
+        QTest::newRow("shift K") << qint64(40) << kShift << "K" << kTwoModifiers;
+        QTest::newRow("command K") << qint64(40) << kCommand << "K" << kTwoModifiers;
+        QTest::newRow("bare K") << qint64(40) << 0 << "K" << kTwoModifiers;
+        QTest::newRow("shift and unnamed bit") << qint64(40) << 24 << "K" << kNoPrimary;
+        QTest::newRow("two unnamed bits") << qint64(40) << (16 | 32) << "K" << kNoPrimary;
+        QTest::newRow("one unnamed bit") << qint64(40) << 128 << "K" << kTwoModifiers;
+        QTest::newRow("command and unnamed bit") << qint64(40) << (kCommand | 64) << "K" << QString();
+        QTest::newRow("all bits") << qint64(40) << 255 << "K" << QString();
+        QTest::newRow("empty label, four modifiers") << qint64(40) << 15 << "" << kNoKey;
+        QTest::newRow("empty label default key") << qint64(50) << 0 << "" << kNoKey;
+        QTest::newRow("blank label is not empty") << qint64(49) << (kControl | kShift) << " " << QString();
+        QTest::newRow("shift command F5") << qint64(96) << (kShift | kCommand) << "F5" << QString();
+        QTest::newRow("control option Return") << qint64(36) << (kControl | kOption) << "Return" << QString();
+        QTest::newRow("option shift space") << qint64(49) << (kOption | kShift) << "Space" << QString();
+    }
+
+    void validate()
+    {
+        QFETCH(qint64, keyCode);
+        QFETCH(int, modifiers);
+        QFETCH(QString, label);
+        QFETCH(QString, message);
+        const GlobalShortcutValidation result = GlobalShortcutValidator::validate(shortcut(keyCode, modifiers, label));
+        QCOMPARE(result.valid, message.isEmpty());
+        QCOMPARE(result.message, message);
+    }
+
+    void label_data()
+    {
+        QTest::addColumn<qint64>("keyCode");
+        QTest::addColumn<bool>("hasCharacters");
+        QTest::addColumn<QString>("characters");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("space bar wins over blank") << qint64(49) << true << " " << "Space";
+        QTest::newRow("letter") << qint64(0) << true << "a" << "A";
+        QTest::newRow("two blanks") << qint64(0) << true << "  " << "Key 0";
+        QTest::newRow("no characters") << qint64(102) << false << "" << "Key 102";
+        QTest::newRow("table wins over characters") << qint64(96) << true << "x" << "F5";
+        QTest::newRow("accented letter") << qint64(33) << true << QString::fromUtf8("é") << QString::fromUtf8("É");
+        QTest::newRow("sharp s") << qint64(27) << true << QString::fromUtf8("ß") << "SS";
+        QTest::newRow("trimmed") << qint64(41) << true << "\t;\n" << ";";
+        QTest::newRow("negative code") << qint64(-1) << false << "" << "Key -1";
+        QTest::newRow("backtick") << qint64(50) << true << QString::fromUtf8("§") << kBacktick;
+
+        const QList<QPair<qint64, QString>> special{
+            {36, "Return"}, {48, "Tab"}, {49, "Space"}, {50, kBacktick}, {51, "Delete"}, {53, "Esc"},
+            {115, "Home"}, {116, "Page Up"}, {117, "Forward Delete"}, {119, "End"}, {121, "Page Down"},
+            {123, QString::fromUtf8("←")}, {124, QString::fromUtf8("→")}, {125, QString::fromUtf8("↓")},
+            {126, QString::fromUtf8("↑")}, {122, "F1"}, {120, "F2"}, {99, "F3"}, {118, "F4"}, {96, "F5"},
+            {97, "F6"}, {98, "F7"}, {100, "F8"}, {101, "F9"}, {109, "F10"}, {103, "F11"}, {111, "F12"},
+            {105, "F13"}, {107, "F14"}, {113, "F15"}, {106, "F16"}, {64, "F17"}, {79, "F18"}, {80, "F19"},
+            {90, "F20"}};
+        QCOMPARE(special.size(), 35);
+        for (const auto &[code, name] : special)
+            QTest::addRow("special %lld", static_cast<long long>(code)) << code << false << QString() << name;
+    }
+
+    void label()
+    {
+        QFETCH(qint64, keyCode);
+        QFETCH(bool, hasCharacters);
+        QFETCH(QString, characters);
+        QFETCH(QString, expected);
+        const std::optional<QString> chars = hasCharacters ? std::optional<QString>(characters) : std::nullopt;
+        QCOMPARE(ShortcutKeyLabel::label(keyCode, chars), expected);
+    }
+
+    void displayText_data()
+    {
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QString>("prefix");
+
+        QTest::newRow("none") << 0 << kBacktick << "";
+        QTest::newRow("all four, not bit order") << 15 << "K" << "Ctrl+Alt+Shift+Super+";
+        QTest::newRow("shift command") << 9 << "F5" << "Shift+Super+";
+        QTest::newRow("control option") << 6 << "K" << "Ctrl+Alt+";
+        QTest::newRow("unnamed bits show nothing") << (kShift | 16 | 128) << "K" << "Shift+";
+    }
+
+    void displayText()
+    {
+        QFETCH(int, modifiers);
+        QFETCH(QString, label);
+        QFETCH(QString, prefix);
+        const GlobalShortcut s = shortcut(40, modifiers, label);
+        QCOMPARE(s.modifiers.displayPrefix(), prefix);
+        QCOMPARE(s.displayText(), prefix + label);
+    }
+
+    void fromQt_data()
+    {
+        QTest::addColumn<int>("qtModifiers");
+        QTest::addColumn<int>("raw");
+        QTest::newRow("none") << int(Qt::NoModifier) << 0;
+        QTest::newRow("ctrl") << int(Qt::ControlModifier) << kControl;
+        QTest::newRow("alt") << int(Qt::AltModifier) << kOption;
+        QTest::newRow("shift") << int(Qt::ShiftModifier) << kShift;
+        QTest::newRow("meta is command") << int(Qt::MetaModifier) << kCommand;
+        QTest::newRow("keypad and group ignored")
+            << int(Qt::ControlModifier | Qt::KeypadModifier | Qt::GroupSwitchModifier) << kControl;
+        QTest::newRow("all") << int(Qt::ControlModifier | Qt::AltModifier | Qt::ShiftModifier | Qt::MetaModifier) << 15;
+    }
+
+    void fromQt()
+    {
+        QFETCH(int, qtModifiers);
+        QFETCH(int, raw);
+        QCOMPARE(int(GlobalShortcutModifiers::fromQt(Qt::KeyboardModifiers(qtModifiers)).rawValue), raw);
+    }
+
+    void equality()
+    {
+        const GlobalShortcut k = shortcut(40, 6, QStringLiteral("K"));
+        QCOMPARE(k, shortcut(40, 6, QStringLiteral("K")));
+        QVERIFY(k != shortcut(40, 6, QStringLiteral("k"))); // the label is part of the identity
+        QVERIFY(k != shortcut(41, 6, QStringLiteral("K")));
+        QVERIFY(k != shortcut(40, 7, QStringLiteral("K")));
+        QCOMPARE(GlobalShortcut::defaultShortcut(), shortcut(50, 0, kBacktick));
+        QCOMPARE(GlobalShortcut::defaultShortcut().displayText(), kBacktick);
+    }
+
+    void load_data()
+    {
+        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<qint64>("keyCode");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("label");
+
+        const GlobalShortcut fallback = GlobalShortcut::defaultShortcut();
+        const auto defaults = [&](const char *name, const QByteArray &stored) {
+            QTest::newRow(name) << stored << qint64(fallback.keyCode) << int(fallback.modifiers.rawValue) << fallback.keyLabel;
+        };
+        QTest::newRow("control option K") << QByteArray(R"({"keyCode":40,"modifiers":6,"keyLabel":"K"})") << qint64(40) << 6 << "K";
+        QTest::newRow("any key order, extra keys")
+            << QByteArray(R"({"keyLabel":"F5","extra":[1],"modifiers":9,"keyCode":96})") << qint64(96) << 9 << "F5";
+        QTest::newRow("escaped label") << QByteArray(R"({"keyCode":42,"modifiers":6,"keyLabel":"\\"})") << qint64(42) << 6 << "\\";
+        QTest::newRow("unnamed bits survive") << QByteArray(R"({"keyCode":40,"modifiers":255,"keyLabel":"K"})") << qint64(40) << 255 << "K";
+        defaults("nothing stored", QByteArray());
+        defaults("modifiers 300", R"({"keyCode":40,"modifiers":300,"keyLabel":"K"})");
+        defaults("negative modifiers", R"({"keyCode":40,"modifiers":-1,"keyLabel":"K"})");
+        defaults("fractional key code", R"({"keyCode":40.5,"modifiers":6,"keyLabel":"K"})");
+        defaults("no label", R"({"keyCode":40,"modifiers":6})");
+        defaults("label not a string", R"({"keyCode":40,"modifiers":6,"keyLabel":7})");
+        defaults("key code as string", R"({"keyCode":"40","modifiers":6,"keyLabel":"K"})");
+        defaults("command K is invalid", R"({"keyCode":40,"modifiers":1,"keyLabel":"K"})");
+        defaults("empty label is invalid", R"({"keyCode":40,"modifiers":6,"keyLabel":""})");
+        defaults("array", R"([40,6,"K"])");
+        defaults("garbage", "not json at all");
+    }
+
+    void load()
+    {
+        QFETCH(QByteArray, stored);
+        QFETCH(qint64, keyCode);
+        QFETCH(int, modifiers);
+        QFETCH(QString, label);
+        QCOMPARE(GlobalShortcut::loadOrDefault(stored), shortcut(keyCode, modifiers, label));
+    }
+
+    void jsonRoundTrip_data()
+    {
+        QTest::addColumn<qint64>("keyCode");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("label");
+        QTest::newRow("default") << qint64(50) << 0 << kBacktick;
+        QTest::newRow("quote and backslash label") << qint64(39) << 6 << "\"\\";
+        QTest::newRow("arrow") << qint64(123) << 15 << QString::fromUtf8("←");
+        QTest::newRow("large key code") << (qint64(1) << 40) << 6 << "X";
+        QTest::newRow("negative key code") << qint64(-7) << 6 << "X";
+    }
+
+    void jsonRoundTrip()
+    {
+        QFETCH(qint64, keyCode);
+        QFETCH(int, modifiers);
+        QFETCH(QString, label);
+        const GlobalShortcut s = shortcut(keyCode, modifiers, label);
+        const QByteArray json = s.toJson();
+        QCOMPARE(GlobalShortcut::fromJson(json), std::optional<GlobalShortcut>(s));
+        // Writers keep the documented key order.
+        QVERIFY(json.indexOf("\"keyCode\"") < json.indexOf("\"modifiers\""));
+        QVERIFY(json.indexOf("\"modifiers\"") < json.indexOf("\"keyLabel\""));
+    }
 };
-
-void GlobalShortcutTest::validate_data()
-{
-    QTest::addColumn<qint64>("keyCode");
-    QTest::addColumn<int>("modifiers");
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<QString>("message"); // empty: valid
-
-    QTest::newRow("default") << qint64(50) << 0 << kBacktick << QString();
-    QTest::newRow("command backtick") << qint64(50) << kCommand << kBacktick << kTwoModifiers;
-    QTest::newRow("key 50 with another label") << qint64(50) << 0 << QString::fromUtf8("§") << kTwoModifiers;
-    QTest::newRow("backtick label on another key") << qint64(10) << 0 << kBacktick << kTwoModifiers;
-    QTest::newRow("control option K") << qint64(40) << (kControl | kOption) << "K" << QString();
-    QTest::newRow("shift K") << qint64(40) << kShift << "K" << kTwoModifiers;
-    QTest::newRow("command K") << qint64(40) << kCommand << "K" << kTwoModifiers;
-    QTest::newRow("bare K") << qint64(40) << 0 << "K" << kTwoModifiers;
-    QTest::newRow("shift and unnamed bit") << qint64(40) << 24 << "K" << kNoPrimary;
-    QTest::newRow("two unnamed bits") << qint64(40) << (16 | 32) << "K" << kNoPrimary;
-    QTest::newRow("one unnamed bit") << qint64(40) << 128 << "K" << kTwoModifiers;
-    QTest::newRow("command and unnamed bit") << qint64(40) << (kCommand | 64) << "K" << QString();
-    QTest::newRow("all bits") << qint64(40) << 255 << "K" << QString();
-    QTest::newRow("empty label, four modifiers") << qint64(40) << 15 << "" << kNoKey;
-    QTest::newRow("empty label default key") << qint64(50) << 0 << "" << kNoKey;
-    QTest::newRow("blank label is not empty") << qint64(49) << (kControl | kShift) << " " << QString();
-    QTest::newRow("shift command F5") << qint64(96) << (kShift | kCommand) << "F5" << QString();
-    QTest::newRow("control option Return") << qint64(36) << (kControl | kOption) << "Return" << QString();
-    QTest::newRow("option shift space") << qint64(49) << (kOption | kShift) << "Space" << QString();
-}
-
-void GlobalShortcutTest::validate()
-{
-    QFETCH(qint64, keyCode);
-    QFETCH(int, modifiers);
-    QFETCH(QString, label);
-    QFETCH(QString, message);
-    const GlobalShortcutValidation result = GlobalShortcutValidator::validate(shortcut(keyCode, modifiers, label));
-    QCOMPARE(result.valid, message.isEmpty());
-    QCOMPARE(result.message, message);
-}
-
-void GlobalShortcutTest::label_data()
-{
-    QTest::addColumn<qint64>("keyCode");
-    QTest::addColumn<bool>("hasCharacters");
-    QTest::addColumn<QString>("characters");
-    QTest::addColumn<QString>("expected");
-
-    QTest::newRow("space bar wins over blank") << qint64(49) << true << " " << "Space";
-    QTest::newRow("letter") << qint64(0) << true << "a" << "A";
-    QTest::newRow("two blanks") << qint64(0) << true << "  " << "Key 0";
-    QTest::newRow("no characters") << qint64(102) << false << "" << "Key 102";
-    QTest::newRow("table wins over characters") << qint64(96) << true << "x" << "F5";
-    QTest::newRow("accented letter") << qint64(33) << true << QString::fromUtf8("é") << QString::fromUtf8("É");
-    QTest::newRow("sharp s") << qint64(27) << true << QString::fromUtf8("ß") << "SS";
-    QTest::newRow("trimmed") << qint64(41) << true << "\t;\n" << ";";
-    QTest::newRow("negative code") << qint64(-1) << false << "" << "Key -1";
-    QTest::newRow("backtick") << qint64(50) << true << QString::fromUtf8("§") << kBacktick;
-
-    const QList<QPair<qint64, QString>> special{
-        {36, "Return"}, {48, "Tab"}, {49, "Space"}, {50, kBacktick}, {51, "Delete"}, {53, "Esc"},
-        {115, "Home"}, {116, "Page Up"}, {117, "Forward Delete"}, {119, "End"}, {121, "Page Down"},
-        {123, QString::fromUtf8("←")}, {124, QString::fromUtf8("→")}, {125, QString::fromUtf8("↓")},
-        {126, QString::fromUtf8("↑")}, {122, "F1"}, {120, "F2"}, {99, "F3"}, {118, "F4"}, {96, "F5"},
-        {97, "F6"}, {98, "F7"}, {100, "F8"}, {101, "F9"}, {109, "F10"}, {103, "F11"}, {111, "F12"},
-        {105, "F13"}, {107, "F14"}, {113, "F15"}, {106, "F16"}, {64, "F17"}, {79, "F18"}, {80, "F19"},
-        {90, "F20"}};
-    QCOMPARE(special.size(), 35);
-    for (const auto &[code, name] : special)
-        QTest::addRow("special %lld", static_cast<long long>(code)) << code << false << QString() << name;
-}
-
-void GlobalShortcutTest::label()
-{
-    QFETCH(qint64, keyCode);
-    QFETCH(bool, hasCharacters);
-    QFETCH(QString, characters);
-    QFETCH(QString, expected);
-    const std::optional<QString> chars = hasCharacters ? std::optional<QString>(characters) : std::nullopt;
-    QCOMPARE(ShortcutKeyLabel::label(keyCode, chars), expected);
-}
-
-void GlobalShortcutTest::displayText_data()
-{
-    QTest::addColumn<int>("modifiers");
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<QString>("prefix");
-
-    QTest::newRow("none") << 0 << kBacktick << "";
-    QTest::newRow("all four, not bit order") << 15 << "K" << "Ctrl+Alt+Shift+Super+";
-    QTest::newRow("shift command") << 9 << "F5" << "Shift+Super+";
-    QTest::newRow("control option") << 6 << "K" << "Ctrl+Alt+";
-    QTest::newRow("unnamed bits show nothing") << (kShift | 16 | 128) << "K" << "Shift+";
-}
-
-void GlobalShortcutTest::displayText()
-{
-    QFETCH(int, modifiers);
-    QFETCH(QString, label);
-    QFETCH(QString, prefix);
-    const GlobalShortcut s = shortcut(40, modifiers, label);
-    QCOMPARE(s.modifiers.displayPrefix(), prefix);
-    QCOMPARE(s.displayText(), prefix + label);
-}
-
-void GlobalShortcutTest::fromQt_data()
-{
-    QTest::addColumn<int>("qtModifiers");
-    QTest::addColumn<int>("raw");
-    QTest::newRow("none") << int(Qt::NoModifier) << 0;
-    QTest::newRow("ctrl") << int(Qt::ControlModifier) << kControl;
-    QTest::newRow("alt") << int(Qt::AltModifier) << kOption;
-    QTest::newRow("shift") << int(Qt::ShiftModifier) << kShift;
-    QTest::newRow("meta is command") << int(Qt::MetaModifier) << kCommand;
-    QTest::newRow("keypad and group ignored")
-        << int(Qt::ControlModifier | Qt::KeypadModifier | Qt::GroupSwitchModifier) << kControl;
-    QTest::newRow("all") << int(Qt::ControlModifier | Qt::AltModifier | Qt::ShiftModifier | Qt::MetaModifier) << 15;
-}
-
-void GlobalShortcutTest::fromQt()
-{
-    QFETCH(int, qtModifiers);
-    QFETCH(int, raw);
-    QCOMPARE(int(GlobalShortcutModifiers::fromQt(Qt::KeyboardModifiers(qtModifiers)).rawValue), raw);
-}
-
-void GlobalShortcutTest::equality()
-{
-    const GlobalShortcut k = shortcut(40, 6, QStringLiteral("K"));
-    QCOMPARE(k, shortcut(40, 6, QStringLiteral("K")));
-    QVERIFY(k != shortcut(40, 6, QStringLiteral("k"))); // the label is part of the identity
-    QVERIFY(k != shortcut(41, 6, QStringLiteral("K")));
-    QVERIFY(k != shortcut(40, 7, QStringLiteral("K")));
-    QCOMPARE(GlobalShortcut::defaultShortcut(), shortcut(50, 0, kBacktick));
-    QCOMPARE(GlobalShortcut::defaultShortcut().displayText(), kBacktick);
-}
-
-void GlobalShortcutTest::load_data()
-{
-    QTest::addColumn<QByteArray>("stored");
-    QTest::addColumn<qint64>("keyCode");
-    QTest::addColumn<int>("modifiers");
-    QTest::addColumn<QString>("label");
-
-    const GlobalShortcut fallback = GlobalShortcut::defaultShortcut();
-    const auto defaults = [&](const char *name, const QByteArray &stored) {
-        QTest::newRow(name) << stored << qint64(fallback.keyCode) << int(fallback.modifiers.rawValue) << fallback.keyLabel;
-    };
-    QTest::newRow("control option K") << QByteArray(R"({"keyCode":40,"modifiers":6,"keyLabel":"K"})") << qint64(40) << 6 << "K";
-    QTest::newRow("any key order, extra keys")
-        << QByteArray(R"({"keyLabel":"F5","extra":[1],"modifiers":9,"keyCode":96})") << qint64(96) << 9 << "F5";
-    QTest::newRow("escaped label") << QByteArray(R"({"keyCode":42,"modifiers":6,"keyLabel":"\\"})") << qint64(42) << 6 << "\\";
-    QTest::newRow("unnamed bits survive") << QByteArray(R"({"keyCode":40,"modifiers":255,"keyLabel":"K"})") << qint64(40) << 255 << "K";
-    defaults("nothing stored", QByteArray());
-    defaults("modifiers 300", R"({"keyCode":40,"modifiers":300,"keyLabel":"K"})");
-    defaults("negative modifiers", R"({"keyCode":40,"modifiers":-1,"keyLabel":"K"})");
-    defaults("fractional key code", R"({"keyCode":40.5,"modifiers":6,"keyLabel":"K"})");
-    defaults("no label", R"({"keyCode":40,"modifiers":6})");
-    defaults("label not a string", R"({"keyCode":40,"modifiers":6,"keyLabel":7})");
-    defaults("key code as string", R"({"keyCode":"40","modifiers":6,"keyLabel":"K"})");
-    defaults("command K is invalid", R"({"keyCode":40,"modifiers":1,"keyLabel":"K"})");
-    defaults("empty label is invalid", R"({"keyCode":40,"modifiers":6,"keyLabel":""})");
-    defaults("array", R"([40,6,"K"])");
-    defaults("garbage", "not json at all");
-}
-
-void GlobalShortcutTest::load()
-{
-    QFETCH(QByteArray, stored);
-    QFETCH(qint64, keyCode);
-    QFETCH(int, modifiers);
-    QFETCH(QString, label);
-    QCOMPARE(GlobalShortcut::loadOrDefault(stored), shortcut(keyCode, modifiers, label));
-}
-
-void GlobalShortcutTest::jsonRoundTrip_data()
-{
-    QTest::addColumn<qint64>("keyCode");
-    QTest::addColumn<int>("modifiers");
-    QTest::addColumn<QString>("label");
-    QTest::newRow("default") << qint64(50) << 0 << kBacktick;
-    QTest::newRow("quote and backslash label") << qint64(39) << 6 << "\"\\";
-    QTest::newRow("arrow") << qint64(123) << 15 << QString::fromUtf8("←");
-    QTest::newRow("large key code") << (qint64(1) << 40) << 6 << "X";
-    QTest::newRow("negative key code") << qint64(-7) << 6 << "X";
-}
-
-void GlobalShortcutTest::jsonRoundTrip()
-{
-    QFETCH(qint64, keyCode);
-    QFETCH(int, modifiers);
-    QFETCH(QString, label);
-    const GlobalShortcut s = shortcut(keyCode, modifiers, label);
-    const QByteArray json = s.toJson();
-    QCOMPARE(GlobalShortcut::fromJson(json), std::optional<GlobalShortcut>(s));
-    // Writers keep the documented key order.
-    QVERIFY(json.indexOf("\"keyCode\"") < json.indexOf("\"modifiers\""));
-    QVERIFY(json.indexOf("\"modifiers\"") < json.indexOf("\"keyLabel\""));
-}
 
 QTEST_GUILESS_MAIN(GlobalShortcutTest)
 #include "tst_global_shortcut.moc"

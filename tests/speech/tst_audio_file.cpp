@@ -134,9 +134,7 @@ private Q_SLOTS:
             QVERIFY(QDir().mkpath(path));
         } else if (!name.isEmpty()) {
             path = dir.filePath(name);
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(content);
+            QVERIFY(dictora::test::writeFile(path, content));
         }
         try {
             AudioFile::decodeToMono16k(path);

@@ -174,11 +174,7 @@ private Q_SLOTS:
     {
         QTemporaryDir dir;
         const QString partial = dir.filePath(QStringLiteral("model.bin.partial"));
-        {
-            QFile stale(partial);
-            QVERIFY(stale.open(QIODevice::WriteOnly));
-            stale.write(QByteArray(500000, 'x'));
-        }
+        QVERIFY(test::writeFile(partial, QByteArray(500000, 'x')));
         const QByteArray body = patternBytes(1234);
         m_server.script(QStringLiteral("/fresh"), {HttpAnswer::ok(body)});
         StreamingModelDownloader downloader(partial, 1234, {});

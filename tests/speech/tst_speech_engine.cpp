@@ -121,11 +121,8 @@ private Q_SLOTS:
         QFETCH(bool, exists);
         QTemporaryDir dir;
         const QString bad = dir.filePath(QStringLiteral("bad.bin"));
-        if (exists) {
-            QFile file(bad);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(content);
-        }
+        if (exists)
+            QVERIFY(dictora::test::writeFile(bad, content));
 
         AccurateSpeechEngine engine;
         QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));

@@ -17,11 +17,7 @@ namespace {
 constexpr qint64 kModelBytes = 575451;
 const char *const kModelHash = "c486fb9f14a28b1c1dc252741a431646cc573450c900b9d9c406e10294aa01e6";
 
-struct Run {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
+using Run = dictora::test::ProgramRun;
 
 } // namespace
 
@@ -39,11 +35,7 @@ private:
         const QJsonObject contract{{"fileName", "stand-in.bin"}, {"bytes", kModelBytes}, {"sha256", kModelHash},
             {"url", m_server.url(urlPath).toString()}};
         const QString path = m_home->path() + QStringLiteral("/contract.json");
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            return {};
-        file.write(QJsonDocument(contract).toJson());
-        return path;
+        return dictora::test::writeFile(path, QJsonDocument(contract).toJson()) ? path : QString();
     }
 
     void installModel()
@@ -57,19 +49,10 @@ private:
     // Runs while this thread keeps serving HTTP.
     Run run(const QStringList &arguments, const QString &contract)
     {
-        QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract);
-        process.setProcessEnvironment(environment);
-        QSignalSpy finished(&process, &QProcess::finished);
-        process.start(QStringLiteral(DICTORA_EXECUTABLE), QStringList{QStringLiteral("transcribe")} + arguments);
-        Run result;
-        if (!process.waitForStarted() || !finished.wait(240000))
-            return result;
-        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        result.out = QString::fromUtf8(process.readAllStandardOutput());
-        result.err = QString::fromUtf8(process.readAllStandardError());
-        return result;
+        return dictora::test::runProgram(QStringLiteral(DICTORA_EXECUTABLE),
+            QStringList{QStringLiteral("transcribe")} + arguments, {}, environment, 240000);
     }
 
     std::unique_ptr<dictora::test::IsolatedHome> m_home;
@@ -118,11 +101,8 @@ private Q_SLOTS:
         QFETCH(QByteArray, content);
         installModel();
         const QString path = m_home->path() + QStringLiteral("/input.wav");
-        if (content != "-") {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(content);
-        }
+        if (content != "-")
+            QVERIFY(dictora::test::writeFile(path, content));
         const Run result = run({path}, writeContract(QStringLiteral("/unused")));
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains(path), qPrintable(result.err));
@@ -132,10 +112,7 @@ private Q_SLOTS:
     void malformedContractStopsAtOnce()
     {
         const QString path = m_home->path() + QStringLiteral("/contract.json");
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("{\"fileName\": \"x.bin\", \"bytes\": -5}");
-        file.close();
+        QVERIFY(dictora::test::writeFile(path, "{\"fileName\": \"x.bin\", \"bytes\": -5}"));
         const Run result = run({recording()}, path);
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains(QStringLiteral("The model contract %1 is unusable").arg(path)), qPrintable(result.err));

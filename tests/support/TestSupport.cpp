@@ -45,6 +45,41 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+QStringList logMessages(const QString &logText)
+{
+    QStringList messages;
+    for (const QString &line : logText.split(u'\n', Qt::SkipEmptyParts)) {
+        const qsizetype end = line.startsWith(u'[') ? line.indexOf(QStringLiteral("] ")) : -1;
+        messages.append(end < 0 ? line : line.mid(end + 2));
+    }
+    return messages;
+}
+
+ProgramRun runProgram(const QString &program, const QStringList &arguments, const QByteArray &input,
+    const QProcessEnvironment &environment, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    QSignalSpy finished(&process, &QProcess::finished);
+    process.start(program, arguments);
+    ProgramRun run;
+    if (!process.waitForStarted())
+        return run;
+    process.write(input);
+    process.closeWriteChannel();
+    if (finished.isEmpty() && !finished.wait(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        run.err = QStringLiteral("(timed out)");
+        return run;
+    }
+    if (process.exitStatus() == QProcess::NormalExit)
+        run.exitCode = process.exitCode();
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
 bool writeFile(const QString &path, const QByteArray &bytes)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());

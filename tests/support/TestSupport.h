@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QProcess>
 #include <QString>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -22,6 +23,20 @@ int rigMissing(const char *reason);
 
 // A whole file, or empty when it cannot be read.
 QByteArray readFile(const QString &path);
+// A runtime log's messages, each line's "[time] " prefix removed.
+QStringList logMessages(const QString &logText);
+
+// One run of a program to its end, the event loop served meanwhile (the test
+// may be the HTTP server it talks to). exitCode is -1 when it crashed or
+// timed out.
+struct ProgramRun {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+ProgramRun runProgram(const QString &program, const QStringList &arguments, const QByteArray &input = {},
+    const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), int timeoutMs = 120000);
+
 // Replaces a file (creating its folder); false when it cannot be written.
 bool writeFile(const QString &path, const QByteArray &bytes);
 

@@ -38,235 +38,220 @@ class SnippetsTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void apply_data();
-    void apply();
-    void applyWithoutEntries();
-
-    void storeStartsEmptyWithoutFile();
-    void storeSavesEveryChange();
-    void storeFileFormat();
-    void storeReadsItsOwnFile();
-    void storeAcceptsExtraKeysAndLowerCaseIds();
-    void unreadableFile_data();
-    void unreadableFile();
-    void removeMatchesById();
-    void saveCreatesDirectory();
-    void saveFailureKeepsEntries();
-};
-
-void SnippetsTest::apply_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<TriggerList>("snippets");
-    QTest::addColumn<QString>("expected");
-
-    const auto one = [](const char *trigger, const char *expansion) {
-        return TriggerList{{QString::fromUtf8(trigger), QString::fromUtf8(expansion)}};
-    };
-    QTest::newRow("case-insensitive") << "BTW, it works" << one("btw", "by the way") << "by the way, it works";
-    QTest::newRow("trigger is trimmed") << "Thanks sig" << one("  sig \n", "Best regards.") << "Thanks Best regards.";
-    QTest::newRow("punctuation merge") << "Thanks. Sig." << one("sig", "Best regards.") << "Thanks. Best regards.";
-    QTest::newRow("merge with other marks") << "ok sig?" << one("sig", "Cheers!") << "ok Cheers?";
-    QTest::newRow("no merge without final mark") << "sig." << one("sig", "Cheers") << "Cheers.";
-    QTest::newRow("no merge at the end") << "sig" << one("sig", "Best regards.") << "Best regards.";
-    QTest::newRow("no merge before a letter") << "sigx" << one("sig", "Hi.") << "Hi.x";
-    QTest::newRow("expansion of one mark before a mark") << "a sig, b" << one("sig", ";") << "a , b";
-    QTest::newRow("inside words") << "signal" << one("sig", "X") << "Xnal";
-    QTest::newRow("every occurrence once") << "banana" << one("a", "aa") << "baanaanaa";
-    QTest::newRow("expansion contains trigger") << "lol ok lol" << one("lol", "lol lol") << "lol lol ok lol lol";
-    QTest::newRow("empty expansion is skipped") << "sig here" << one("sig", "") << "sig here";
-    QTest::newRow("blank trigger is skipped") << "a b" << one(" \t ", "x") << "a b";
-    QTest::newRow("no occurrence") << "hello" << one("bye", "x") << "hello";
-    QTest::newRow("empty text") << "" << one("a", "b") << "";
-    QTest::newRow("expansion kept as stored") << "x sig y" << one("sig", "  two  spaces ") << "x   two  spaces  y";
-    QTest::newRow("accented upper case") << QString::fromUtf8("mon ÉCOLE") << one("école", "school") << "mon school";
-    QTest::newRow("Greek sigma") << QString::fromUtf8("ΣΟΦΙΑ") << one("σοφια", "wisdom") << "wisdom";
-    QTest::newRow("diacritics must match") << QString::fromUtf8("école") << one("ecole", "school") << QString::fromUtf8("école");
-    QTest::newRow("half a decomposed letter") << QStringLiteral("cafe\u0301 cafe") << one("cafe", "bar")
-                                              << QStringLiteral("cafe\u0301 bar");
-    QTest::newRow("emoji trigger") << QString::fromUtf8("ship it 🚀!") << one("🚀", "(launch).") << "ship it (launch)!";
-
-    QTest::newRow("overlap, longer first")
-        << "New York and york" << TriggerList{{"new york", "NYC"}, {"york", "Yorkshire"}} << "NYC and Yorkshire";
-    QTest::newRow("overlap, shorter first")
-        << "New York and york" << TriggerList{{"york", "Yorkshire"}, {"new york", "NYC"}}
-        << "NYCshire and Yorkshire"; // the later trigger matches inside the earlier expansion
-    QTest::newRow("later entry matches inside earlier expansion")
-        << "sig" << TriggerList{{"sig", "Best regards"}, {"regards", "wishes"}} << "Best wishes";
-    QTest::newRow("empty entry ignored among others")
-        << "btw" << TriggerList{{"", ""}, {"btw", "by the way"}} << "by the way";
-}
-
-void SnippetsTest::apply()
-{
-    QFETCH(QString, text);
-    QFETCH(TriggerList, snippets);
-    QFETCH(QString, expected);
-    QCOMPARE(SnippetExpander::apply(text, entriesOf(snippets)), expected);
-}
-
-void SnippetsTest::applyWithoutEntries()
-{
-    QCOMPARE(SnippetExpander::apply(QStringLiteral("  as is  "), {}), QStringLiteral("  as is  "));
-}
-
-void SnippetsTest::storeStartsEmptyWithoutFile()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    SnippetStore store(path);
-    QVERIFY(store.entries().isEmpty());
-    QVERIFY(store.loadProblem().isEmpty());
-    QVERIFY(!QFile::exists(path)); // reading never creates the file
-}
-
-void SnippetsTest::storeSavesEveryChange()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    SnippetStore store(path);
-    QSignalSpy changed(&store, &SnippetStore::entriesChanged);
-
-    const SnippetEntry added = store.add();
-    QCOMPARE(store.entries(), SnippetEntries{added});
-    QCOMPARE(SnippetStore::load(path).entries, store.entries()); // empty entry kept on disk
-
-    QVERIFY(store.setTrigger(added.id, QStringLiteral("btw")));
-    QCOMPARE(SnippetStore::load(path).entries.first().trigger, QStringLiteral("btw"));
-    QVERIFY(store.setExpansion(added.id, QStringLiteral("by the way")));
-    QCOMPARE(SnippetStore::load(path).entries, store.entries());
-    QVERIFY(!store.setTrigger(QUuid::createUuid(), QStringLiteral("x")));
-    QCOMPARE(changed.count(), 3);
-}
-
-void SnippetsTest::storeFileFormat()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    SnippetStore store(path);
-    const SnippetEntry entry{QUuid::fromString(QString::fromLatin1(kValidId).toLower()), QStringLiteral("sig"),
-                             QStringLiteral("Best \"regards\"\nJo")};
-    store.setEntries({entry});
-
-    const QByteArray bytes = readFile(path);
-    const QJsonDocument doc = QJsonDocument::fromJson(bytes);
-    QVERIFY(doc.isArray());
-    const QJsonObject object = doc.array().first().toObject();
-    QCOMPARE(object.keys(), (QStringList{"expansion", "id", "trigger"}));
-    QCOMPARE(object.value("id").toString(), QString::fromLatin1(kValidId)); // upper case
-    QCOMPARE(object.value("expansion").toString(), entry.expansion);
-    // Pretty-printed, keys in sorted order in the text itself.
-    QVERIFY(bytes.contains('\n'));
-    QVERIFY(bytes.indexOf("\"expansion\"") < bytes.indexOf("\"id\""));
-    QVERIFY(bytes.indexOf("\"id\"") < bytes.indexOf("\"trigger\""));
-    QCOMPARE(QFile::permissions(path) & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
-}
-
-void SnippetsTest::storeReadsItsOwnFile()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    const SnippetEntries entries = entriesOf({{"btw", "by the way"}, {QString::fromUtf8("😀"), QString::fromUtf8("ümlaut\t")}, {"", ""}});
+    void apply_data()
     {
-        SnippetStore store(path);
-        store.setEntries(entries);
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<TriggerList>("snippets");
+        QTest::addColumn<QString>("expected");
+
+        const auto one = [](const char *trigger, const char *expansion) {
+            return TriggerList{{QString::fromUtf8(trigger), QString::fromUtf8(expansion)}};
+        };
+        QTest::newRow("case-insensitive") << "BTW, it works" << one("btw", "by the way") << "by the way, it works";
+        QTest::newRow("trigger is trimmed") << "Thanks sig" << one("  sig \n", "Best regards.") << "Thanks Best regards.";
+        QTest::newRow("punctuation merge") << "Thanks. Sig." << one("sig", "Best regards.") << "Thanks. Best regards.";
+        QTest::newRow("merge with other marks") << "ok sig?" << one("sig", "Cheers!") << "ok Cheers?";
+        QTest::newRow("no merge without final mark") << "sig." << one("sig", "Cheers") << "Cheers.";
+        QTest::newRow("no merge at the end") << "sig" << one("sig", "Best regards.") << "Best regards.";
+        QTest::newRow("no merge before a letter") << "sigx" << one("sig", "Hi.") << "Hi.x";
+        QTest::newRow("expansion of one mark before a mark") << "a sig, b" << one("sig", ";") << "a , b";
+        QTest::newRow("inside words") << "signal" << one("sig", "X") << "Xnal";
+        QTest::newRow("every occurrence once") << "banana" << one("a", "aa") << "baanaanaa";
+        QTest::newRow("expansion contains trigger") << "lol ok lol" << one("lol", "lol lol") << "lol lol ok lol lol";
+        QTest::newRow("empty expansion is skipped") << "sig here" << one("sig", "") << "sig here";
+        QTest::newRow("blank trigger is skipped") << "a b" << one(" \t ", "x") << "a b";
+        QTest::newRow("no occurrence") << "hello" << one("bye", "x") << "hello";
+        QTest::newRow("empty text") << "" << one("a", "b") << "";
+        QTest::newRow("expansion kept as stored") << "x sig y" << one("sig", "  two  spaces ") << "x   two  spaces  y";
+        QTest::newRow("accented upper case") << QString::fromUtf8("mon ÉCOLE") << one("école", "school") << "mon school";
+        QTest::newRow("Greek sigma") << QString::fromUtf8("ΣΟΦΙΑ") << one("σοφια", "wisdom") << "wisdom";
+        QTest::newRow("diacritics must match") << QString::fromUtf8("école") << one("ecole", "school") << QString::fromUtf8("école");
+        QTest::newRow("half a decomposed letter") << QStringLiteral("cafe\u0301 cafe") << one("cafe", "bar")
+                                                  << QStringLiteral("cafe\u0301 bar");
+        QTest::newRow("emoji trigger") << QString::fromUtf8("ship it 🚀!") << one("🚀", "(launch).") << "ship it (launch)!";
+
+        QTest::newRow("overlap, longer first")
+            << "New York and york" << TriggerList{{"new york", "NYC"}, {"york", "Yorkshire"}} << "NYC and Yorkshire";
+        QTest::newRow("overlap, shorter first")
+            << "New York and york" << TriggerList{{"york", "Yorkshire"}, {"new york", "NYC"}}
+            << "NYCshire and Yorkshire"; // the later trigger matches inside the earlier expansion
+        QTest::newRow("later entry matches inside earlier expansion")
+            << "sig" << TriggerList{{"sig", "Best regards"}, {"regards", "wishes"}} << "Best wishes";
+        QTest::newRow("empty entry ignored among others")
+            << "btw" << TriggerList{{"", ""}, {"btw", "by the way"}} << "by the way";
     }
-    SnippetStore reread(path);
-    QCOMPARE(reread.entries(), entries);
-    QVERIFY(reread.loadProblem().isEmpty());
-}
 
-void SnippetsTest::storeAcceptsExtraKeysAndLowerCaseIds()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    QVERIFY(writeFile(path, "[{\"id\":\"" + kValidId.toLower()
-                               + "\",\"trigger\":\"a\",\"expansion\":\"b\",\"color\":\"red\"}]"));
-    SnippetStore store(path);
-    QCOMPARE(store.entries().size(), 1);
-    QCOMPARE(store.entries().first().id, QUuid::fromString(QLatin1String(kValidId)));
-    QCOMPARE(store.entries().first().expansion, QStringLiteral("b"));
-}
+    void apply()
+    {
+        QFETCH(QString, text);
+        QFETCH(TriggerList, snippets);
+        QFETCH(QString, expected);
+        QCOMPARE(SnippetExpander::apply(text, entriesOf(snippets)), expected);
+    }
 
-void SnippetsTest::unreadableFile_data()
-{
-    QTest::addColumn<QByteArray>("content");
-    QTest::newRow("not JSON") << QByteArray("this is not json");
-    QTest::newRow("truncated") << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":\"a\"");
-    QTest::newRow("object instead of array") << QByteArray("{\"snippets\":[]}");
-    QTest::newRow("missing expansion") << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":\"a\"}]");
-    QTest::newRow("number trigger") << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":1,\"expansion\":\"b\"}]");
-    QTest::newRow("id not a UUID") << QByteArray("[{\"id\":\"abc\",\"trigger\":\"a\",\"expansion\":\"b\"}]");
-    QTest::newRow("braced id") << QByteArray("[{\"id\":\"{" + kValidId + "}\",\"trigger\":\"a\",\"expansion\":\"b\"}]");
-    QTest::newRow("array of numbers") << QByteArray("[1,2]");
-    QTest::newRow("one bad entry spoils all")
-        << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":\"a\",\"expansion\":\"b\"},{}]");
-    QTest::newRow("binary") << QByteArray("\x00\xff\xfe\x01", 4);
-}
+    void applyWithoutEntries()
+    {
+        QCOMPARE(SnippetExpander::apply(QStringLiteral("  as is  "), {}), QStringLiteral("  as is  "));
+    }
 
-void SnippetsTest::unreadableFile()
-{
-    QFETCH(QByteArray, content);
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    QVERIFY(writeFile(path, content));
+    void storeStartsEmptyWithoutFile()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        SnippetStore store(path);
+        QVERIFY(store.entries().isEmpty());
+        QVERIFY(store.loadProblem().isEmpty());
+        QVERIFY(!QFile::exists(path)); // reading never creates the file
+    }
 
-    SnippetStore store(path);
-    QVERIFY(store.entries().isEmpty());
-    QVERIFY(!store.loadProblem().isEmpty());
-    QVERIFY(store.loadProblem().contains(path));
-    QCOMPARE(readFile(path), content); // untouched by reading
+    void storeSavesEveryChange()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        SnippetStore store(path);
+        QSignalSpy changed(&store, &SnippetStore::entriesChanged);
 
-    // The first change writes the new list but keeps the old bytes beside it.
-    store.add();
-    QCOMPARE(SnippetStore::load(path).entries, store.entries());
-    const QStringList kept = QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files);
-    QCOMPARE(kept.size(), 1);
-    QCOMPARE(readFile(dir.filePath(kept.first())), content);
+        const SnippetEntry added = store.add();
+        QCOMPARE(store.entries(), SnippetEntries{added});
+        QCOMPARE(SnippetStore::load(path).entries, store.entries()); // empty entry kept on disk
 
-    // Only once: later changes do not pile up copies.
-    store.add();
-    QCOMPARE(QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files).size(), 1);
-}
+        QVERIFY(store.setTrigger(added.id, QStringLiteral("btw")));
+        QCOMPARE(SnippetStore::load(path).entries.first().trigger, QStringLiteral("btw"));
+        QVERIFY(store.setExpansion(added.id, QStringLiteral("by the way")));
+        QCOMPARE(SnippetStore::load(path).entries, store.entries());
+        QVERIFY(!store.setTrigger(QUuid::createUuid(), QStringLiteral("x")));
+        QCOMPARE(changed.count(), 3);
+    }
 
-void SnippetsTest::removeMatchesById()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("snippets.json"));
-    SnippetStore store(path);
-    SnippetEntries entries = entriesOf({{"a", "1"}, {"b", "2"}, {"c", "3"}});
-    const SnippetEntry twin{entries.at(0).id, QStringLiteral("other"), QStringLiteral("fields")};
-    entries.append(twin);
-    store.setEntries(entries);
+    void storeFileFormat()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        SnippetStore store(path);
+        const SnippetEntry entry{QUuid::fromString(QString::fromLatin1(kValidId).toLower()), QStringLiteral("sig"),
+                                 QStringLiteral("Best \"regards\"\nJo")};
+        store.setEntries({entry});
 
-    store.remove(SnippetEntry{entries.at(0).id, {}, {}}); // fields other than id do not matter
-    QCOMPARE(store.entries(), (SnippetEntries{entries.at(1), entries.at(2)}));
-    QCOMPARE(SnippetStore::load(path).entries, store.entries());
+        const QByteArray bytes = readFile(path);
+        const QJsonDocument doc = QJsonDocument::fromJson(bytes);
+        QVERIFY(doc.isArray());
+        const QJsonObject object = doc.array().first().toObject();
+        QCOMPARE(object.keys(), (QStringList{"expansion", "id", "trigger"}));
+        QCOMPARE(object.value("id").toString(), QString::fromLatin1(kValidId)); // upper case
+        QCOMPARE(object.value("expansion").toString(), entry.expansion);
+        // Pretty-printed, keys in sorted order in the text itself.
+        QVERIFY(bytes.contains('\n'));
+        QVERIFY(bytes.indexOf("\"expansion\"") < bytes.indexOf("\"id\""));
+        QVERIFY(bytes.indexOf("\"id\"") < bytes.indexOf("\"trigger\""));
+        QCOMPARE(QFile::permissions(path) & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
+    }
 
-    QVERIFY(QFile::remove(path));
-    store.remove(SnippetEntry::create()); // not in the list: still saves
-    QCOMPARE(SnippetStore::load(path).entries, store.entries());
-}
+    void storeReadsItsOwnFile()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        const SnippetEntries entries = entriesOf({{"btw", "by the way"}, {QString::fromUtf8("😀"), QString::fromUtf8("ümlaut\t")}, {"", ""}});
+        {
+            SnippetStore store(path);
+            store.setEntries(entries);
+        }
+        SnippetStore reread(path);
+        QCOMPARE(reread.entries(), entries);
+        QVERIFY(reread.loadProblem().isEmpty());
+    }
 
-void SnippetsTest::saveCreatesDirectory()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("a/b/Dictora/snippets.json"));
-    SnippetStore store(path);
-    store.add();
-    QVERIFY(QFile::exists(path));
-    QVERIFY(store.lastSaveError().isEmpty());
-}
+    void storeAcceptsExtraKeysAndLowerCaseIds()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        QVERIFY(writeFile(path, "[{\"id\":\"" + kValidId.toLower()
+                                   + "\",\"trigger\":\"a\",\"expansion\":\"b\",\"color\":\"red\"}]"));
+        SnippetStore store(path);
+        QCOMPARE(store.entries().size(), 1);
+        QCOMPARE(store.entries().first().id, QUuid::fromString(QLatin1String(kValidId)));
+        QCOMPARE(store.entries().first().expansion, QStringLiteral("b"));
+    }
 
-void SnippetsTest::saveFailureKeepsEntries()
-{
-    QTemporaryDir dir;
-    QVERIFY(writeFile(dir.filePath(QStringLiteral("blocker")), "a file where a folder should be"));
-    SnippetStore store(dir.filePath(QStringLiteral("blocker/snippets.json")));
-    const SnippetEntry added = store.add();
-    QCOMPARE(store.entries(), SnippetEntries{added});
-    QVERIFY(!store.lastSaveError().isEmpty());
-}
+    void unreadableFile_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("not JSON") << QByteArray("this is not json");
+        QTest::newRow("truncated") << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":\"a\"");
+        QTest::newRow("object instead of array") << QByteArray("{\"snippets\":[]}");
+        QTest::newRow("missing expansion") << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":\"a\"}]");
+        QTest::newRow("number trigger") << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":1,\"expansion\":\"b\"}]");
+        QTest::newRow("id not a UUID") << QByteArray("[{\"id\":\"abc\",\"trigger\":\"a\",\"expansion\":\"b\"}]");
+        QTest::newRow("braced id") << QByteArray("[{\"id\":\"{" + kValidId + "}\",\"trigger\":\"a\",\"expansion\":\"b\"}]");
+        QTest::newRow("array of numbers") << QByteArray("[1,2]");
+        QTest::newRow("one bad entry spoils all")
+            << QByteArray("[{\"id\":\"" + kValidId + "\",\"trigger\":\"a\",\"expansion\":\"b\"},{}]");
+        QTest::newRow("binary") << QByteArray("\x00\xff\xfe\x01", 4);
+    }
+
+    void unreadableFile()
+    {
+        QFETCH(QByteArray, content);
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        QVERIFY(writeFile(path, content));
+
+        SnippetStore store(path);
+        QVERIFY(store.entries().isEmpty());
+        QVERIFY(!store.loadProblem().isEmpty());
+        QVERIFY(store.loadProblem().contains(path));
+        QCOMPARE(readFile(path), content); // untouched by reading
+
+        // The first change writes the new list but keeps the old bytes beside it.
+        store.add();
+        QCOMPARE(SnippetStore::load(path).entries, store.entries());
+        const QStringList kept = QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files);
+        QCOMPARE(kept.size(), 1);
+        QCOMPARE(readFile(dir.filePath(kept.first())), content);
+
+        // Only once: later changes do not pile up copies.
+        store.add();
+        QCOMPARE(QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files).size(), 1);
+    }
+
+    void removeMatchesById()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("snippets.json"));
+        SnippetStore store(path);
+        SnippetEntries entries = entriesOf({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+        const SnippetEntry twin{entries.at(0).id, QStringLiteral("other"), QStringLiteral("fields")};
+        entries.append(twin);
+        store.setEntries(entries);
+
+        store.remove(SnippetEntry{entries.at(0).id, {}, {}}); // fields other than id do not matter
+        QCOMPARE(store.entries(), (SnippetEntries{entries.at(1), entries.at(2)}));
+        QCOMPARE(SnippetStore::load(path).entries, store.entries());
+
+        QVERIFY(QFile::remove(path));
+        store.remove(SnippetEntry::create()); // not in the list: still saves
+        QCOMPARE(SnippetStore::load(path).entries, store.entries());
+    }
+
+    void saveCreatesDirectory()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("a/b/Dictora/snippets.json"));
+        SnippetStore store(path);
+        store.add();
+        QVERIFY(QFile::exists(path));
+        QVERIFY(store.lastSaveError().isEmpty());
+    }
+
+    void saveFailureKeepsEntries()
+    {
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.filePath(QStringLiteral("blocker")), "a file where a folder should be"));
+        SnippetStore store(dir.filePath(QStringLiteral("blocker/snippets.json")));
+        const SnippetEntry added = store.add();
+        QCOMPARE(store.entries(), SnippetEntries{added});
+        QVERIFY(!store.lastSaveError().isEmpty());
+    }
+};
 
 QTEST_GUILESS_MAIN(SnippetsTest)
 #include "tst_snippets.moc"

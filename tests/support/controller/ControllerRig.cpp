@@ -1,4 +1,5 @@
 #include "support/controller/ControllerRig.h"
+#include "support/TestSupport.h"
 
 #include <QFile>
 #include <QSignalSpy>
@@ -121,10 +122,8 @@ ControllerRig::ControllerRig(bool onboarded)
 {
     log.install();
     preferences.setHasCompletedOnboarding(onboarded);
-    QFile f(dir.filePath(QStringLiteral("snippets.json")));
-    if (f.open(QIODevice::WriteOnly))
-        f.write(R"([{"id":"7B0D7A52-3C4B-4E8A-9B1C-2D3E4F5A6B7C","trigger":"my address","expansion":"1 Main Street"}])");
-    f.close();
+    writeFile(dir.filePath(QStringLiteral("snippets.json")),
+        R"([{"id":"7B0D7A52-3C4B-4E8A-9B1C-2D3E4F5A6B7C","trigger":"my address","expansion":"1 Main Street"}])");
     snippets = std::make_unique<SnippetStore>(dir.filePath(QStringLiteral("snippets.json")));
     build();
 }
@@ -145,13 +144,7 @@ TranscriptJournal ControllerRig::journal() const
 
 QStringList ControllerRig::logMessages() const
 {
-    QFile f(log.filePath());
-    if (!f.open(QIODevice::ReadOnly))
-        return {};
-    QStringList out;
-    for (const QString &line : QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-        out << line.mid(line.indexOf(QLatin1String("] ")) + 2);
-    return out;
+    return test::logMessages(QString::fromUtf8(readFile(log.filePath())));
 }
 
 bool ControllerRig::dictate()

@@ -68,8 +68,10 @@ public:
     std::optional<PasteTarget> target = PasteTarget{
         TargetApplication{QStringLiteral("Mousepad"), QStringLiteral("Mousepad"), 4242}, {77}};
     QStringList pasted;
+    QString error; // non-empty: the desktop refused the keystroke
     std::optional<PasteTarget> captureTarget() override { return target; }
     void paste(const QString &text, const PasteTarget &, Pasted done) override;
+    QString lastPasteError() const override { return error; }
 };
 
 class FakeShortcut : public ShortcutBackend {
