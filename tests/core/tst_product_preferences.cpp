@@ -94,11 +94,13 @@ private Q_SLOTS:
         QFETCH(QStringList, vocabulary);
         writeIni(ini);
         QSettings s(iniPath(), QSettings::IniFormat);
-        ProductPreferences p(s);
-        QCOMPARE(p.language(), language);
-        QCOMPARE(p.vocabulary(), vocabulary);
-        p.setLanguage(QStringLiteral("de"));
-        p.setVocabulary(vocabulary + QStringList{" Dictora ", ""});
+        {
+            ProductPreferences p(s);
+            QCOMPARE(p.language(), language);
+            QCOMPARE(p.vocabulary(), vocabulary);
+            p.setLanguage(QStringLiteral("de"));
+            p.setVocabulary(vocabulary + QStringList{" Dictora ", ""});
+        } // written by the time it is gone
         ProductPreferences reread(s);
         QCOMPARE(reread.language(), QStringLiteral("de"));
         QCOMPARE(reread.vocabulary(), vocabulary + QStringList{"Dictora"});

@@ -40,7 +40,7 @@ private Q_SLOTS:
         // Picking another is stored at once; the system default stores nothing.
         for (const int index : {2, 0}) {
             Q_EMIT sheet.microphoneBox()->activated(index);
-            QCOMPARE(ProductPreferences(settings).microphoneSource(), index == 2 ? QStringLiteral("builtin") : QString());
+            QTRY_COMPARE(ProductPreferences(settings).microphoneSource(), index == 2 ? QStringLiteral("builtin") : QString());
         }
         sheet.showLevel(0.42f);
         QCOMPARE(sheet.levelMeter()->value(), 42);
