@@ -27,10 +27,10 @@ AudioCaptureThread::~AudioCaptureThread()
 }
 
 template<typename Work, typename Done>
-void AudioCaptureThread::request(Work work, Done done)
+void AudioCaptureThread::request(Work work, Done done, int delayMs)
 {
     QPointer<AudioCaptureThread> self(this);
-    QMetaObject::invokeMethod(m_service, [self, service = m_service, work = std::move(work), done = std::move(done)]() mutable {
+    auto run = [self, service = m_service, work = std::move(work), done = std::move(done)]() mutable {
         auto result = work(*service);
         if (!self)
             return;
@@ -38,6 +38,12 @@ void AudioCaptureThread::request(Work work, Done done)
             if (done)
                 done(std::move(result));
         }, Qt::QueuedConnection);
+    };
+    QMetaObject::invokeMethod(m_service, [service = m_service, delayMs, run = std::move(run)]() mutable {
+        if (delayMs > 0)
+            QTimer::singleShot(delayMs, service, std::move(run));
+        else
+            run();
     }, Qt::QueuedConnection);
 }
 
@@ -57,24 +63,7 @@ void AudioCaptureThread::start(AudioMeterCallback onMeterLevels, AudioSampleSink
 
 void AudioCaptureThread::stop(Stopped done, int tailMilliseconds)
 {
-    if (tailMilliseconds <= 0) {
-        request([](AudioCaptureService &service) { return service.stop(); }, std::move(done));
-        return;
-    }
-    // A timer on the capture thread, not a sleep: a cancel or another request
-    // in the meantime still runs in its turn.
-    QPointer<AudioCaptureThread> self(this);
-    QMetaObject::invokeMethod(m_service, [self, service = m_service, tailMilliseconds, done = std::move(done)]() mutable {
-        QTimer::singleShot(tailMilliseconds, service, [self, service, done = std::move(done)]() mutable {
-            CapturedAudioResult result = service->stop();
-            if (!self)
-                return;
-            QMetaObject::invokeMethod(self.data(), [done = std::move(done), result = std::move(result)]() mutable {
-                if (done)
-                    done(std::move(result));
-            }, Qt::QueuedConnection);
-        });
-    }, Qt::QueuedConnection);
+    request([](AudioCaptureService &service) { return service.stop(); }, std::move(done), tailMilliseconds);
 }
 
 void AudioCaptureThread::cancel()

@@ -50,7 +50,9 @@ Q_SIGNALS:
 private:
     // Runs work(service) on the capture thread and done(result) back here.
     template<typename Work, typename Done>
-    void request(Work work, Done done);
+    // `delayMs`: run on a timer of the capture thread, not a sleep, so a
+    // cancel or another request in the meantime still runs in its turn.
+    void request(Work work, Done done, int delayMs = 0);
 
     QThread m_thread;
     AudioCaptureService *m_service; // lives on m_thread and is deleted there
