@@ -71,10 +71,9 @@ if(NOT EXISTS "${_stamp}")
   file(WRITE "${_stamp}" "${DICTORA_WHISPER_SHA512}\n")
 endif()
 
-include(${CMAKE_CURRENT_LIST_DIR}/WhisperAbort.cmake)
-dictora_patch_whisper_abort("${_src}/src/whisper.cpp" _abort_patch)
-dictora_patch_ggml_chunk_abort("${_src}/ggml/src/ggml-cpu/ggml-cpu.c" _chunk_patch)
-message(STATUS "Dictora: abort inside whisper's graph computations (${_abort_patch}; between chunks: ${_chunk_patch})")
+include(${CMAKE_CURRENT_LIST_DIR}/WhisperPatches.cmake)
+dictora_patch_whisper("${_src}" _patches)
+message(STATUS "Dictora: whisper.cpp patches: ${_patches}")
 
 # Without the Vulkan headers or glslc the build still works, CPU only.
 set(_vulkan ${DICTORA_WHISPER_VULKAN})

@@ -2,7 +2,7 @@
 // its precision and recall over speech frames, the seconds sent to the
 // recogniser against the seconds recorded, and the detector's own cost per
 // minute of audio. Then the speech path as a dictation runs it (the chunker
-// fed as captured), on this machine's CPU with the turbo-shaped test model,
+// fed as captured), on this machine's CPU (or DICTORA_SPEECH_DEVICE) with the turbo-shaped test model,
 // whose encoder costs what the real one does: the wait from the stop press to
 // the text for 5 s of speech inside a 20 s recording, with the voice gate off
 // (the whole recording recognised) and on (speech only); and, over a few
@@ -11,6 +11,7 @@
 #include "speech/AccurateSpeechEngine.h"
 #include "speech/ChunkedTranscription.h"
 #include "speech/RecognizerLogging.h"
+#include "speech/SpeechDevice.h"
 #include "support/SpeechScenes.h"
 
 #include <QCoreApplication>
@@ -117,7 +118,8 @@ int main(int argc, char **argv)
         perMinute, minute.seconds(), openMs);
 
     const QString recogniserModel = data + QStringLiteral("/models/for-tests-ggml-large-v3-turbo-q5_0.bin");
-    AccurateSpeechEngine engine(SpeechDevicePreference::cpu);
+    // The CPU unless DICTORA_SPEECH_DEVICE names another (gpu on a machine that has one).
+    AccurateSpeechEngine engine(speechDevicePreferenceFromEnvironment(SpeechDevicePreference::cpu));
     try {
         engine.load(recogniserModel).waitForFinished();
     } catch (...) {
@@ -135,9 +137,10 @@ int main(int argc, char **argv)
     const int runs = qEnvironmentVariableIsSet("DICTORA_BENCH_RUNS")
         ? std::max(1, qEnvironmentVariableIntValue("DICTORA_BENCH_RUNS")) : 2;
     std::printf("time after the stop press to the final text, %.1f s recording with %.1f s of speech "
-                "(streamed as captured, %d threads, CPU, test model without weights, %d runs):\n",
+                "(streamed as captured, %d threads, on %s, test model without weights, %d runs):\n",
         twenty.seconds(), double(five.size()) / 16000,
-        AccurateSpeechEngine::threadCountFor(AccurateSpeechEngine::activeProcessorCount()), runs);
+        AccurateSpeechEngine::threadCountFor(AccurateSpeechEngine::activeProcessorCount()),
+        qPrintable(engine.deviceName()), runs);
     for (const bool gated : {false, true}) {
         std::vector<double> waits;
         qint64 sent = 0;

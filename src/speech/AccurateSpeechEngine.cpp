@@ -91,6 +91,8 @@ void SerialWorkQueue::run()
 AccurateSpeechEngine::AccurateSpeechEngine(SpeechDevicePreference preference, LogSink log, DeviceLister devices)
     : m_preference(preference), m_log(std::move(log)), m_devices(std::move(devices)), m_queue(kQueueLabel)
 {
+    if (preference == SpeechDevicePreference::software)
+        exposeSoftwareVulkanDevice();
     loadGgmlBackends(); // once per process; nothing to do in a native build
 }
 

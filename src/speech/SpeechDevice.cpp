@@ -4,6 +4,15 @@
 
 #include <ggml-backend.h>
 
+#ifdef DICTORA_HAS_VULKAN
+#include <vulkan/vulkan.h>
+
+#include <dlfcn.h>
+#endif
+
+#include <cstdlib>
+#include <mutex>
+
 namespace dictora {
 
 std::optional<SpeechDevicePreference> speechDevicePreferenceFromString(const QString &text)
@@ -119,8 +128,77 @@ QList<QPair<QString, QString>> usableGpus(const QList<ComputeDevice> &devices)
     return gpus;
 }
 
+namespace {
+
+#ifdef DICTORA_HAS_VULKAN
+// The index of the first CPU-type device in the loader's order, which is the
+// order ggml's own instance sees; -1 without one. The loader is opened for
+// this alone, so that a build without a Vulkan driver pays nothing.
+int softwareVulkanDeviceIndex()
+{
+    void *loader = dlopen("libvulkan.so.1", RTLD_NOW | RTLD_LOCAL);
+    if (!loader)
+        return -1;
+    const auto getProc = reinterpret_cast<PFN_vkGetInstanceProcAddr>(dlsym(loader, "vkGetInstanceProcAddr"));
+    const auto create = getProc ? reinterpret_cast<PFN_vkCreateInstance>(getProc(nullptr, "vkCreateInstance")) : nullptr;
+    int found = -1;
+    VkInstance instance = VK_NULL_HANDLE;
+    VkApplicationInfo app{};
+    app.sType = VK_STRUCTURE_TYPE_APPLICATION_INFO;
+    app.apiVersion = VK_API_VERSION_1_2;
+    VkInstanceCreateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO;
+    info.pApplicationInfo = &app;
+    if (create && create(&info, nullptr, &instance) == VK_SUCCESS) {
+        const auto enumerate = reinterpret_cast<PFN_vkEnumeratePhysicalDevices>(
+            getProc(instance, "vkEnumeratePhysicalDevices"));
+        const auto properties = reinterpret_cast<PFN_vkGetPhysicalDeviceProperties>(
+            getProc(instance, "vkGetPhysicalDeviceProperties"));
+        const auto destroy = reinterpret_cast<PFN_vkDestroyInstance>(getProc(instance, "vkDestroyInstance"));
+        uint32_t count = 0;
+        if (enumerate && properties && enumerate(instance, &count, nullptr) == VK_SUCCESS && count > 0) {
+            std::vector<VkPhysicalDevice> devices(count);
+            if (enumerate(instance, &count, devices.data()) == VK_SUCCESS) {
+                for (uint32_t i = 0; i < count && found < 0; ++i) {
+                    VkPhysicalDeviceProperties props{};
+                    properties(devices[i], &props);
+                    if (props.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)
+                        found = int(i);
+                }
+            }
+        }
+        if (destroy)
+            destroy(instance, nullptr);
+    }
+    dlclose(loader);
+    return found;
+}
+#endif
+
+} // namespace
+
+bool exposeSoftwareVulkanDevice()
+{
+#ifdef DICTORA_HAS_VULKAN
+    static bool exposed = false;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (qEnvironmentVariableIsSet("GGML_VK_VISIBLE_DEVICES"))
+            return; // the user's own choice stands
+        const int index = softwareVulkanDeviceIndex();
+        if (index >= 0)
+            exposed = qputenv("GGML_VK_VISIBLE_DEVICES", QByteArray::number(index));
+    });
+    return exposed;
+#else
+    return false;
+#endif
+}
+
 QList<ComputeDevice> availableComputeDevices()
 {
+    if (speechDevicePreferenceFromEnvironment(SpeechDevicePreference::automatic) == SpeechDevicePreference::software)
+        exposeSoftwareVulkanDevice();
     // The portable build's back-ends are modules: none is listed before they load.
     loadGgmlBackends();
     QList<ComputeDevice> devices;

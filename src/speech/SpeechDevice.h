@@ -64,4 +64,11 @@ bool isSoftwareRasteriser(const ComputeDevice &device);
 // initialises those back-ends (with Vulkan: creates an instance).
 QList<ComputeDevice> availableComputeDevices();
 
+// ggml's Vulkan back-end leaves CPU-type devices (Mesa's lavapipe) out of its
+// list. Asked for the software device, this names it to the back-end instead
+// (GGML_VK_VISIBLE_DEVICES), which only works before the back-ends first start:
+// the engine calls it when built with `software`, and availableComputeDevices()
+// when DICTORA_SPEECH_DEVICE says so. Returns whether one was named.
+bool exposeSoftwareVulkanDevice();
+
 } // namespace dictora
