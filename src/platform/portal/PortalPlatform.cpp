@@ -87,10 +87,41 @@ bool hasRemoteDesktopPortal()
                QLatin1String(portal::RemoteDesktopKeystrokeSender::kInterface)) > 0;
 }
 
+namespace {
+
+// The keybinding an older GNOME needed would now fire beside the portal's.
+void removeOldGnomeKeybinding(portal::PortalShortcutBackend &backend)
+{
+    auto *raw = &backend;
+    QObject::connect(raw, &ShortcutBackend::installationChanged, raw, [raw] {
+        static bool removed = false;
+        if (removed || raw->stage() != portal::PortalShortcutBackend::Stage::bound)
+            return;
+        removed = true;
+        QThreadPool::globalInstance()->start([] {
+            if (!portal::GnomeKeybinding::installedAccelerator().isEmpty())
+                portal::GnomeKeybinding::remove();
+        });
+    });
+}
+
+} // namespace
+
 std::unique_ptr<ShortcutBackend> createPortalShortcutBackend(QObject *parent)
 {
-    // The desktop matches the symbol its active layout types, so every layout
-    // the user switches to gets its own trigger, also one added later.
+    if (portal::currentDesktop() == portal::Desktop::gnome) {
+        // GNOME takes the physical key itself: the same trigger on every layout.
+        auto backend = std::make_unique<portal::PortalShortcutBackend>(QDBusConnection::sessionBus(),
+            [](const GlobalShortcut &shortcut) -> std::optional<QStringList> {
+                const std::optional<QString> keycode = portal::keycodeTrigger(shortcut);
+                return keycode ? QStringList{*keycode} : QStringList();
+            },
+            parent);
+        removeOldGnomeKeybinding(*backend);
+        return backend;
+    }
+    // Elsewhere the desktop matches the symbol its active layout types, so every
+    // layout the user switches to gets its own trigger, also one added later.
     portal::LayoutWatch &layouts = portal::LayoutWatch::instance();
     auto backend = std::make_unique<portal::PortalShortcutBackend>(QDBusConnection::sessionBus(),
         [&layouts](const GlobalShortcut &shortcut) -> std::optional<QStringList> {
@@ -101,20 +132,6 @@ std::unique_ptr<ShortcutBackend> createPortalShortcutBackend(QObject *parent)
         },
         parent);
     QObject::connect(&layouts, &portal::LayoutWatch::changed, backend.get(), &portal::PortalShortcutBackend::triggersChanged);
-    // The keybinding an older GNOME needed would now fire beside the portal's.
-    if (portal::currentDesktop() == portal::Desktop::gnome) {
-        auto *raw = backend.get();
-        QObject::connect(raw, &ShortcutBackend::installationChanged, raw, [raw] {
-            static bool removed = false;
-            if (removed || raw->stage() != portal::PortalShortcutBackend::Stage::bound)
-                return;
-            removed = true;
-            QThreadPool::globalInstance()->start([] {
-                if (!portal::GnomeKeybinding::installedAccelerator().isEmpty())
-                    portal::GnomeKeybinding::remove();
-            });
-        });
-    }
     return backend;
 }
 

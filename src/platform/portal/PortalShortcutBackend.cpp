@@ -9,6 +9,9 @@
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
+#include <QRegularExpression>
+#include <QSet>
 #include <QThread>
 
 namespace dictora::portal {
@@ -263,22 +266,31 @@ void PortalShortcutBackend::triggersChanged()
     QStringList ids;
     for (const QString &trigger : *triggers)
         ids << idFor(trigger);
-    const bool known = std::all_of(ids.cbegin(), ids.cend(), [&](const QString &id) { return m_listed.contains(id); });
-    if (m_stage != Stage::idle && known)
+    // The session holds exactly what the layouts call for: a trigger kept
+    // from another layout can hold the key on GNOME, which grabs by key.
+    const auto asSet = [](const QStringList &list) { return QSet<QString>(list.cbegin(), list.cend()); };
+    if (m_stage != Stage::idle && asSet(ids) == asSet(m_ids))
         return;
     m_retry.stop();
     m_retryDelayMs = 0;
-    // A fresh session: some desktops bind only once per session.
     m_rebinding = m_stage == Stage::bound;
-    closeSession();
     m_boundThisRun = false;
-    begin(false);
+    m_stage = Stage::creatingSession;
+    const uint generation = ++m_generation;
+    // A fresh session, bound even where the desktop lists the entries:
+    // GNOME grabs a session's keys only when it is asked to bind them.
+    closeSession([this, generation] {
+        if (generation == m_generation)
+            begin(true);
+    });
 }
 
 void PortalShortcutBackend::createSession()
 {
     m_stage = Stage::creatingSession;
     const uint generation = m_generation;
+    // The same token every time: after the portal restarts, GNOME's back-end
+    // still holds the old session's grab, and only a session on its path gets the key.
     PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
         {{QStringLiteral("session_handle_token"), QLatin1String(kSessionToken)}}, this,
         [this, generation](ResponseCode code, const QVariantMap &results) {
@@ -369,7 +381,11 @@ bool PortalShortcutBackend::takeShortcuts(const QVariant &shortcuts)
             continue;
         m_listed << entry.id;
         found = true;
-        const QString description = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
+        QString description = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
+        // A key bound by its keycode is described by it ("Press 0x31"): say the key's own name.
+
+        if (m_wanted && description.contains(QLatin1String("0x")))
+            description.replace(QRegularExpression(QStringLiteral("\\b0x[0-9a-fA-F]+\\b")), m_wanted->keyLabel);
         if (!description.isEmpty() && !descriptions.contains(description))
             descriptions << description;
     }
@@ -425,14 +441,25 @@ void PortalShortcutBackend::forgetSession()
     m_keyDown = false;
 }
 
-void PortalShortcutBackend::closeSession()
+void PortalShortcutBackend::closeSession(std::function<void()> then)
 {
-    if (m_session.isEmpty())
+    if (m_session.isEmpty()) {
+        if (then)
+            then();
         return;
+    }
     QDBusMessage close = QDBusMessage::createMethodCall(QLatin1String(kService), m_session,
         QLatin1String(kSessionInterface), QStringLiteral("Close"));
     forgetSession();
-    m_connection.asyncCall(close);
+    const QDBusPendingCall pending = m_connection.asyncCall(close);
+    if (!then)
+        return;
+    // Answered or not (a portal that went away), the old session is over.
+    auto *watcher = new QDBusPendingCallWatcher(pending, this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, then = std::move(then)] {
+        watcher->deleteLater();
+        then();
+    });
 }
 
 // Activated and Deactivated carry (session o, shortcut id s, timestamp t, options a{sv}).

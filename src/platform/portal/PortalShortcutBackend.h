@@ -51,9 +51,9 @@ public:
     // offers its own dialog for that.
     void askAgain();
 
-    // The user's layouts changed: a trigger the desktop does not know yet is
-    // bound in a fresh session (one entry per trigger, so the desktop keeps
-    // the others as they are).
+    // The user's layouts changed: when they call for other triggers, those
+    // are bound in a fresh session, opened once the old one has closed (one
+    // entry per trigger, so the desktop keeps the others as they are).
     void triggersChanged();
 
     Stage stage() const { return m_stage; }
@@ -78,7 +78,8 @@ private:
     void settle();
     void fail(Stage stage, const QString &reason);
     void forgetSession();
-    void closeSession();
+    // `then` runs once the desktop has closed it (at once without a session).
+    void closeSession(std::function<void()> then = {});
     bool isOurs(const QDBusMessage &message) const;
     QString idFor(const QString &trigger) const;
 

@@ -69,6 +69,15 @@ std::optional<QString> preferredTrigger(const GlobalShortcut &shortcut)
     return withModifiers(shortcut, *key);
 }
 
+std::optional<QString> keycodeTrigger(const GlobalShortcut &shortcut)
+{
+    const std::optional<int> evdev = KeyCodes::evdevFromKeyCode(shortcut.keyCode);
+    if (!evdev)
+        return std::nullopt;
+    constexpr int kX11Offset = 8; // X keycodes are evdev codes plus 8
+    return withModifiers(shortcut, QStringLiteral("0x%1").arg(*evdev + kX11Offset, 0, 16));
+}
+
 QStringList preferredTriggers(const GlobalShortcut &shortcut, const QList<LayoutName> &layouts)
 {
     QStringList triggers;

@@ -20,6 +20,13 @@ std::optional<QString> preferredTrigger(const GlobalShortcut &shortcut);
 // below Escape needs one trigger per symbol to fire on every layout.
 QStringList preferredTriggers(const GlobalShortcut &shortcut, const QList<LayoutName> &layouts);
 
+// The physical key as GNOME's accelerator syntax also takes it: its X keycode
+// in hexadecimal ("0x31" for the key below Escape). Mutter matches that on
+// every layout alike, so one trigger serves them all and none is ever
+// re-grabbed when the layouts change (a grab released after a layout change
+// can stay behind in mutter and hold the key against every later grab).
+std::optional<QString> keycodeTrigger(const GlobalShortcut &shortcut);
+
 // The key's xkb keysym name on a US layout ("grave", "k", "F5").
 std::optional<QString> keysymName(int evdevCode);
 

@@ -18,7 +18,9 @@ screen_shot() {
 }
 begin() { CASE=$1; say "---- $CASE"; }
 show_logs() {
-  echo "   -- runtime.log (last 25 lines):"; tail -25 "$DLOG" 2>/dev/null | sed 's/^/   /'
+  cp "$DLOG" "$LAB_LOGS/runtime-${#FAILED[@]}.log" 2>/dev/null
+  echo "   -- runtime.log (last 25 lines; whole: $LAB_LOGS/runtime-${#FAILED[@]}.log):"; tail -25 "$DLOG" 2>/dev/null | sed 's/^/   /'
+  [ "$DESK" = gnome ] && { echo "   -- GNOME's global shortcuts:"; lab_run dconf dump /org/gnome/settings-daemon/global-shortcuts/ 2>&1 | sed 's/^/   /'; }
   echo "   -- portal (last 10 lines):"; grep -v '^$' "$LAB_LOGS/xdg-desktop-portal.log" 2>/dev/null | tail -10 | sed 's/^/   /'
 }
 
