@@ -97,9 +97,6 @@ private Q_SLOTS:
             QVERIFY(bytes.indexOf(key) > last);
             last = bytes.indexOf(key);
         }
-        QCOMPARE(top.value("productName").toString(), QStringLiteral("Dictora"));
-        QCOMPARE(top.value("productVersion").toString(), QStringLiteral("3.1.1"));
-        QCOMPARE(top.value("formatVersion").toInt(), 1);
         QCOMPARE(qint64(top.value("exportedAt").toDouble()), 1767225600123LL);
         QCOMPARE(TranscriptHistoryArchive::fromJson(bytes), std::optional<TranscriptHistoryArchive>(archive));
     }
