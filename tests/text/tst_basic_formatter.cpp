@@ -68,6 +68,8 @@ private Q_SLOTS:
         QTest::newRow("lone to where two is expected is taken")
             << "here are bullet points one talk to Anna three call Bob"
             << "Here are some bullet points:\n\n1. Talk\n2. Anna\n3. Call Bob";
+        QTest::newRow("too is no marker")
+            << "here are bullet points one me too two you" << "Here are some bullet points:\n\n1. Me too\n2. You";
         QTest::newRow("to after item two is skipped")
             << "here are numbered points one wake up two go to work three sleep"
             << "Here are some numbered points:\n\n1. Wake up\n2. Go to work\n3. Sleep";
