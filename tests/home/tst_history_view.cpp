@@ -196,7 +196,6 @@ private Q_SLOTS:
         for (int i = 1; i < year->count(); ++i)
             years << year->itemData(i).toInt();
         QCOMPARE(years, m_store->availableFilterYears());
-        QVERIFY(years.contains(2024) && years.contains(2025) && years.contains(QDate::currentDate().year()));
 
         // The store drives the controls back.
         m_store->setFilterDay(5);
