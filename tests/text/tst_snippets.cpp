@@ -129,10 +129,7 @@ private Q_SLOTS:
         QCOMPARE(object.keys(), (QStringList{"expansion", "id", "trigger"}));
         QCOMPARE(object.value("id").toString(), QString::fromLatin1(kValidId)); // upper case
         QCOMPARE(object.value("expansion").toString(), entry.expansion);
-        // Pretty-printed, keys in sorted order in the text itself.
-        QVERIFY(bytes.contains('\n'));
-        QVERIFY(bytes.indexOf("\"expansion\"") < bytes.indexOf("\"id\""));
-        QVERIFY(bytes.indexOf("\"id\"") < bytes.indexOf("\"trigger\""));
+        QVERIFY(bytes.contains('\n')); // pretty-printed
         QCOMPARE(QFile::permissions(path) & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
     }
 
