@@ -162,9 +162,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("message");
-        QTest::newRow("garbage") << "garbage" << "not JSON";
         QTest::newRow("huge") << "huge" << "1073741824 bytes is far too large";
-        QTest::newRow("invalid utf-8") << "invalid utf-8" << "not JSON";
         QTest::newRow("deep nesting") << "deep nesting" << "not JSON";
     }
     void modelContract()
@@ -230,7 +228,6 @@ private Q_SLOTS:
         QTest::newRow("flac stream info zeroed") << "flac" << "zero channels" << 1 << "could not be read as audio";
         QTest::newRow("ogg truncated") << "ogg" << "truncate" << 1 << "holds no audio that could be decoded";
         QTest::newRow("ogg zero channels") << "ogg" << "zero channels" << 1 << "could not be read as audio";
-        QTest::newRow("empty file") << "wav" << "empty" << 1 << "could not be read as audio";
     }
     void audioFiles()
     {
@@ -250,8 +247,6 @@ private Q_SLOTS:
         QVERIFY(bytes.size() > 1000);
         if (damage == QLatin1String("truncate")) {
             bytes.truncate(bytes.size() / 2);
-        } else if (damage == QLatin1String("empty")) {
-            bytes.clear();
         } else if (format == QLatin1String("wav")) {
             // 16-bit mono from sox: "fmt " at 12, channels at 22, "data" size at 40.
             QCOMPARE(bytes.mid(36, 4), QByteArray("data"));

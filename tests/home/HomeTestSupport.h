@@ -1,6 +1,7 @@
 #pragma once
 
 #include "history/HistoryStore.h"
+#include "history/HistoryTestRecords.h"
 #include "history/TranscriptJournal.h"
 
 #include <QApplication>
@@ -14,15 +15,7 @@ namespace dictora::test {
 
 inline TranscriptRecord homeRecord(const QDateTime &savedAt, const QString &text, const QString &app = QStringLiteral("Editor"))
 {
-    TranscriptRecord r;
-    r.id = QUuid::createUuid();
-    r.savedAt = savedAt.toUTC();
-    r.recordingStartedAt = r.savedAt.addMSecs(-4200);
-    r.recordingEndedAt = r.savedAt.addMSecs(-700);
-    r.transcript = text;
-    r.outcome = TranscriptOutcome::pasted;
-    r.recordingDurationMilliseconds = 3500;
-    r.totalDurationMilliseconds = 4200;
+    TranscriptRecord r = recordSavedAt(savedAt, text);
     if (!app.isEmpty())
         r.targetApplication = TargetApplication{app, QStringLiteral("org.example.") + app.toLower(), 4242};
     r.earsDurationMilliseconds = 812;

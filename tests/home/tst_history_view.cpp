@@ -5,14 +5,11 @@
 #include "home/HistoryView.h"
 #include "home/Style.h"
 #include "home/TranscriptDetailSheet.h"
-#include "history/TranscriptHistoryArchive.h"
 #include "support/TestSupport.h"
 
 #include <QClipboard>
 #include <QComboBox>
 #include <QFileDialog>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
@@ -65,6 +62,14 @@ void choose(QComboBox *combo, std::optional<int> value)
     combo->setCurrentIndex(value ? combo->findData(*value) : 0);
 }
 
+void clickButton(QMessageBox *box, const char *text)
+{
+    for (QAbstractButton *b : box->buttons())
+        if (b->text() == QLatin1String(text))
+            return b->click();
+    QFAIL(text);
+}
+
 } // namespace
 
 class HistoryViewTest : public QObject {
@@ -108,81 +113,36 @@ private Q_SLOTS:
         QThreadPool::globalInstance()->waitForDone();
     }
 
-    void searchAndFiltersNarrowTheList_data()
-    {
-        QTest::addColumn<bool>("withRecords");
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<std::optional<int>>("hour");
-        QTest::addColumn<std::optional<int>>("day");
-        QTest::addColumn<std::optional<int>>("month");
-        QTest::addColumn<std::optional<int>>("year");
-        QTest::addColumn<QStringList>("expectedStarts");
-        QTest::addColumn<QString>("expectedEmptyTitle");
-        QTest::addColumn<QString>("expectedEmptyMessage");
-
-        const std::optional<int> none;
-        QTest::newRow("no records at all") << false << QString() << none << none << none << none << QStringList()
-                                           << "Nothing here yet" << "Your completed dictations will appear here automatically.";
-        QTest::newRow("all, newest first") << true << QString() << none << none << none << none
-                                           << QStringList{"Draft", "Remind", "Order"} << QString() << QString();
-        QTest::newRow("search ignores case and accents") << true << "CAFE" << none << none << none << none
-                                                         << QStringList{"Order"} << QString() << QString();
-        QTest::newRow("hour 0 is a real filter") << true << QString() << std::optional<int>(0) << none << none << none
-                                                 << QStringList{"Order"} << QString() << QString();
-        QTest::newRow("month and year combine") << true << QString() << none << none << std::optional<int>(7)
-                                                << std::optional<int>(2025) << QStringList{"Draft", "Remind"} << QString()
-                                                << QString();
-        QTest::newRow("filter plus search") << true << "deadline" << none << std::optional<int>(5) << none << none
-                                            << QStringList{"Remind"} << QString() << QString();
-        QTest::newRow("filters exclude everything") << true << QString() << std::optional<int>(23) << none << none
-                                                    << none << QStringList() << "No matches"
-                                                    << "Try different words or a broader time range.";
-    }
-
+    // The field and the four menus drive the store (whose own test covers the
+    // matching); the list and its empty state follow.
     void searchAndFiltersNarrowTheList()
     {
-        QFETCH(bool, withRecords);
-        QFETCH(QString, typed);
-        QFETCH(std::optional<int>, hour);
-        QFETCH(std::optional<int>, day);
-        QFETCH(std::optional<int>, month);
-        QFETCH(std::optional<int>, year);
-        QFETCH(QStringList, expectedStarts);
-        QFETCH(QString, expectedEmptyTitle);
-        QFETCH(QString, expectedEmptyMessage);
-
-        build(withRecords ? sampleRecords() : QList<TranscriptRecord>{});
-        QTest::keyClicks(m_view->searchField(), typed);
-        QCOMPARE(m_store->query(), typed);
+        build(sampleRecords());
         m_view->findChild<QToolButton *>(QStringLiteral("filterButton"))->click();
-        choose(m_view->findChild<QComboBox *>(QStringLiteral("hourFilter")), hour);
-        choose(m_view->findChild<QComboBox *>(QStringLiteral("dayFilter")), day);
-        choose(m_view->findChild<QComboBox *>(QStringLiteral("monthFilter")), month);
-        choose(m_view->findChild<QComboBox *>(QStringLiteral("yearFilter")), year);
-        QCOMPARE(m_store->filterHour(), hour);
-        QCOMPARE(m_store->filterDay(), day);
-        QCOMPARE(m_store->filterMonth(), month);
-        QCOMPARE(m_store->filterYear(), year);
-
-        const QStringList shown = visibleTranscripts(*m_view);
-        QCOMPARE(shown.size(), expectedStarts.size());
-        for (int i = 0; i < shown.size(); ++i)
-            QVERIFY2(shown[i].startsWith(expectedStarts[i]), qPrintable(shown[i]));
-        QCOMPARE(showsList(*m_view), expectedEmptyTitle.isEmpty());
-        if (!expectedEmptyTitle.isEmpty()) {
-            QCOMPARE(emptyTitle(*m_view), expectedEmptyTitle);
-            QCOMPARE(m_view->findChild<QLabel *>(QStringLiteral("emptyMessage"))->text(), expectedEmptyMessage);
-        }
-    }
-
-    void saysLoadingUntilTheJournalIsRead()
-    {
-        writeJournal(m_journalPath, {});
-        m_store = std::make_unique<HistoryStore>(TranscriptJournal(m_journalPath));
-        m_view = std::make_unique<HistoryView>(*m_store);
-        QCOMPARE(emptyTitle(*m_view), QStringLiteral("Loading History…"));
-        QVERIFY(reloadAndWait(*m_store));
-        QCOMPARE(emptyTitle(*m_view), QStringLiteral("Nothing here yet"));
+        const std::optional<int> any;
+        const auto filter = [&](std::optional<int> hour, std::optional<int> day, std::optional<int> month,
+                                std::optional<int> year) {
+            choose(m_view->findChild<QComboBox *>(QStringLiteral("hourFilter")), hour);
+            choose(m_view->findChild<QComboBox *>(QStringLiteral("dayFilter")), day);
+            choose(m_view->findChild<QComboBox *>(QStringLiteral("monthFilter")), month);
+            choose(m_view->findChild<QComboBox *>(QStringLiteral("yearFilter")), year);
+            QStringList firstWords;
+            for (const QString &t : visibleTranscripts(*m_view))
+                firstWords << t.section(u' ', 0, 0);
+            return m_store->filterHour() == hour && m_store->filterDay() == day && m_store->filterMonth() == month
+                    && m_store->filterYear() == year
+                ? firstWords
+                : QStringList{QStringLiteral("(the store did not get the menus' values)")};
+        };
+        QCOMPARE(filter(0, any, any, any), QStringList{"Order"}); // hour 0 is a filter, not "any"
+        QCOMPARE(filter(any, any, 7, 2025), (QStringList{"Draft", "Remind"}));
+        QTest::keyClicks(m_view->searchField(), QStringLiteral("deadline"));
+        QCOMPARE(m_store->query(), QStringLiteral("deadline"));
+        QCOMPARE(filter(any, 5, any, any), QStringList{"Remind"});
+        QVERIFY(showsList(*m_view));
+        QCOMPARE(filter(23, any, any, any), QStringList());
+        QVERIFY(!showsList(*m_view));
+        QCOMPARE(emptyTitle(*m_view), QStringLiteral("No matches"));
     }
 
     void longHistoryShowsNewestRowsWhileTheRestLoads()
@@ -194,6 +154,7 @@ private Q_SLOTS:
         writeJournal(m_journalPath, records);
         m_store = std::make_unique<HistoryStore>(TranscriptJournal(m_journalPath));
         m_view = std::make_unique<HistoryView>(*m_store);
+        QCOMPARE(emptyTitle(*m_view), QStringLiteral("Loading History…"));
         m_view->show();
         auto *loadingOlder = m_view->findChild<QLabel *>(QStringLiteral("loadingOlder"));
         auto *archive = m_view->findChild<QPushButton *>(QStringLiteral("archiveButton"));
@@ -225,12 +186,9 @@ private Q_SLOTS:
         auto *clear = m_view->searchField()->findChild<QAction *>(QStringLiteral("clearSearch"));
 
         QVERIFY(!panel->isVisible());
-        QCOMPARE(filterButton->toolTip(), QStringLiteral("Show filters"));
-        QVERIFY(filterButton->text().contains(QStringLiteral("Any time")));
         filterButton->click();
         QVERIFY(m_store->isFilterPanelPresented());
         QVERIFY(panel->isVisible());
-        QCOMPARE(filterButton->toolTip(), QStringLiteral("Hide filters"));
         QVERIFY(!reset->isEnabled());
 
         // Years: every record year and the current one, descending, after "Any".
@@ -238,7 +196,6 @@ private Q_SLOTS:
         for (int i = 1; i < year->count(); ++i)
             years << year->itemData(i).toInt();
         QCOMPARE(years, m_store->availableFilterYears());
-        QVERIFY(years.contains(2024) && years.contains(2025) && years.contains(QDate::currentDate().year()));
 
         // The store drives the controls back.
         m_store->setFilterDay(5);
@@ -254,7 +211,7 @@ private Q_SLOTS:
         QCOMPARE(m_store->query(), QStringLiteral("budget")); // reset leaves the search alone
         QVERIFY(m_store->isFilterPanelPresented());
         QVERIFY(!reset->isEnabled());
-        QVERIFY(filterButton->text().contains(QStringLiteral("Any time")));
+        QVERIFY(!filterButton->text().contains(QStringLiteral("Active")));
 
         clear->trigger();
         QCOMPARE(m_store->query(), QString());
@@ -263,58 +220,30 @@ private Q_SLOTS:
         QVERIFY(!panel->isVisible());
     }
 
-    void rowsCarryTheirElements_data()
-    {
-        QTest::addColumn<std::optional<qint64>>("ears");
-        QTest::addColumn<std::optional<QString>>("engine");
-        QTest::addColumn<TranscriptOutcome>("outcome");
-        QTest::addColumn<QString>("application");
-        QTest::addColumn<QString>("expectedEars");
-        QTest::addColumn<QStringList>("expectedBadges");
-        QTest::addColumn<QString>("expectedApplication");
-
-        const std::optional<QString> engine(QStringLiteral("exact-local-large-v3-turbo-q5_0"));
-        QTest::newRow("pasted with timing and engine") << std::optional<qint64>(812) << engine << TranscriptOutcome::pasted
-                                                       << "Editor" << "ears 812ms" << QStringList{"Exact local"} << "Editor";
-        QTest::newRow("older record without extras") << std::optional<qint64>() << std::optional<QString>()
-                                                     << TranscriptOutcome::pasted << "Terminal" << QString()
-                                                     << QStringList() << "Terminal";
-        QTest::newRow("recovered") << std::optional<qint64>(0) << engine << TranscriptOutcome::recovered << "Editor"
-                                   << "ears 0ms" << QStringList{"Exact local", "Recovered"} << "Editor";
-        QTest::newRow("no target application") << std::optional<qint64>() << std::optional<QString>()
-                                               << TranscriptOutcome::failed << QString() << QString() << QStringList()
-                                               << "No application";
-    }
-
+    // Each row's timing, badges and application come from its own record;
+    // older records lack some of them.
     void rowsCarryTheirElements()
     {
-        QFETCH(std::optional<qint64>, ears);
-        QFETCH(std::optional<QString>, engine);
-        QFETCH(TranscriptOutcome, outcome);
-        QFETCH(QString, application);
-        QFETCH(QString, expectedEars);
-        QFETCH(QStringList, expectedBadges);
-        QFETCH(QString, expectedApplication);
+        const QDateTime now = QDateTime::currentDateTime();
+        TranscriptRecord older = homeRecord(now.addSecs(-1), QStringLiteral("b"), QStringLiteral("Terminal"));
+        TranscriptRecord recovered = homeRecord(now.addSecs(-2), QStringLiteral("c"));
+        TranscriptRecord failed = homeRecord(now.addSecs(-3), QStringLiteral("d"), QString());
+        older.earsDurationMilliseconds = failed.earsDurationMilliseconds = std::nullopt;
+        older.transcriptionEngine = failed.transcriptionEngine = std::nullopt;
+        recovered.earsDurationMilliseconds = 0;
+        recovered.outcome = TranscriptOutcome::recovered;
+        failed.outcome = TranscriptOutcome::failed;
+        build({homeRecord(now, QStringLiteral("a")), older, recovered, failed});
 
-        const QString text = QStringLiteral("one two three four five six seven eight nine ten eleven twelve thirteen "
-                                            "fourteen fifteen sixteen seventeen");
-        TranscriptRecord r = homeRecord(QDateTime::currentDateTime(), text, application);
-        r.earsDurationMilliseconds = ears;
-        r.transcriptionEngine = engine;
-        r.outcome = outcome;
-        r.recordingDurationMilliseconds = 65000;
-        build({r});
-
-        const QModelIndex row = m_view->model()->index(0);
-        QCOMPARE(row.data(HistoryListModel::EarsRole).toString(), expectedEars);
-        QCOMPARE(row.data(HistoryListModel::BadgesRole).toStringList(), expectedBadges);
-        QCOMPARE(row.data(HistoryListModel::ApplicationRole).toString(), expectedApplication);
-        QCOMPARE(row.data(HistoryListModel::DurationRole).toString(), QStringLiteral("1m 05s"));
-        QCOMPARE(row.data(HistoryListModel::PreviewRole).toString(),
-            QStringLiteral("one two three four five six seven eight nine … twelve thirteen fourteen fifteen sixteen "
-                           "seventeen"));
-        QCOMPARE(row.data(HistoryListModel::SavedAtTextRole).toString(),
-            QLocale().toString(r.savedAt.toLocalTime(), QLocale::ShortFormat));
+        const auto column = [&](int role) {
+            QStringList out;
+            for (int i = 0; i < m_view->model()->rowCount(); ++i)
+                out << m_view->model()->index(i).data(role).toStringList().join(u'+');
+            return out;
+        };
+        QCOMPARE(column(HistoryListModel::EarsRole), (QStringList{"ears 812ms", "", "ears 0ms", ""}));
+        QCOMPARE(column(HistoryListModel::BadgesRole), (QStringList{"Exact local", "", "Exact local+Recovered", ""}));
+        QCOMPARE(column(HistoryListModel::ApplicationRole), (QStringList{"Editor", "Terminal", "Editor", "No application"}));
     }
 
     void copyButtonPutsThePlainTranscriptOnTheClipboard()
@@ -351,13 +280,10 @@ private Q_SLOTS:
         const TranscriptRecord &record = m_view->model()->record(1);
         QCOMPARE(sheet->findChild<QPlainTextEdit *>(QStringLiteral("transcript"))->toPlainText(), record.transcript);
         QVERIFY(sheet->findChild<QPlainTextEdit *>(QStringLiteral("transcript"))->isReadOnly());
-        QCOMPARE(sheet->findChild<QLabel *>(QStringLiteral("savedAt"))->text(),
-            QLocale().toString(record.savedAt.toLocalTime(), QLocale::LongFormat));
         QCOMPARE(sheet->findChild<QLabel *>(QStringLiteral("details"))->text(),
-            QStringLiteral("No application  ·  4s  ·  ears 812ms")); // row 1 is the record without one
+            QStringLiteral("No application  ·  3s  ·  ears 812ms")); // row 1 is the record without one
 
         QGuiApplication::clipboard()->clear();
-        QCOMPARE(sheet->copyButton()->text(), QStringLiteral("Copy Transcript"));
         sheet->copyButton()->click();
         QCOMPARE(QGuiApplication::clipboard()->text(), record.transcript);
         QCOMPARE(sheet->copyButton()->text(), QStringLiteral("Copied"));
@@ -402,12 +328,13 @@ private Q_SLOTS:
     void archiveFromButtonToNotice_data()
     {
         QTest::addColumn<int>("recordCount");
-        QTest::addColumn<QString>("noticeTitle");
+        QTest::addColumn<QString>("noticeTitle"); // empty: the confirmation is cancelled
         QTest::addColumn<QString>("noticeMessage");
 
         QTest::newRow("archived") << 3 << "History Archived"
                                   << "Saved and verified 3 transcriptions in my archive.json. Your in-app History is now clear.";
         QTest::newRow("nothing to archive") << 0 << "Archive Failed" << "There is no History to archive.";
+        QTest::newRow("cancelled") << 3 << QString() << QString();
     }
 
     void archiveFromButtonToNotice()
@@ -423,40 +350,26 @@ private Q_SLOTS:
         m_store->setFilterPanelPresented(true);
 
         auto *archive = m_view->findChild<QPushButton *>(QStringLiteral("archiveButton"));
-        QCOMPARE(archive->text(), QStringLiteral("Archive && Clear"));
-        QCOMPARE(archive->toolTip(), QStringLiteral("Archive all History and clear it"));
-        QCOMPARE(archive->accessibleDescription(),
-            QStringLiteral("Save every transcription to a verified archive, then clear History"));
         archive->click();
 
         auto *confirm = visibleDialog<QMessageBox>(QStringLiteral("archiveConfirmation"));
         QVERIFY(confirm);
-        QCOMPARE(confirm->text(), QStringLiteral("Archive and clear all History?"));
         // All records count, not the filtered ones.
-        QCOMPARE(confirm->informativeText(),
-            QStringLiteral("All %1 transcriptions will be saved—not only the current search or filter results. Dictora "
-                           "clears History only after the archive is written and verified.")
-                .arg(recordCount));
-        QStringList buttons;
-        QAbstractButton *choose = nullptr;
-        for (QAbstractButton *b : confirm->buttons()) {
-            buttons << b->text();
-            if (b->text() == QLatin1String("Choose Save Location"))
-                choose = b;
+        QVERIFY2(confirm->informativeText().startsWith(QStringLiteral("All %1 transcriptions").arg(recordCount)),
+            qPrintable(confirm->informativeText()));
+        if (noticeTitle.isEmpty()) {
+            clickButton(confirm, "Cancel");
+            QCoreApplication::processEvents();
+            QVERIFY(!visibleDialog<QFileDialog>(QStringLiteral("archiveSavePanel")));
+            QVERIFY(!m_store->isArchiving());
+            QCOMPARE(TranscriptJournal(m_journalPath).readAll().size(), recordCount);
+            return;
         }
-        buttons.sort();
-        QCOMPARE(buttons, (QStringList{"Cancel", "Choose Save Location"}));
-        choose->click();
+        clickButton(confirm, "Choose Save Location");
 
         QFileDialog *panel = nullptr;
         QTRY_VERIFY((panel = visibleDialog<QFileDialog>(QStringLiteral("archiveSavePanel"))));
-        QCOMPARE(panel->windowTitle(), QStringLiteral("Archive Dictora History"));
         QCOMPARE(panel->acceptMode(), QFileDialog::AcceptSave);
-        QCOMPARE(panel->labelText(QFileDialog::Accept), QStringLiteral("Archive"));
-        QCOMPARE(panel->nameFilters(), QStringList{QStringLiteral("JSON (*.json)")});
-        QCOMPARE(panel->defaultSuffix(), QStringLiteral("json"));
-        QVERIFY(!panel->testOption(QFileDialog::ReadOnly));
-        QVERIFY(panel->findChild<QLabel *>(QStringLiteral("savePanelMessage")));
         const QString proposed = QFileInfo(panel->selectedFiles().value(0)).fileName();
         QVERIFY2(proposed.startsWith(QStringLiteral("Dictora History ")) && proposed.endsWith(QStringLiteral(".json")),
             qPrintable(proposed));
@@ -480,11 +393,6 @@ private Q_SLOTS:
         const bool archived = recordCount > 0;
         QCOMPARE(QFile::exists(destination), archived);
         if (archived) {
-            QFile file(destination);
-            QVERIFY(file.open(QIODevice::ReadOnly));
-            const auto read = TranscriptHistoryArchive::fromJson(file.readAll());
-            QVERIFY(read);
-            QCOMPARE(read->recordCount, qint64(recordCount));
             QVERIFY(TranscriptJournal(m_journalPath).readAll().isEmpty());
             QCOMPARE(m_view->searchField()->text(), QString());
             QVERIFY(!m_store->hasActiveTimeFilter());
@@ -493,21 +401,6 @@ private Q_SLOTS:
         }
         notice->button(QMessageBox::Ok)->click();
         QVERIFY(!m_store->notice());
-    }
-
-    void cancellingTheConfirmationChangesNothing()
-    {
-        build(sampleRecords());
-        m_view->findChild<QPushButton *>(QStringLiteral("archiveButton"))->click();
-        auto *confirm = visibleDialog<QMessageBox>(QStringLiteral("archiveConfirmation"));
-        QVERIFY(confirm);
-        for (QAbstractButton *b : confirm->buttons())
-            if (b->text() == QLatin1String("Cancel"))
-                b->click();
-        QCoreApplication::processEvents();
-        QVERIFY(!visibleDialog<QFileDialog>(QStringLiteral("archiveSavePanel")));
-        QVERIFY(!m_store->isArchiving());
-        QCOMPARE(TranscriptJournal(m_journalPath).readAll().size(), 3);
     }
 
     void unreadableJournalShowsAnAlertAndKeepsTheList()
@@ -521,7 +414,6 @@ private Q_SLOTS:
         auto *notice = visibleDialog<QMessageBox>(QStringLiteral("historyNotice"));
         QVERIFY(notice);
         QCOMPARE(notice->text(), QStringLiteral("History Error"));
-        QVERIFY(notice->informativeText().startsWith(QStringLiteral("History could not be opened: ")));
         QCOMPARE(m_view->model()->rowCount(), 3);
 
         // A second notice with the same text still shows once dismissed.

@@ -72,7 +72,7 @@ private Q_SLOTS:
         m_settings.reset();
     }
 
-    void identityAndSizes_data()
+    void sizesFollowOnboarding_data()
     {
         QTest::addColumn<bool>("onboarding");
         QTest::addColumn<QSize>("size");
@@ -81,15 +81,13 @@ private Q_SLOTS:
         QTest::newRow("onboarding") << true << QSize(960, 900) << QSize(760, 820);
     }
 
-    void identityAndSizes()
+    void sizesFollowOnboarding()
     {
         QFETCH(bool, onboarding);
         QFETCH(QSize, size);
         QFETCH(QSize, minimum);
         build({});
-        QCOMPARE(m_window->windowTitle(), QStringLiteral("Dictora"));
-        QCOMPARE(m_window->property("identifier").toString(), QStringLiteral("Dictora.MainWindow"));
-        QVERIFY(!m_window->testAttribute(Qt::WA_DeleteOnClose));
+        QVERIFY(!m_window->testAttribute(Qt::WA_DeleteOnClose)); // closing keeps the store and its search
         auto *placeholder = new QLabel(QStringLiteral("Welcome"));
         m_window->setOnboardingView(placeholder);
         m_window->setOnboardingPresented(onboarding);
@@ -104,73 +102,48 @@ private Q_SLOTS:
         QCOMPARE(m_window->minimumSize(), HomeWindow::minimumContentSize(!onboarding));
     }
 
-    void headerFollowsShortcutAndPhase_data()
-    {
-        QTest::addColumn<DictoraPhase>("phase");
-        QTest::addColumn<QByteArray>("shortcutJson");
-        QTest::newRow("idle, default shortcut") << DictoraPhase::idle() << QByteArray();
-        QTest::newRow("recording, ctrl+alt+k")
-            << DictoraPhase::recording() << QByteArray(R"({"keyCode":45,"modifiers":6,"keyLabel":"K"})");
-        QTest::newRow("error message") << DictoraPhase::error(QStringLiteral("The microphone is unavailable."))
-                                       << QByteArray(R"({"keyCode":67,"modifiers":8,"keyLabel":"F1"})");
-    }
-
     void headerFollowsShortcutAndPhase()
     {
-        QFETCH(DictoraPhase, phase);
-        QFETCH(QByteArray, shortcutJson);
         build({});
-        const GlobalShortcut shortcut = GlobalShortcut::loadOrDefault(shortcutJson);
-        m_state->setPhase(phase);
-        m_preferences->setKeyboardShortcut(shortcut);
-        QCOMPARE(m_window->findChild<QLabel *>(QStringLiteral("phaseLabel"))->text(), phase.label());
-        const QString shown = m_window->findChild<QLabel *>(QStringLiteral("shortcutLabel"))->text();
-        QVERIFY2(shown.endsWith(shortcut.displayText()), qPrintable(shown));
+        auto *phaseLabel = m_window->findChild<QLabel *>(QStringLiteral("phaseLabel"));
+        auto *shortcutLabel = m_window->findChild<QLabel *>(QStringLiteral("shortcutLabel"));
+        QVERIFY(shortcutLabel->text().endsWith(GlobalShortcut::defaultShortcut().displayText()));
+        const GlobalShortcut ctrlAltK = GlobalShortcut::loadOrDefault(R"({"keyCode":45,"modifiers":6,"keyLabel":"K"})");
+        for (const DictoraPhase &phase : {DictoraPhase::recording(), DictoraPhase::error(QStringLiteral("No microphone."))}) {
+            m_state->setPhase(phase);
+            QCOMPARE(phaseLabel->text(), phase.label());
+        }
+        m_preferences->setKeyboardShortcut(ctrlAltK);
+        QVERIFY2(shortcutLabel->text().endsWith(ctrlAltK.displayText()), qPrintable(shortcutLabel->text()));
     }
 
-    void modelBanner_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<std::optional<double>>("progress");
-        QTest::addColumn<bool>("attention");
-        QTest::addColumn<bool>("bannerShown");
-        QTest::addColumn<QString>("percent");
-        QTest::newRow("ready hides it") << QString() << std::optional<double>() << false << false << QString();
-        QTest::newRow("checking") << "Checking the speech model…" << std::optional<double>() << false << true << QString();
-        QTest::newRow("downloading") << "Downloading the speech model" << std::optional<double>(0.427) << false << true
-                                     << "42%";
-        QTest::newRow("overshoot is clamped") << "Downloading" << std::optional<double>(1.7) << false << true << "100%";
-        QTest::newRow("needs attention") << "The download stopped." << std::optional<double>(0.5) << true << true << "50%";
-    }
-
+    // One banner through a preparation's states, each replacing the last.
     void modelBanner()
     {
-        QFETCH(QString, text);
-        QFETCH(std::optional<double>, progress);
-        QFETCH(bool, attention);
-        QFETCH(bool, bannerShown);
-        QFETCH(QString, percent);
         build({});
         present();
-        m_window->setModelPreparation(QStringLiteral("something earlier"), 0.1, true);
-        m_window->setModelPreparation(text, progress, attention);
-        QCOMPARE(m_window->findChild<QFrame *>(QStringLiteral("modelBanner"))->isVisible(), bannerShown);
-        if (!bannerShown)
-            return;
-        QCOMPARE(m_window->findChild<QLabel *>(QStringLiteral("bannerText"))->text(), text);
-        auto *percentLabel = m_window->findChild<QLabel *>(QStringLiteral("bannerPercent"));
-        QCOMPARE(percentLabel->isVisible(), progress.has_value());
-        QCOMPARE(m_window->findChild<QProgressBar *>(QStringLiteral("bannerProgress"))->isVisible(), progress.has_value());
-        if (progress)
-            QCOMPARE(percentLabel->text(), percent);
+        auto *banner = m_window->findChild<QFrame *>(QStringLiteral("modelBanner"));
+        auto *text = m_window->findChild<QLabel *>(QStringLiteral("bannerText"));
+        auto *percent = m_window->findChild<QLabel *>(QStringLiteral("bannerPercent"));
+        auto *bar = m_window->findChild<QProgressBar *>(QStringLiteral("bannerProgress"));
         auto *retry = m_window->findChild<QPushButton *>(QStringLiteral("retryDownload"));
-        QCOMPARE(retry->isVisible(), attention);
-        QCOMPARE(retry->text(), QStringLiteral("RETRY DOWNLOAD"));
-        if (attention) {
-            QSignalSpy retried(m_window.get(), &HomeWindow::retryDownloadRequested);
-            retry->click();
-            QCOMPARE(retried.count(), 1);
-        }
+        QSignalSpy retried(m_window.get(), &HomeWindow::retryDownloadRequested);
+
+        m_window->setModelPreparation(QStringLiteral("The download stopped."), 0.5, true);
+        QVERIFY(banner->isVisible() && retry->isVisible());
+        QCOMPARE(percent->text(), QStringLiteral("50%"));
+        retry->click();
+        QCOMPARE(retried.count(), 1);
+        m_window->setModelPreparation(QStringLiteral("Checking the speech model…"), std::nullopt, false);
+        QCOMPARE(text->text(), QStringLiteral("Checking the speech model…"));
+        QVERIFY(!percent->isVisible() && !bar->isVisible() && !retry->isVisible());
+        m_window->setModelPreparation(QStringLiteral("Downloading"), 0.427, false);
+        QVERIFY(percent->isVisible() && bar->isVisible());
+        QCOMPARE(percent->text(), QStringLiteral("42%"));
+        m_window->setModelPreparation(QStringLiteral("Downloading"), 1.7, false);
+        QCOMPARE(percent->text(), QStringLiteral("100%")); // an overshoot is clamped
+        m_window->setModelPreparation(QString(), std::nullopt, false); // ready
+        QVERIFY(!banner->isVisible());
     }
 
     void reloadsOnShowAndWhileVisible()

@@ -2,7 +2,6 @@
 
 #include <QApplication>
 #include <QFile>
-#include <QFontDatabase>
 #include <QFontInfo>
 #include <QtTest>
 
@@ -19,18 +18,6 @@ private Q_SLOTS:
         QCOMPARE(font.weight(), QFont::Bold);
         QCOMPARE(font.pixelSize(), 40);
         QVERIFY(!QFontInfo(font).family().contains(QStringLiteral("Londrina")));
-    }
-
-    void buildTreeFileIsReadableByQt()
-    {
-        if (!QFile::exists(QStringLiteral(DICTORA_FONT_BUILD_FILE)))
-            QSKIP("the display font was not fetched in this build tree");
-        QFile file(QStringLiteral(DICTORA_FONT_BUILD_FILE));
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const int id = QFontDatabase::addApplicationFontFromData(file.readAll());
-        QVERIFY2(id >= 0, "Qt could not read the WOFF file");
-        QVERIFY(QFontDatabase::applicationFontFamilies(id).contains(QLatin1String(kDisplayFontFamily)));
-        QFontDatabase::removeApplicationFont(id);
     }
 
     void registersTheEmbeddedFace()

@@ -218,15 +218,6 @@ private Q_SLOTS:
         QCOMPARE(m_x.activeWindow(), m_xtermWindow);
     }
 
-    void windowAsksForNoInput()
-    {
-        XWMHints *hints = XGetWMHints(m_x.dpy(), m_panelWindow);
-        QVERIFY(hints);
-        std::unique_ptr<XWMHints, XFreeDeleter> guard(hints);
-        QVERIFY(hints->flags & InputHint);
-        QCOMPARE(int(hints->input), int(False));
-    }
-
     void stateKeepsItOnTopAndOffTaskbars_data()
     {
         QTest::addColumn<QString>("state");

@@ -96,6 +96,7 @@ private Q_SLOTS:
         QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable());
         DictoraStatusItemController item(countingActions());
         QVERIFY(!item.install());
+        QVERIFY(!item.install() && !item.isInstalled() && !item.statusItem());
         QCOMPARE(countEmbeddedIcons(m_display.get()), 0);
     }
 

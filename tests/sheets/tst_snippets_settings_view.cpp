@@ -45,15 +45,23 @@ class SnippetsSettingsViewTest : public QObject {
 
     void writeFile(const QByteArray &bytes) { QVERIFY(test::writeFile(snippetsFile(), bytes)); }
 
+    // The sheet over real preferences and a real snippets file.
+    struct Sheet {
+        QSettings settings;
+        ProductPreferences preferences{settings};
+        SnippetStore store;
+        SnippetsSettingsView view{store, preferences};
+        Sheet(const QTemporaryDir &dir, const QString &file)
+            : settings(dir.filePath(QStringLiteral("prefs.ini")), QSettings::IniFormat), store(file) {}
+    };
+
 private Q_SLOTS:
     void init() { m_dir = std::make_unique<QTemporaryDir>(); }
 
     void addEditRemoveWriteTheFile()
     {
-        QSettings settings(m_dir->filePath(QStringLiteral("prefs.ini")), QSettings::IniFormat);
-        ProductPreferences preferences(settings);
-        SnippetStore store(snippetsFile());
-        SnippetsSettingsView view(store, preferences);
+        Sheet sheet(*m_dir, snippetsFile());
+        SnippetsSettingsView &view = sheet.view;
         view.show();
         QVERIFY(view.showsEmptyState());
         saveShot(view, QStringLiteral("snippets-empty"));
@@ -63,9 +71,6 @@ private Q_SLOTS:
         QVERIFY(!view.showsEmptyState());
         QCOMPARE(onDisk(), (QList<QPair<QString, QString>>{{QString(), QString()}}));
         const auto row = view.rows().first();
-        QCOMPARE(row.trigger->placeholderText(), QStringLiteral("what I say"));
-        QCOMPARE(row.expansion->placeholderText(), QStringLiteral("what gets pasted"));
-        QCOMPARE(row.trigger->width(), 220);
 
         QTest::keyClicks(row.trigger, QStringLiteral("my email"));
         QTest::keyClicks(row.expansion, QStringLiteral("jordan@example.com"));
@@ -97,10 +102,8 @@ private Q_SLOTS:
  {"expansion":"by the way","id":"6F1C3D32-6C0A-4B9B-9E55-1A1B2C3D4E5F","trigger":"btw"},
  {"expansion":"Best regards.","id":"0E7D0A49-2B77-4C3C-8E0F-2F4A5B6C7D8E","trigger":"sig"}
 ])");
-        QSettings settings(m_dir->filePath(QStringLiteral("prefs.ini")), QSettings::IniFormat);
-        ProductPreferences preferences(settings);
-        SnippetStore store(snippetsFile());
-        SnippetsSettingsView view(store, preferences);
+        Sheet sheet(*m_dir, snippetsFile());
+        SnippetsSettingsView &view = sheet.view;
         view.show();
         QCOMPARE(view.rows().size(), 2);
         QCOMPARE(view.rows().at(0).trigger->text(), QStringLiteral("btw"));
@@ -118,10 +121,8 @@ private Q_SLOTS:
     void unreadableFileStartsEmptyAndKeepsIt()
     {
         writeFile("[{\"id\":\"6F1C3D32-6C0A-4B9B-9E55-1A1B2C3D4E5F\",\"trigger\":\"btw\"}]");
-        QSettings settings(m_dir->filePath(QStringLiteral("prefs.ini")), QSettings::IniFormat);
-        ProductPreferences preferences(settings);
-        SnippetStore store(snippetsFile());
-        SnippetsSettingsView view(store, preferences);
+        Sheet sheet(*m_dir, snippetsFile());
+        SnippetsSettingsView &view = sheet.view;
         QVERIFY(view.showsEmptyState());
         QCOMPARE(view.rows().size(), 0);
         QTest::mouseClick(view.addButton(), Qt::LeftButton);
@@ -131,27 +132,20 @@ private Q_SLOTS:
     void togglesWriteThePreferences_data()
     {
         QTest::addColumn<QString>("card");
-        QTest::addColumn<QString>("title");
         QTest::addColumn<QString>("key");
-        QTest::newRow("format words") << QStringLiteral("formatWords") << QStringLiteral("FORMAT WORDS")
-                                      << QString::fromLatin1(ProductPreferences::kFormattingKey);
-        QTest::newRow("use snippets") << QStringLiteral("useSnippets") << QStringLiteral("USE SNIPPETS")
-                                      << QString::fromLatin1(ProductPreferences::kSnippetsKey);
+        QTest::newRow("format words") << "formatWords" << QString::fromLatin1(ProductPreferences::kFormattingKey);
+        QTest::newRow("use snippets") << "useSnippets" << QString::fromLatin1(ProductPreferences::kSnippetsKey);
     }
     void togglesWriteThePreferences()
     {
         QFETCH(QString, card);
-        QFETCH(QString, title);
         QFETCH(QString, key);
-        const QString ini = m_dir->filePath(QStringLiteral("prefs.ini"));
-        QSettings settings(ini, QSettings::IniFormat);
-        ProductPreferences preferences(settings);
-        SnippetStore store(snippetsFile());
-        SnippetsSettingsView view(store, preferences);
-        view.show();
-        auto *toggle = view.findChild<SettingsToggleCard *>(card);
+        Sheet sheet(*m_dir, snippetsFile());
+        QSettings &settings = sheet.settings;
+        ProductPreferences &preferences = sheet.preferences;
+        sheet.view.show();
+        auto *toggle = sheet.view.findChild<SettingsToggleCard *>(card);
         QVERIFY(toggle);
-        QCOMPARE(toggle->title(), title);
         QVERIFY(toggle->isOn()); // both default to on
 
         QTest::mouseClick(toggle->toggle(), Qt::LeftButton);
