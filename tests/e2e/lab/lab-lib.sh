@@ -33,6 +33,8 @@ lab_prepare() {
     { echo "the $DESK session did not start; logs in $LAB_LOGS"; return 1; }
   mkdir -p "$TRIXIE/usr/local/lib/dictora-lab"; cp "$HERE/atspi.py" "$TRIXIE/usr/local/lib/dictora-lab/"
   atspi enable >/dev/null
+  # A Dictora left running by an earlier run keeps its old file; ours takes a new one.
+  rm -f "$TRIXIE"/opt/dictora/bin/*
   lab_install_dictora "$1" >/dev/null || { echo "cannot install $1 into the chroot"; lab_stop; return 1; }
   local f; for f in "$SRC"/data/*.desktop; do cp "$f" "$TRIXIE/usr/local/share/applications/"; done
   # As the package has it: "dictora" on PATH, which the desktop file runs.
