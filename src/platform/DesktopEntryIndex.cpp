@@ -1,5 +1,7 @@
 #include "platform/DesktopEntryIndex.h"
 
+#include <QtConcurrent/QtConcurrentRun>
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -85,17 +87,15 @@ QStringList DesktopEntryIndex::applicationDirectories()
 }
 
 DesktopEntryIndex::DesktopEntryIndex(QStringList directories)
-    : m_directories(std::move(directories))
+    : m_tables(QtConcurrent::run(&DesktopEntryIndex::read, std::move(directories)))
 {
 }
 
-void DesktopEntryIndex::load() const
+DesktopEntryIndex::Tables DesktopEntryIndex::read(const QStringList &directories)
 {
-    if (m_loaded)
-        return;
-    m_loaded = true;
+    Tables tables;
     QSet<QString> seenIds;
-    for (const QString &root : m_directories) {
+    for (const QString &root : directories) {
         QDirIterator it(root, {QStringLiteral("*.desktop")}, QDir::Files | QDir::Readable,
                         QDirIterator::Subdirectories);
         while (it.hasNext()) {
@@ -110,32 +110,35 @@ void DesktopEntryIndex::load() const
             const ParsedEntry parsed = parseDesktopFile(path);
             if (!parsed.usable)
                 continue;
-            m_byFileId.insert(id.toLower(), {parsed.name, parsed.startupWMClass});
+            tables.byFileId.insert(id.toLower(), {parsed.name, parsed.startupWMClass});
             if (!parsed.startupWMClass.isEmpty()) {
-                if (!m_byWMClass.contains(parsed.startupWMClass))
-                    m_byWMClass.insert(parsed.startupWMClass, parsed.name);
+                if (!tables.byWMClass.contains(parsed.startupWMClass))
+                    tables.byWMClass.insert(parsed.startupWMClass, parsed.name);
                 const QString folded = parsed.startupWMClass.toLower();
-                if (!m_byWMClassFolded.contains(folded))
-                    m_byWMClassFolded.insert(folded, parsed.name);
+                if (!tables.byWMClassFolded.contains(folded))
+                    tables.byWMClassFolded.insert(folded, parsed.name);
             }
         }
     }
+    return tables;
 }
 
 std::optional<QString> DesktopEntryIndex::nameForWindow(const QString &windowClass,
                                                         const QString &instanceName) const
 {
-    load();
+    if (!m_tables.isFinished())
+        return std::nullopt; // a dictation in the first moments names the window by its class
+    const Tables &tables = m_tables.result();
     // The class names the application; the instance name only helps when
     // the class finds nothing.
     for (const QString &key : {windowClass, instanceName}) {
         if (key.isEmpty())
             continue;
-        if (auto it = m_byWMClass.constFind(key); it != m_byWMClass.constEnd())
+        if (auto it = tables.byWMClass.constFind(key); it != tables.byWMClass.constEnd())
             return *it;
-        if (auto it = m_byWMClassFolded.constFind(key.toLower()); it != m_byWMClassFolded.constEnd())
+        if (auto it = tables.byWMClassFolded.constFind(key.toLower()); it != tables.byWMClassFolded.constEnd())
             return *it;
-        if (auto it = m_byFileId.constFind(key.toLower()); it != m_byFileId.constEnd())
+        if (auto it = tables.byFileId.constFind(key.toLower()); it != tables.byFileId.constEnd())
             return it->name;
     }
     return std::nullopt;

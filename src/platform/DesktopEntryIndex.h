@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFuture>
 #include <QHash>
 #include <QString>
 #include <QStringList>
@@ -17,23 +18,30 @@ public:
     // applications folder; earlier folders win, as for desktop file ids.
     static QStringList applicationDirectories();
 
+    // The folders are read on the thread pool from here on: hundreds of
+    // files, which the first target capture on the GUI thread must not wait for.
     explicit DesktopEntryIndex(QStringList directories = applicationDirectories());
 
+    // Nothing until the folders have been read (never waits for them).
     std::optional<QString> nameForWindow(const QString &windowClass,
                                          const QString &instanceName = {}) const;
+
+    // For callers that may wait (tests, threads of their own).
+    void waitUntilRead() const { QFuture<Tables>(m_tables).waitForFinished(); }
 
 private:
     struct Entry {
         QString name;
         QString startupWMClass;
     };
-    void load() const;
+    struct Tables {
+        QHash<QString, Entry> byFileId; // lower-cased id without ".desktop"
+        QHash<QString, QString> byWMClass; // exact StartupWMClass -> name
+        QHash<QString, QString> byWMClassFolded;
+    };
+    static Tables read(const QStringList &directories);
 
-    QStringList m_directories;
-    mutable bool m_loaded = false;
-    mutable QHash<QString, Entry> m_byFileId; // lower-cased id without ".desktop"
-    mutable QHash<QString, QString> m_byWMClass; // exact StartupWMClass -> name
-    mutable QHash<QString, QString> m_byWMClassFolded;
+    QFuture<Tables> m_tables;
 };
 
 } // namespace dictora

@@ -72,6 +72,7 @@ private Q_SLOTS:
         QFETCH(QString, instanceName);
         QFETCH(QString, expected);
         const DesktopEntryIndex index({home(), system(), root.path() + "/missing/applications"});
+        index.waitUntilRead();
         const std::optional<QString> name = index.nameForWindow(windowClass, instanceName);
         QCOMPARE(name.value_or(QString()), expected);
     }
@@ -81,6 +82,7 @@ private Q_SLOTS:
         const QLocale previous;
         QLocale::setDefault(QLocale(QStringLiteral("de_DE")));
         const DesktopEntryIndex index({home(), system()});
+        index.waitUntilRead();
         const auto name = index.nameForWindow(QStringLiteral("Example-editor"));
         QLocale::setDefault(previous);
         QCOMPARE(name.value_or(QString()), QStringLiteral("Beispiel-Editor"));
