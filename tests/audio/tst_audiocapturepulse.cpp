@@ -199,20 +199,6 @@ private Q_SLOTS:
         service.stop();
     }
 
-    void serverUnreachable()
-    {
-        const QByteArray saved = qgetenv("PULSE_SERVER");
-        auto restore = qScopeGuard([&] { qputenv("PULSE_SERVER", saved); });
-        qputenv("PULSE_SERVER", "unix:" + m_dir.filePath(QStringLiteral("no-such-socket")).toUtf8());
-
-        AudioCaptureService service(m_log.get());
-        QVERIFY(!service.requestMicrophonePermission());
-        QVERIFY(logText(*m_log).contains(QLatin1String("microphone permission denied reason=the sound server could not be reached")));
-        QVERIFY_THROWS_EXCEPTION(AudioEngineError, service.start({}));
-        QVERIFY(!service.isRecording());
-        QVERIFY(service.stop().samples.empty());
-    }
-
     void sourceRemovedWhileRecording_data()
     {
         QTest::addColumn<bool>("removeEverything");

@@ -323,16 +323,11 @@ void DictoraRun::keepArtifacts(const QString &folder)
 {
     QDir().mkpath(folder);
     const QDir out(folder);
-    for (const QString &name : {QStringLiteral("runtime.log"), QStringLiteral("transcripts.jsonl"),
-             QStringLiteral("snippets.json")}) {
-        const QString source = QDir(dataDirectory()).filePath(name);
-        QFile::remove(out.filePath(name));
-        if (QFile::exists(source))
-            QFile::copy(source, out.filePath(name));
+    for (const QString &source : {logPath(), journalPath(), QDir(dataDirectory()).filePath(QStringLiteral("snippets.json")),
+             QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini"))}) {
+        QFile::remove(out.filePath(QFileInfo(source).fileName()));
+        QFile::copy(source, out.filePath(QFileInfo(source).fileName()));
     }
-    QFile::remove(out.filePath(QStringLiteral("Dictora.ini")));
-    QFile::copy(QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini")),
-        out.filePath(QStringLiteral("Dictora.ini")));
     writeFile(out.filePath(QStringLiteral("dictora-output.txt")), programOutput().toUtf8());
     if (qobject_cast<QGuiApplication *>(QCoreApplication::instance()) && QGuiApplication::primaryScreen())
         QGuiApplication::primaryScreen()->grabWindow(0).save(out.filePath(QStringLiteral("screen.png")));
