@@ -269,29 +269,18 @@ private Q_SLOTS:
         QVERIFY2(run->stop(&why), qPrintable(why));
     }
 
-    // The model file deleted or cut short after it was loaded: recognition
-    // runs on what was loaded; the next start finds the file wrong, says so
-    // and refuses to record until a good copy is in place.
-    void modelFileDamagedWhileLoaded_data()
-    {
-        QTest::addColumn<bool>("deleteIt");
-        QTest::newRow("deleted") << true;
-        QTest::newRow("truncated") << false;
-    }
+    // The model file cut short after it was loaded (a file that is there
+    // but wrong; a deleted one is merely missing): recognition runs on what
+    // was loaded; the next start finds the file wrong, says so and refuses
+    // to record until a good copy is in place.
     void modelFileDamagedWhileLoaded()
     {
-        QFETCH(bool, deleteIt);
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         QVERIFY2(run->start(dictoraBinary(), &why), qPrintable(why));
         QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
-        const QString model = run->dataDirectory() + QStringLiteral("/Models/") + emptyWeightModel().fileName;
-        if (deleteIt) {
-            QVERIFY(QFile::remove(model));
-        } else {
-            QFile file(model);
-            QVERIFY(file.resize(file.size() / 3));
-        }
+        QFile model(run->dataDirectory() + QStringLiteral("/Models/") + emptyWeightModel().fileName);
+        QVERIFY(model.resize(model.size() / 3));
 
         QVERIFY2(startDictation(1, &why), qPrintable(why));
         QVERIFY2(finishDictation(1, 1.5, &why), qPrintable(why));
