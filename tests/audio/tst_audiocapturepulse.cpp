@@ -301,7 +301,8 @@ private Q_SLOTS:
     }
 
     // A chosen input is heard instead of the default; when it goes the default
-    // takes over with a notice, and it is used again once it is back.
+    // takes over with a notice, and it is used again once it is back. (One
+    // missing from the start is every e2e paste run's.)
     void chosenSourceGoesAndComesBack()
     {
         pulse::VirtualMicrophone desk = pulse::createMicrophone(QStringLiteral("desk"), 48000, 1);
@@ -352,15 +353,6 @@ private Q_SLOTS:
         QCOMPARE(notices.size(), 2);
         QCOMPARE(notices.at(1).at(0).toString(), QStringLiteral("The chosen microphone is back."));
         QCOMPARE(service.engine().defaultSource().sourceName, QStringLiteral("desk"));
-
-        // Chosen but missing at the first start: said at once.
-        AudioCaptureService other(m_log.get());
-        QSignalSpy otherNotices(&other, &AudioCaptureService::notice);
-        other.setChosenSource(QStringLiteral("gone"));
-        other.start({});
-        other.stop();
-        QCOMPARE(otherNotices.size(), 1);
-        QCOMPARE(otherNotices.at(0).at(0).toString(), QStringLiteral("The chosen microphone is not connected; recording from the default input."));
     }
 
     // Kills the server: keep last.
