@@ -389,6 +389,13 @@ void E2eCase::endCase()
     scratch.reset();
 }
 
+bool E2eCase::startScripted(const QString &transcript, QString *why)
+{
+    if (!transcript.isNull())
+        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), transcript);
+    return run->start(scriptedBinary(), why) && run->waitUntilModelReady(why);
+}
+
 bool E2eCase::verb(const QString &name, QString *why)
 {
     QString output;

@@ -127,6 +127,9 @@ protected:
     bool beginCase(const ModelContract &model, bool installModel, QString *why);
     // Keeps the artifacts when the function failed, then stops the program.
     void endCase();
+    // Starts the scripted program, whose recogniser hears `transcript` (its
+    // default when null), and waits until the model is ready.
+    bool startScripted(const QString &transcript, QString *why);
     // "dictora <name>" (toggle, press, release) to the running program; why
     // gets what it printed when it fails.
     bool verb(const QString &name, QString *why);

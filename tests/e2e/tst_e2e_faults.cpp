@@ -73,11 +73,6 @@ class TestE2eFaults : public E2eCase {
         return ids;
     }
 
-    bool startScripted(QString *why)
-    {
-        return run->start(scriptedBinary(), why) && run->waitUntilModelReady(why);
-    }
-
 private Q_SLOTS:
     void init() { m_sessions.clear(); }
     void cleanup() { endCase(); }
@@ -91,7 +86,7 @@ private Q_SLOTS:
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         QVERIFY(dictora::test::writeFile(run->journalPath(), oldRecords(400)));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         const QByteArray before = readFile(run->journalPath());
         QVERIFY2(qint64(before.size()) > QFileInfo(run->logPath()).size() * 4, "the log outgrew the journal");
 
@@ -140,7 +135,7 @@ private Q_SLOTS:
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         QVERIFY(dictora::test::writeFile(run->journalPath(), oldRecords(400)));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         const QByteArray before = readFile(run->journalPath());
         QVERIFY(limitFileSize(run->pid(), rlim_t(before.size() + 16)));
         QVERIFY2(dictate(QStringLiteral("recording finalization failed error="), &why), qPrintable(why));
@@ -192,7 +187,7 @@ private Q_SLOTS:
         const QString path = file == QLatin1String("Dictora.ini") ? run->root() + QStringLiteral("/config/Dictora/Dictora.ini")
                                                                  : run->dataDirectory() + u'/' + file;
         QVERIFY(dictora::test::writeFile(path, bytes));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         if (!logLine.isEmpty())
             QVERIFY2(run->countLines(logLine) == 1, qPrintable(run->logText()));
 
@@ -220,7 +215,7 @@ private Q_SLOTS:
     {
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         QVERIFY(QDir(run->dataDirectory()).removeRecursively());
         QVERIFY2(dictate(QStringLiteral("recording completed outcome="), &why), qPrintable(why));
         QCOMPARE(journalIds(), m_sessions);
@@ -239,7 +234,7 @@ private Q_SLOTS:
             QSKIP("a read-only bind mount needs root");
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         const QString folder = run->dataDirectory();
         if (QProcess::execute(QStringLiteral("mount"), {QStringLiteral("--bind"), folder, folder}) != 0)
             QSKIP("bind mounts are not allowed here");

@@ -64,10 +64,8 @@ private Q_SLOTS:
 
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("please call me back"));
         run->setEnvironment(QStringLiteral("DICTORA_MEASURE_GUI_STALLS"), QStringLiteral("1"));
-        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
-        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QVERIFY2(startScripted(QStringLiteral("please call me back"), &why), qPrintable(why));
 
         TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
         QVERIFY2(editor.start(&why), qPrintable(why));

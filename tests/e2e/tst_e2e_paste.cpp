@@ -62,9 +62,7 @@ private Q_SLOTS:
             {QStringLiteral("keyboard.shortcut.holdToTalk"), drive == QLatin1String("press")}});
         run->writeSnippets({{QStringLiteral("my address"), QStringLiteral("12 Harbour Road, Leith")},
             {QStringLiteral("never said"), QStringLiteral("must not appear")}});
-        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), recognised);
-        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
-        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QVERIFY2(startScripted(recognised, &why), qPrintable(why));
 
         TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
         QVERIFY2(editor.start(&why), qPrintable(why));
@@ -154,9 +152,7 @@ private Q_SLOTS:
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         run->writeSettings({{QStringLiteral("paste.restoreClipboard"), true}});
-        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("hello again"));
-        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
-        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QVERIFY2(startScripted(QStringLiteral("hello again"), &why), qPrintable(why));
         QString refusal;
         QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &refusal), 1);
         QVERIFY2(refusal.contains(QStringLiteral("There is no dictation yet.")), qPrintable(refusal));
