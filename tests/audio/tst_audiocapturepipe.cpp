@@ -6,12 +6,10 @@
 #include "audio/FinalAudioCapture.h"
 #include "support/TestSupport.h"
 
-#include <QThread>
 #include <QtTest>
 
 #include <cmath>
 #include <numbers>
-#include <thread>
 
 using namespace dictora;
 
@@ -74,12 +72,8 @@ private Q_SLOTS:
             << 48000.0 << QList<int>{960, 960, 960, 960, 960} << false << QList<qint64>{960, 1920, 2880, 3840, 800} << 1;
         QTest::newRow("44.1k interval 3675")
             << 44100.0 << QList<int>{3675, 3674, 4} << false << QList<qint64>{0, 3674, 3} << 2;
-        QTest::newRow("16k interval 1333")
-            << 16000.0 << QList<int>{1000, 1000, 1000} << false << QList<qint64>{1000, 667, 334} << 2;
         QTest::newRow("three frames count but emit nothing")
             << 48000.0 << QList<int>{3} << false << QList<qint64>{3} << 0;
-        QTest::newRow("huge buffer emits once")
-            << 48000.0 << QList<int>{100001} << false << QList<qint64>{1} << 1;
         QTest::newRow("tiny rate clamps the interval to one frame")
             << 6.0 << QList<int>{5, 4} << false << QList<qint64>{0, 0} << 2;
         QTest::newRow("interleaved reduces the counter without emitting")
@@ -121,7 +115,6 @@ private Q_SLOTS:
 
         const float minus20 = (-20.0f + 52.0f) / 45.0f;
         QTest::newRow("silence is zero") << 4000u << QList<float>{0, 0, 0, 0} << 0.0f << true << QList<float>{0, 0, 0, 0};
-        QTest::newRow("full scale is one") << 4000u << QList<float>{1, -1, 1, -1} << 0.0f << true << QList<float>{1, 1, 1, 1};
         QTest::newRow("quarters in time order")
             << 4000u << QList<float>{0.1f, 0, 1, 0.1f} << 0.0f << true << QList<float>{minus20, 0, 1, minus20};
         QTest::newRow("-52 dBFS and below give zero")
@@ -159,34 +152,6 @@ private Q_SLOTS:
             QVERIFY2(std::abs(values[i] - levels[i]) < 1e-3f, qPrintable(QStringLiteral("slice %1: %2 vs %3").arg(i).arg(values[i]).arg(levels[i])));
     }
 
-    void levelsArriveOnMainThread()
-    {
-        // Stereo: only the first channel counts, the loud second one is ignored.
-        QThread *mainThread = QThread::currentThread();
-        QList<QThread *> callbackThreads;
-        QList<AudioMeterLevels> levels;
-        auto capture = std::make_shared<FinalAudioCapture>();
-        auto pipe = std::make_shared<AudioCaptureTapPipe>(
-            AudioConverter::create({48000, 2, false, true}, AudioFormat::dictationOutput()), capture,
-            [&](AudioMeterLevels l) {
-                callbackThreads.append(QThread::currentThread());
-                levels.append(l);
-            },
-            this);
-        std::thread tapThread([&] {
-            for (int i = 0; i < 3; ++i)
-                pipe->handle(AudioBuffer::fromChannels(48000, {std::vector<float>(4096, 0.0f), std::vector<float>(4096, 1.0f)}));
-        });
-        tapThread.join();
-        QVERIFY(levels.isEmpty());
-        QTRY_COMPARE(levels.size(), 3);
-        for (QThread *t : callbackThreads)
-            QCOMPARE(t, mainThread);
-        for (const AudioMeterLevels &l : levels)
-            QCOMPARE(l, AudioMeterLevels::zero());
-        QVERIFY(capture->sampleCount() > 0);
-    }
-
     void conversion_data()
     {
         QTest::addColumn<double>("rate");
@@ -196,8 +161,6 @@ private Q_SLOTS:
         QTest::addColumn<double>("expectedAmplitude");
 
         QTest::newRow("48k mono 20 ms") << 48000.0 << 1 << 960 << 0.0 << 0.5;
-        QTest::newRow("48k stereo 4096") << 48000.0 << 2 << 4096 << 1.0 << 0.5;
-        QTest::newRow("44.1k stereo 882") << 44100.0 << 2 << 882 << 1.0 << 0.5;
         QTest::newRow("44.1k stereo, silent right channel") << 44100.0 << 2 << 1024 << 0.0 << 0.25;
         QTest::newRow("16k mono passes through") << 16000.0 << 1 << 320 << 0.0 << 0.5;
         QTest::newRow("8k mono upsampled") << 8000.0 << 1 << 160 << 0.0 << 0.5;
@@ -299,7 +262,6 @@ private Q_SLOTS:
         QTest::newRow("buffer fills the limit exactly") << limit - 1000 << QList<int>{1000} << limit << false;
         QTest::newRow("an empty buffer at the limit") << limit << QList<int>{0} << limit << false;
         QTest::newRow("next non-empty buffer at the limit") << limit - 1000 << QList<int>{1000, 0, 1} << limit << true;
-        QTest::newRow("one below the limit") << limit - 1 << QList<int>{1} << limit << false;
         QTest::newRow("far from the limit") << qsizetype(0) << QList<int>{1600, 0, 3} << qsizetype(1603) << false;
     }
 

@@ -5,7 +5,6 @@
 #include "core/RuntimeLog.h"
 #include "support/TestSupport.h"
 
-#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
@@ -48,55 +47,30 @@ private Q_SLOTS:
         m_log = std::make_unique<RuntimeLog>(m_dir.filePath(QStringLiteral("runtime.log")));
     }
 
-    void permissionWithMicrophone()
-    {
-        AudioCaptureService service(m_log.get());
-        QVERIFY(service.requestMicrophonePermission());
-        QVERIFY(!logText(*m_log).contains(QLatin1String("denied")));
-        const PulseCaptureEngine::SourceInfo source = service.engine().defaultSource();
-        QCOMPARE(source.sourceName, QStringLiteral("vmic"));
-    }
-
+    // Formats the server may hand us, fed through a pipe source, which is
+    // exact: every frame written after start must be captured. The sink path
+    // is speechRoundTrip's.
     void roundTrip_data()
     {
-        QTest::addColumn<bool>("pipeFeed");
         QTest::addColumn<int>("rate");
         QTest::addColumn<int>("channels");
-
-        // The pipe feed is exact: every frame written after start must be captured.
-        QTest::newRow("pipe 48 kHz stereo") << true << 48000 << 2;
-        QTest::newRow("pipe 44.1 kHz mono") << true << 44100 << 1;
-        QTest::newRow("pipe 16 kHz mono") << true << 16000 << 1;
-        // Played through a sink: the server's own mixing path.
-        QTest::newRow("sink 48 kHz stereo") << false << 48000 << 2;
-        QTest::newRow("sink 44.1 kHz stereo") << false << 44100 << 2;
-        QTest::newRow("sink 22.05 kHz mono") << false << 22050 << 1;
+        QTest::newRow("48 kHz stereo") << 48000 << 2;
+        QTest::newRow("44.1 kHz mono") << 44100 << 1;
+        QTest::newRow("22.05 kHz mono") << 22050 << 1;
     }
 
     void roundTrip()
     {
-        QFETCH(bool, pipeFeed);
         QFETCH(int, rate);
         QFETCH(int, channels);
-
-        pulse::VirtualMicrophone sinkMic;
-        pulse::PipeMicrophone pipeMic;
+        const pulse::PipeMicrophone pipeMic =
+            pulse::createPipeMicrophone(QStringLiteral("pipemic"), m_dir.filePath(QStringLiteral("fifo")), rate, channels);
         auto cleanup = qScopeGuard([&] {
-            pulse::removeMicrophone(sinkMic);
             if (pipeMic.ok())
                 pulse::unloadModule(QString::number(pipeMic.module));
             pulse::restoreDefaultMicrophone();
         });
-        QString sourceName;
-        if (pipeFeed) {
-            pipeMic = pulse::createPipeMicrophone(QStringLiteral("pipemic"), m_dir.filePath(QStringLiteral("fifo")), rate, channels);
-            QVERIFY(pipeMic.ok());
-            sourceName = pipeMic.source;
-        } else {
-            sinkMic = pulse::createMicrophone(QStringLiteral("fmt"), rate, channels);
-            QVERIFY(sinkMic.ok());
-            sourceName = sinkMic.source;
-        }
+        QVERIFY(pipeMic.ok());
 
         // A sweep is never periodic, so its position in the recording is unique.
         const QString tone = m_dir.filePath(QStringLiteral("sweep.wav"));
@@ -113,7 +87,7 @@ private Q_SLOTS:
 
         AudioCaptureService service(m_log.get());
         const PulseCaptureEngine::SourceInfo source = service.engine().defaultSource();
-        QCOMPARE(source.sourceName, sourceName);
+        QCOMPARE(source.sourceName, pipeMic.source);
         QCOMPARE(source.format.sampleRate, double(rate));
         QCOMPARE(source.format.channelCount, channels);
 
@@ -125,38 +99,21 @@ private Q_SLOTS:
             levels.append(l);
         });
         QVERIFY(service.isRecording());
-        if (pipeFeed) {
-            QFile file(tone);
-            QVERIFY(file.open(QIODevice::ReadOnly));
-            file.seek(file.size() - qint64(0.8 * rate) * channels * 4); // past the header: the frames only
-            QVERIFY(pulse::feedPipe(pipeMic, file.readAll()));
-            // The last partial fragment and the resampler tail come with stop().
-            QVERIFY(waitForSamples(service, qsizetype(expected.size()) - 2000));
-        } else {
-            // The null sink drops the first milliseconds of a new stream (before
-            // this service sees anything), so the sweep follows a little silence.
-            const QString padded = m_dir.filePath(QStringLiteral("padded.wav"));
-            QVERIFY(pulse::runTool(QStringLiteral("sox"), {tone, padded, QStringLiteral("pad"), QStringLiteral("0.3"), QStringLiteral("0.5")}));
-            auto player = pulse::play(padded, sinkMic.sink);
-            QVERIFY(player->waitForFinished(30000));
-            QCOMPARE(player->exitCode(), 0);
-            // The sink stops feeding the microphone when the sound ends, so the
-            // sweep is followed by silence; wait for the sweep and most of that.
-            QVERIFY(waitForSamples(service, qsizetype(expected.size()) + 4800 + 4000));
-        }
+        QFile file(tone);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        file.seek(file.size() - qint64(0.8 * rate) * channels * 4); // past the header: the frames only
+        QVERIFY(pulse::feedPipe(pipeMic, file.readAll()));
+        // The last partial fragment and the resampler tail come with stop().
+        QVERIFY(waitForSamples(service, qsizetype(expected.size()) - 2000));
         const CapturedAudioResult result = service.stop();
         QVERIFY(!service.isRecording());
 
         double correlation = 0;
         const qsizetype lag = pulse::bestLag(result.samples, expected, &correlation);
-        QVERIFY2(correlation > (pipeFeed ? 0.999 : 0.99), qPrintable(QStringLiteral("correlation %1 at %2").arg(correlation).arg(lag)));
+        QVERIFY2(correlation > 0.999, qPrintable(QStringLiteral("correlation %1 at %2").arg(correlation).arg(lag)));
         // Nothing of the head is missing, and the tail is there too.
-        QVERIFY2(lag >= 0, qPrintable(QStringLiteral("%1 samples missing at the head").arg(-lag)));
-        if (pipeFeed) {
-            QVERIFY2(lag <= 2, qPrintable(QString::number(lag)));
-            QVERIFY(std::abs(qsizetype(result.samples.size()) - qsizetype(expected.size())) <= 2);
-        }
-        QVERIFY(lag + qsizetype(expected.size()) <= qsizetype(result.samples.size()));
+        QVERIFY2(lag >= 0 && lag <= 2, qPrintable(QString::number(lag)));
+        QVERIFY(std::abs(qsizetype(result.samples.size()) - qsizetype(expected.size())) <= 2);
         QVERIFY(result.rmsLevel > 0.05f);
         QVERIFY(!result.reachedSafetyLimit);
 
@@ -242,20 +199,6 @@ private Q_SLOTS:
         service.stop();
     }
 
-    void serverUnreachable()
-    {
-        const QByteArray saved = qgetenv("PULSE_SERVER");
-        auto restore = qScopeGuard([&] { qputenv("PULSE_SERVER", saved); });
-        qputenv("PULSE_SERVER", "unix:" + m_dir.filePath(QStringLiteral("no-such-socket")).toUtf8());
-
-        AudioCaptureService service(m_log.get());
-        QVERIFY(!service.requestMicrophonePermission());
-        QVERIFY(logText(*m_log).contains(QLatin1String("microphone permission denied reason=the sound server could not be reached")));
-        QVERIFY_THROWS_EXCEPTION(AudioEngineError, service.start({}));
-        QVERIFY(!service.isRecording());
-        QVERIFY(service.stop().samples.empty());
-    }
-
     void sourceRemovedWhileRecording_data()
     {
         QTest::addColumn<bool>("removeEverything");
@@ -299,23 +242,11 @@ private Q_SLOTS:
 
     // Real speech played into the virtual microphone comes back as the same
     // 16 kHz signal (needs the shared speech recordings).
-    void speechRoundTrip_data()
-    {
-        QTest::addColumn<QString>("file");
-
-        QTest::newRow("jfk") << QStringLiteral("jfk.wav");
-        QTest::newRow("librispeech 1089-134686-0001") << QStringLiteral("librispeech/1089-134686-0001.wav");
-        QTest::newRow("cards") << QDir(dictora::test::sharedTestData() + QStringLiteral("/speech/cards"))
-                                      .entryList({QStringLiteral("*.wav")}, QDir::Files, QDir::Name)
-                                      .value(0).prepend(QStringLiteral("cards/"));
-    }
-
     void speechRoundTrip()
     {
-        QFETCH(QString, file);
-        const QString path = dictora::test::sharedTestData() + QStringLiteral("/speech/") + file;
+        const QString path = dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav");
         if (!QFileInfo::exists(path))
-            QSKIP(qPrintable(QStringLiteral("%1 is not in the shared test data").arg(file)));
+            QSKIP("jfk.wav is not in the shared test data");
         QTemporaryDir dir;
         int rate = 0;
         std::vector<float> original = readMonoSamples(path, &rate);
@@ -370,7 +301,8 @@ private Q_SLOTS:
     }
 
     // A chosen input is heard instead of the default; when it goes the default
-    // takes over with a notice, and it is used again once it is back.
+    // takes over with a notice, and it is used again once it is back. (One
+    // missing from the start is every e2e paste run's.)
     void chosenSourceGoesAndComesBack()
     {
         pulse::VirtualMicrophone desk = pulse::createMicrophone(QStringLiteral("desk"), 48000, 1);
@@ -421,15 +353,6 @@ private Q_SLOTS:
         QCOMPARE(notices.size(), 2);
         QCOMPARE(notices.at(1).at(0).toString(), QStringLiteral("The chosen microphone is back."));
         QCOMPARE(service.engine().defaultSource().sourceName, QStringLiteral("desk"));
-
-        // Chosen but missing at the first start: said at once.
-        AudioCaptureService other(m_log.get());
-        QSignalSpy otherNotices(&other, &AudioCaptureService::notice);
-        other.setChosenSource(QStringLiteral("gone"));
-        other.start({});
-        other.stop();
-        QCOMPARE(otherNotices.size(), 1);
-        QCOMPARE(otherNotices.at(0).at(0).toString(), QStringLiteral("The chosen microphone is not connected; recording from the default input."));
     }
 
     // Kills the server: keep last.

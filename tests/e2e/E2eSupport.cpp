@@ -19,7 +19,6 @@
 #include <QStandardPaths>
 #include <QTest>
 #include <QUuid>
-#include <QtEndian>
 
 namespace dictora::test::e2e {
 
@@ -49,42 +48,14 @@ QString testModelPath(const QString &fileName)
 
 QString speechClip(const QString &dir, double seconds, QString *why)
 {
-    // The shared recording is 16-bit PCM; keep its header and cut the data chunk.
-    const QString source = QDir(testData()).filePath(QStringLiteral("speech/jfk.wav"));
-    QFile in(source);
-    if (!in.open(QIODevice::ReadOnly)) {
-        *why = QStringLiteral("cannot read ") + source;
-        return {};
-    }
-    const QByteArray wav = in.readAll();
-    if (wav.size() < 44 || !wav.startsWith("RIFF") || wav.mid(8, 4) != "WAVE") {
-        *why = source + QStringLiteral(" is not a WAV file");
-        return {};
-    }
-    qsizetype pos = 12;
-    quint32 byteRate = 0;
-    while (pos + 8 <= wav.size()) {
-        const QByteArray id = wav.mid(pos, 4);
-        const quint32 size = qFromLittleEndian<quint32>(wav.constData() + pos + 4);
-        if (id == "fmt " && size >= 16)
-            byteRate = qFromLittleEndian<quint32>(wav.constData() + pos + 16);
-        if (id == "data" && byteRate > 0) {
-            quint32 keep = quint32(seconds * byteRate);
-            keep -= keep % 4;
-            keep = std::min<quint32>(keep, size);
-            QByteArray out = wav.left(pos + 8) + wav.mid(pos + 8, keep);
-            qToLittleEndian<quint32>(keep, out.data() + pos + 4);
-            qToLittleEndian<quint32>(quint32(out.size() - 8), out.data() + 4);
-            const QString path = QDir(dir).filePath(QStringLiteral("speech-%1s.wav").arg(seconds));
-            if (!writeFile(path, out)) {
-                *why = QStringLiteral("cannot write ") + path;
-                return {};
-            }
-            return path;
-        }
-        pos += 8 + size + (size & 1);
-    }
-    *why = source + QStringLiteral(" has no PCM data chunk");
+    const QString path = QDir(dir).filePath(QStringLiteral("speech-%1s.wav").arg(seconds));
+    QProcess sox;
+    sox.setProcessChannelMode(QProcess::MergedChannels);
+    sox.start(QStringLiteral("sox"), {QDir(testData()).filePath(QStringLiteral("speech/jfk.wav")), path,
+        QStringLiteral("trim"), QStringLiteral("0"), QString::number(seconds)});
+    if (sox.waitForFinished(30000) && sox.exitStatus() == QProcess::NormalExit && sox.exitCode() == 0)
+        return path;
+    *why = QStringLiteral("sox could not cut the speech clip: ") + QString::fromLocal8Bit(sox.readAll());
     return {};
 }
 
@@ -341,22 +312,6 @@ QList<QJsonObject> DictoraRun::records(QString *why) const
     return result;
 }
 
-bool DictoraRun::waitForRecords(int count, int timeoutMs, QString *why)
-{
-    QDeadlineTimer deadline(timeoutMs);
-    while (records().size() < count) {
-        if (deadline.hasExpired() || !isRunning()) {
-            *why = QStringLiteral("the journal has %1 of %2 records; log:\n%3")
-                       .arg(records().size())
-                       .arg(count)
-                       .arg(logText());
-            return false;
-        }
-        QTest::qWait(20);
-    }
-    return true;
-}
-
 QString DictoraRun::programOutput()
 {
     if (m_process)
@@ -368,16 +323,11 @@ void DictoraRun::keepArtifacts(const QString &folder)
 {
     QDir().mkpath(folder);
     const QDir out(folder);
-    for (const QString &name : {QStringLiteral("runtime.log"), QStringLiteral("transcripts.jsonl"),
-             QStringLiteral("snippets.json")}) {
-        const QString source = QDir(dataDirectory()).filePath(name);
-        QFile::remove(out.filePath(name));
-        if (QFile::exists(source))
-            QFile::copy(source, out.filePath(name));
+    for (const QString &source : {logPath(), journalPath(), QDir(dataDirectory()).filePath(QStringLiteral("snippets.json")),
+             QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini"))}) {
+        QFile::remove(out.filePath(QFileInfo(source).fileName()));
+        QFile::copy(source, out.filePath(QFileInfo(source).fileName()));
     }
-    QFile::remove(out.filePath(QStringLiteral("Dictora.ini")));
-    QFile::copy(QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini")),
-        out.filePath(QStringLiteral("Dictora.ini")));
     writeFile(out.filePath(QStringLiteral("dictora-output.txt")), programOutput().toUtf8());
     if (qobject_cast<QGuiApplication *>(QCoreApplication::instance()) && QGuiApplication::primaryScreen())
         QGuiApplication::primaryScreen()->grabWindow(0).save(out.filePath(QStringLiteral("screen.png")));
@@ -394,7 +344,7 @@ int checkEnvironment()
         return rigMissing("needs a sound server: run under tests/support/pulse/with-pulse");
     if (testData().isEmpty())
         return skipAll("../shared/testdata is not beside the repository");
-    for (const char *tool : {"l3afpad", "xterm", "xdotool", "paplay"}) {
+    for (const char *tool : {"l3afpad", "xterm", "xdotool", "paplay", "sox"}) {
         if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty()) {
             const QByteArray reason = QByteArray(tool) + " is not installed";
             return rigMissing(reason.constData());
@@ -437,6 +387,22 @@ void E2eCase::endCase()
     }
     run.reset();
     scratch.reset();
+}
+
+bool E2eCase::startScripted(const QString &transcript, QString *why)
+{
+    if (!transcript.isNull())
+        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), transcript);
+    return run->start(scriptedBinary(), why) && run->waitUntilModelReady(why);
+}
+
+bool E2eCase::verb(const QString &name, QString *why)
+{
+    QString output;
+    if (run->runVerb(dictoraBinary(), {name}, &output) == 0)
+        return true;
+    *why = QStringLiteral("dictora %1 failed: %2").arg(name, output);
+    return false;
 }
 
 bool E2eCase::startDictation(int ordinal, QString *why)

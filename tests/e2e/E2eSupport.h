@@ -86,7 +86,6 @@ public:
     // the program has ended.
     bool waitForLines(const QString &prefix, int count, int timeoutMs, QString *why);
     QList<QJsonObject> records(QString *why = nullptr) const;
-    bool waitForRecords(int count, int timeoutMs, QString *why);
     QString programOutput();
 
     // The log, journal, program output and a screenshot, for a failed test.
@@ -128,6 +127,12 @@ protected:
     bool beginCase(const ModelContract &model, bool installModel, QString *why);
     // Keeps the artifacts when the function failed, then stops the program.
     void endCase();
+    // Starts the scripted program, whose recogniser hears `transcript` (its
+    // default when null), and waits until the model is ready.
+    bool startScripted(const QString &transcript, QString *why);
+    // "dictora <name>" (toggle, press, release) to the running program; why
+    // gets what it printed when it fails.
+    bool verb(const QString &name, QString *why);
     // Presses the shortcut and waits for the recording to start.
     bool startDictation(int ordinal, QString *why);
     // Plays speech, presses again and waits for the recording's end. The

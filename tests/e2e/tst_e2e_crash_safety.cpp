@@ -85,21 +85,13 @@ class TestE2eCrashSafety : public E2eCase {
             && run->waitForLines(QStringLiteral("mandatory accuracy model loaded and ready"), ready + 1, 60000, why);
     }
 
-    bool toggle(QString *why)
-    {
-        QString output;
-        if (run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output) == 0)
-            return true;
-        *why = QStringLiteral("dictora toggle failed: ") + output;
-        return false;
-    }
-
     // Starts a recording and waits until it runs: a press while the start is
     // in flight is dropped by design.
     bool startRecording(QString *why)
     {
         const int started = run->countLines(QStringLiteral("recording started session="));
-        return toggle(why) && run->waitForLines(QStringLiteral("recording started session="), started + 1, 30000, why);
+        return verb(QStringLiteral("toggle"), why)
+            && run->waitForLines(QStringLiteral("recording started session="), started + 1, 30000, why);
     }
 
     bool sendStop(QString *why)
@@ -146,7 +138,7 @@ private Q_SLOTS:
             const int whole = int(random.bounded(3));
             for (int d = 0; d < whole; ++d) {
                 const int done = run->countLines(QStringLiteral("recording completed outcome="));
-                QVERIFY2(startRecording(&why) && toggle(&why), qPrintable(why));
+                QVERIFY2(startRecording(&why) && verb(QStringLiteral("toggle"), &why), qPrintable(why));
                 QVERIFY2(run->waitForLines(QStringLiteral("recording completed outcome="), done + 1, 30000, &why),
                     qPrintable(why));
                 ++completedDictations;
@@ -160,7 +152,7 @@ private Q_SLOTS:
                 ::usleep(random.bounded(200000u));
                 break;
             case recording:
-                QVERIFY2(toggle(&why), qPrintable(why));
+                QVERIFY2(verb(QStringLiteral("toggle"), &why), qPrintable(why));
                 ::usleep(random.bounded(200000u));
                 break;
             case aroundAppend:
@@ -174,7 +166,7 @@ private Q_SLOTS:
                 break;
             case afterAppend: {
                 const int appended = run->countLines(QStringLiteral("journal append complete"));
-                QVERIFY2(startRecording(&why) && toggle(&why), qPrintable(why));
+                QVERIFY2(startRecording(&why) && verb(QStringLiteral("toggle"), &why), qPrintable(why));
                 QVERIFY2(run->waitForLines(QStringLiteral("journal append complete"), appended + 1, 30000, &why),
                     qPrintable(why));
                 ::usleep(random.bounded(20000u));

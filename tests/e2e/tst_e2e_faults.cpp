@@ -52,25 +52,17 @@ class TestE2eFaults : public E2eCase {
 
     QStringList m_sessions;
 
-    bool toggle(QString *why)
-    {
-        QString output;
-        if (run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output) == 0)
-            return true;
-        *why = QStringLiteral("dictora toggle failed: ") + output;
-        return false;
-    }
-
     // A silent dictation through "dictora toggle"; waits for its end line.
     bool dictate(const QString &endPrefix, QString *why)
     {
         const int started = run->countLines(QStringLiteral("recording started session="));
         const int ended = run->countLines(endPrefix);
-        if (!toggle(why) || !run->waitForLines(QStringLiteral("recording started session="), started + 1, 30000, why))
+        if (!verb(QStringLiteral("toggle"), why)
+            || !run->waitForLines(QStringLiteral("recording started session="), started + 1, 30000, why))
             return false;
         m_sessions << run->messages().filter(QStringLiteral("recording started session=")).last()
                           .section(u'=', 1).section(u' ', 0, 0);
-        return toggle(why) && run->waitForLines(endPrefix, ended + 1, 30000, why);
+        return verb(QStringLiteral("toggle"), why) && run->waitForLines(endPrefix, ended + 1, 30000, why);
     }
 
     QStringList journalIds()
@@ -79,11 +71,6 @@ class TestE2eFaults : public E2eCase {
         for (const QJsonObject &record : run->records())
             ids << record.value(QLatin1String("id")).toString();
         return ids;
-    }
-
-    bool startScripted(QString *why)
-    {
-        return run->start(scriptedBinary(), why) && run->waitUntilModelReady(why);
     }
 
 private Q_SLOTS:
@@ -99,7 +86,7 @@ private Q_SLOTS:
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         QVERIFY(dictora::test::writeFile(run->journalPath(), oldRecords(400)));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         const QByteArray before = readFile(run->journalPath());
         QVERIFY2(qint64(before.size()) > QFileInfo(run->logPath()).size() * 4, "the log outgrew the journal");
 
@@ -148,7 +135,7 @@ private Q_SLOTS:
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         QVERIFY(dictora::test::writeFile(run->journalPath(), oldRecords(400)));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         const QByteArray before = readFile(run->journalPath());
         QVERIFY(limitFileSize(run->pid(), rlim_t(before.size() + 16)));
         QVERIFY2(dictate(QStringLiteral("recording finalization failed error="), &why), qPrintable(why));
@@ -184,13 +171,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("logLine");
         const QByteArray oldRecord = oldRecords(1);
         QTest::newRow("journal cut mid-record") << "transcripts.jsonl" << oldRecord + oldRecord.left(90) << QString();
-        QTest::newRow("journal ends in binary noise") << "transcripts.jsonl" << oldRecord + QByteArray("\x00\xff\xfe{\"id", 7)
-                                                 << QString();
         QTest::newRow("journal ends with a hand-written note") << "transcripts.jsonl" << oldRecord + "my note" << QString();
         QTest::newRow("settings are binary") << "Dictora.ini" << QByteArray("\x7f" "ELF\x00\x01", 6)
                                         << "settings file unreadable, defaults used; the old file is kept as ";
-        QTest::newRow("settings are deeply nested json") << "Dictora.ini" << QByteArray(5000, '[') + QByteArray(5000, ']')
-                                                    << "settings file unreadable, defaults used; the old file is kept as ";
         QTest::newRow("snippets are not utf-8") << "snippets.json" << QByteArray("[{\"trigger\":\"\xc3\x28\"}]")
                                            << "snippets file unreadable, starting without snippets";
     }
@@ -204,7 +187,7 @@ private Q_SLOTS:
         const QString path = file == QLatin1String("Dictora.ini") ? run->root() + QStringLiteral("/config/Dictora/Dictora.ini")
                                                                  : run->dataDirectory() + u'/' + file;
         QVERIFY(dictora::test::writeFile(path, bytes));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         if (!logLine.isEmpty())
             QVERIFY2(run->countLines(logLine) == 1, qPrintable(run->logText()));
 
@@ -232,7 +215,7 @@ private Q_SLOTS:
     {
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         QVERIFY(QDir(run->dataDirectory()).removeRecursively());
         QVERIFY2(dictate(QStringLiteral("recording completed outcome="), &why), qPrintable(why));
         QCOMPARE(journalIds(), m_sessions);
@@ -251,7 +234,7 @@ private Q_SLOTS:
             QSKIP("a read-only bind mount needs root");
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        QVERIFY2(startScripted(&why), qPrintable(why));
+        QVERIFY2(startScripted({}, &why), qPrintable(why));
         const QString folder = run->dataDirectory();
         if (QProcess::execute(QStringLiteral("mount"), {QStringLiteral("--bind"), folder, folder}) != 0)
             QSKIP("bind mounts are not allowed here");
@@ -261,9 +244,9 @@ private Q_SLOTS:
 
         const QString failed = QStringLiteral("recording finalization failed error=") + run->journalPath()
             + QStringLiteral(": Read-only file system");
-        QVERIFY2(toggle(&why), qPrintable(why));
+        QVERIFY2(verb(QStringLiteral("toggle"), &why), qPrintable(why));
         QTest::qWait(500);
-        QVERIFY2(toggle(&why), qPrintable(why));
+        QVERIFY2(verb(QStringLiteral("toggle"), &why), qPrintable(why));
         // The log was open before the folder turned read-only and may go on;
         // where it cannot, standard error has the line.
         const auto told = [&] { return run->programOutput().contains(failed) || run->countLines(failed) > 0; };
@@ -281,29 +264,18 @@ private Q_SLOTS:
         QVERIFY2(run->stop(&why), qPrintable(why));
     }
 
-    // The model file deleted or cut short after it was loaded: recognition
-    // runs on what was loaded; the next start finds the file wrong, says so
-    // and refuses to record until a good copy is in place.
-    void modelFileDamagedWhileLoaded_data()
-    {
-        QTest::addColumn<bool>("deleteIt");
-        QTest::newRow("deleted") << true;
-        QTest::newRow("truncated") << false;
-    }
+    // The model file cut short after it was loaded (a file that is there
+    // but wrong; a deleted one is merely missing): recognition runs on what
+    // was loaded; the next start finds the file wrong, says so and refuses
+    // to record until a good copy is in place.
     void modelFileDamagedWhileLoaded()
     {
-        QFETCH(bool, deleteIt);
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         QVERIFY2(run->start(dictoraBinary(), &why), qPrintable(why));
         QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
-        const QString model = run->dataDirectory() + QStringLiteral("/Models/") + emptyWeightModel().fileName;
-        if (deleteIt) {
-            QVERIFY(QFile::remove(model));
-        } else {
-            QFile file(model);
-            QVERIFY(file.resize(file.size() / 3));
-        }
+        QFile model(run->dataDirectory() + QStringLiteral("/Models/") + emptyWeightModel().fileName);
+        QVERIFY(model.resize(model.size() / 3));
 
         QVERIFY2(startDictation(1, &why), qPrintable(why));
         QVERIFY2(finishDictation(1, 1.5, &why), qPrintable(why));
@@ -314,7 +286,7 @@ private Q_SLOTS:
 
         QVERIFY2(run->start(dictoraBinary(), &why), qPrintable(why));
         QVERIFY2(run->waitForLines(QStringLiteral("accuracy model preparation failed error="), 1, 60000, &why), qPrintable(why));
-        QVERIFY2(toggle(&why), qPrintable(why));
+        QVERIFY2(verb(QStringLiteral("toggle"), &why), qPrintable(why));
         QVERIFY2(run->waitForLines(QStringLiteral("recording blocked because mandatory accuracy model is not ready"), 1, 30000, &why),
             qPrintable(why));
         QCOMPARE(run->records().size(), 1);

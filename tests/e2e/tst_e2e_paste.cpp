@@ -10,56 +10,69 @@ using namespace dictora::test::e2e;
 
 // The whole paste path with only the recogniser's words scripted: the text is
 // formatted, snippet-expanded and lands in the editor that had the focus when
-// the dictation began, whatever has the focus when it ends.
+// the dictation began, whatever has the focus when it ends. It is driven by
+// the shortcut, or from a shell ("dictora toggle"; a desktop's own binding
+// runs "dictora press" and "dictora release" with hold to talk on).
 class TestE2ePaste : public E2eCase {
     Q_OBJECT
 
 private Q_SLOTS:
     void cleanup() { endCase(); }
 
+    void toggleWithoutARunningProgram()
+    {
+        QString why;
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        QString output;
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output), 1);
+        QVERIFY2(output.contains(QStringLiteral("Dictora is not running")), qPrintable(output));
+    }
+
     void textLandsInTheEditor_data()
     {
         QTest::addColumn<QString>("recognised");
-        QTest::addColumn<bool>("formatting");
+        QTest::addColumn<QString>("drive"); // "key", "key held" while the text is ready, "toggle", "press"
         QTest::addColumn<bool>("moveFocus");
-        QTest::addColumn<bool>("holdKey");
         QTest::addColumn<QString>("expected");
 
+        // The formatting and snippet rules themselves are the formatter's and
+        // the controller's tables; here each way through runs once.
         const QString raw = QStringLiteral("  um, please send the invoice to my address  ");
-        QTest::newRow("formatted and expanded")
-            << raw << true << false << false << QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
-        QTest::newRow("focus moved to a terminal")
-            << raw << true << true << false << QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
-        QTest::newRow("formatting off, trimmed and expanded")
-            << raw << false << false << false << QStringLiteral("um, please send the invoice to 12 Harbour Road, Leith");
-        QTest::newRow("non-ASCII")
-            << QString::fromUtf8("uh the café in Zürich is near my address") << true << false << false
+        const QString formatted = QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
+        QTest::newRow("shortcut") << raw << "key" << false << formatted;
+        QTest::newRow("focus moved to a terminal") << raw << "key" << true << formatted;
+        QTest::newRow("non-ASCII, shortcut still held when the text is ready")
+            << QString::fromUtf8("uh the café in Zürich is near my address") << "key held" << false
             << QString::fromUtf8("The café in Zürich is near 12 Harbour Road, Leith");
-        // The text is ready while the user still holds the key down.
-        QTest::newRow("shortcut still held when the text is ready")
-            << raw << true << false << true << QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
+        QTest::newRow("dictora toggle twice") << raw << "toggle" << false << formatted;
+        QTest::newRow("dictora press and release, hold to talk") << raw << "press" << false << formatted;
     }
 
     void textLandsInTheEditor()
     {
         QFETCH(QString, recognised);
-        QFETCH(bool, formatting);
+        QFETCH(QString, drive);
         QFETCH(bool, moveFocus);
-        QFETCH(bool, holdKey);
         QFETCH(QString, expected);
 
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        run->writeSettings({{QStringLiteral("transcription.formatting.enabled"), formatting}});
+        // A chosen microphone that is unplugged: the default is heard, and the indicator says so.
+        run->writeSettings({{QStringLiteral("audio.microphone.source"), QStringLiteral("unplugged_usb")},
+            {QStringLiteral("keyboard.shortcut.holdToTalk"), drive == QLatin1String("press")}});
         run->writeSnippets({{QStringLiteral("my address"), QStringLiteral("12 Harbour Road, Leith")},
             {QStringLiteral("never said"), QStringLiteral("must not appear")}});
-        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), recognised);
-        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
-        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QVERIFY2(startScripted(recognised, &why), qPrintable(why));
 
         TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
         QVERIFY2(editor.start(&why), qPrintable(why));
-        QVERIFY2(startDictation(1, &why), qPrintable(why));
+        const bool byVerb = drive == QLatin1String("toggle") || drive == QLatin1String("press");
+        if (byVerb) {
+            QVERIFY2(verb(drive, &why), qPrintable(why));
+            QVERIFY2(run->waitForLines(QStringLiteral("recording started session="), 1, 30000, &why), qPrintable(why));
+        } else {
+            QVERIFY2(startDictation(1, &why), qPrintable(why));
+        }
 
         std::unique_ptr<Terminal> terminal;
         if (moveFocus) {
@@ -68,18 +81,22 @@ private Q_SLOTS:
             QCOMPARE(windowPid(activeWindow()), terminal->pid());
         }
 
-        if (holdKey) {
+        if (drive == QLatin1String("key")) {
+            QVERIFY2(finishDictation(1, 1.5, &why), qPrintable(why));
+        } else {
             const QString clip = speechClip(scratch->path(), 1.5, &why);
             QVERIFY2(!clip.isEmpty() && playIntoMicrophone(clip, &why), qPrintable(why));
-            const int key = keyboard.keycode("grave");
-            keyboard.press(key);
-            const bool accepted = run->waitForLines(QStringLiteral("stop key accepted"), 1, 30000, &why);
-            QTest::qWait(300);
-            keyboard.release(key);
-            QVERIFY2(accepted, qPrintable(why));
+            if (byVerb) {
+                QVERIFY2(verb(drive == QLatin1String("press") ? QStringLiteral("release") : drive, &why), qPrintable(why));
+            } else {
+                const int key = keyboard.keycode("grave");
+                keyboard.press(key);
+                const bool accepted = run->waitForLines(QStringLiteral("stop key accepted"), 1, 30000, &why);
+                QTest::qWait(300);
+                keyboard.release(key);
+                QVERIFY2(accepted, qPrintable(why));
+            }
             QVERIFY2(run->waitForLines(QStringLiteral("recording completed outcome="), 1, 60000, &why), qPrintable(why));
-        } else {
-            QVERIFY2(finishDictation(1, 1.5, &why), qPrintable(why));
         }
         QString received;
         QVERIFY2(editor.readBack(expected, &received),
@@ -87,7 +104,6 @@ private Q_SLOTS:
         if (terminal)
             QCOMPARE(terminal->received(), QString());
 
-        QVERIFY2(run->waitForRecords(1, 10000, &why), qPrintable(why));
         const QList<QJsonObject> records = run->records();
         QCOMPARE(records.size(), 1);
         const QJsonObject record = records.first();
@@ -113,9 +129,14 @@ private Q_SLOTS:
                      &why),
             qPrintable(why));
         QCOMPARE(messages.contains(QStringLiteral("paste target reactivated ok=true")), moveFocus);
+        QVERIFY2(linesInOrder(messages,
+                     {QStringLiteral("microphone chosen source=unplugged_usb is missing; recording from the default"),
+                         QStringLiteral("microphone notice text=The chosen microphone is not connected; recording from the default input.")},
+                     &why),
+            qPrintable(why));
 
         // Again, into whatever has the focus now, the same way; nothing new is journaled.
-        if (!moveFocus && !holdKey && formatting) {
+        if (drive == QLatin1String("key") && !moveFocus) {
             QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}), 0);
             QVERIFY2(editor.readBack(expected + expected, &received), qPrintable(received));
             QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("copy-last")}), 0);
@@ -131,9 +152,7 @@ private Q_SLOTS:
         QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         run->writeSettings({{QStringLiteral("paste.restoreClipboard"), true}});
-        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("hello again"));
-        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
-        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QVERIFY2(startScripted(QStringLiteral("hello again"), &why), qPrintable(why));
         QString refusal;
         QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &refusal), 1);
         QVERIFY2(refusal.contains(QStringLiteral("There is no dictation yet.")), qPrintable(refusal));

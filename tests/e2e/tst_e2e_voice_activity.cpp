@@ -23,9 +23,7 @@ private Q_SLOTS:
         // The product's detector contract names exactly this file.
         QVERIFY(QFile::copy(testModelPath(QStringLiteral("for-tests-silero-v6.2.0-ggml.bin")),
             QDir(run->dataDirectory()).filePath(QStringLiteral("Models/ggml-silero-v6.2.0.bin"))));
-        run->setEnvironment(QStringLiteral("DICTORA_SCRIPTED_TRANSCRIPT"), QStringLiteral("invented words"));
-        QVERIFY2(run->start(scriptedBinary(), &why), qPrintable(why));
-        QVERIFY2(run->waitUntilModelReady(&why), qPrintable(why));
+        QVERIFY2(startScripted(QStringLiteral("invented words"), &why), qPrintable(why));
         QVERIFY2(run->waitForLines(QStringLiteral("voice activity model ready path="), 1, 30000, &why), qPrintable(why));
         TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
         QVERIFY2(editor.start(&why), qPrintable(why));

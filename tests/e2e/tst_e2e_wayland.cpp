@@ -8,8 +8,6 @@
 
 #include <QDir>
 #include <QGuiApplication>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QtTest>
 
@@ -86,7 +84,6 @@ private Q_SLOTS:
             QCOMPARE(other->received(), QString());
         QCOMPARE(sway::focusedAppId(), target.appId());
 
-        QVERIFY2(run.waitForRecords(1, 10000, &why), qPrintable(why));
         const QJsonObject record = run.records().first();
         QCOMPARE(record.value("outcome").toString(), QStringLiteral("pasted"));
         QCOMPARE(record.value("transcript").toString(), expected);
@@ -118,37 +115,6 @@ private Q_SLOTS:
             QCOMPARE(run.records().size(), 1);
         }
         QVERIFY2(run.stop(&why), qPrintable(why));
-    }
-
-    // `dictora doctor` on Sway names the Wayland mechanisms, and a missing
-    // sound server is the one failure the exit status reports.
-    void doctorNamesWhatIsBroken()
-    {
-        m_run = std::make_unique<DictoraRun>();
-        DictoraRun &run = *m_run;
-        QString why;
-        run.writeSettings();
-        QVERIFY2(run.useModel(emptyWeightModel(), true, &why), qPrintable(why));
-        run.setEnvironment(QStringLiteral("QT_QPA_PLATFORM"), QString());
-        run.setEnvironment(QStringLiteral("PULSE_SERVER"), QStringLiteral("unix:/nonexistent/pulse"));
-        QString output;
-        const int code = run.runVerb(dictoraBinary(), {QStringLiteral("doctor"), QStringLiteral("--json")}, &output);
-        const QJsonObject report =
-            QJsonDocument::fromJson(output.split(u'\n').filter(QRegularExpression(QStringLiteral("^\\{"))).value(0).toUtf8()).object();
-        QVERIFY2(!report.isEmpty(), qPrintable(output));
-        QCOMPARE(code, 1);
-        QStringList failed;
-        QHash<QString, QString> mechanisms;
-        for (const QJsonValue &value : report.value("checks").toArray()) {
-            const QJsonObject check = value.toObject();
-            mechanisms.insert(check.value("id").toString(), check.value("mechanism").toString());
-            if (check.value("status").toString() == QLatin1String("failed"))
-                failed << check.value("id").toString();
-        }
-        QCOMPARE(failed, QStringList{QStringLiteral("microphone")});
-        QCOMPARE(mechanisms.value("keystroke"), QStringLiteral("wayland-virtual-keyboard"));
-        QCOMPARE(mechanisms.value("clipboard"), QStringLiteral("wayland-data-control"));
-        QCOMPARE(mechanisms.value("target-window"), QStringLiteral("wayland-foreign-toplevel"));
     }
 };
 

@@ -270,15 +270,6 @@ bool TextEditor::start(QString *why)
     return true;
 }
 
-bool TextEditor::focus(QString *why)
-{
-    QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("windowactivate"), QString::number(m_window)});
-    if (QTest::qWaitFor([&] { return activeWindow() == m_window; }, 10000))
-        return true;
-    *why = QStringLiteral("the editor could not be focused");
-    return false;
-}
-
 bool TextEditor::readBack(const QString &expected, QString *actual)
 {
     // The save may come before the paste is inserted: save until it shows.

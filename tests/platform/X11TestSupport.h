@@ -90,7 +90,6 @@ public:
     quint64 window() const { return m_window; }
     // Saves (Ctrl+S) until the file holds expected; actual gets what it held.
     bool readBack(const QString &expected, QString *actual);
-    bool focus(QString *why);
 
 private:
     FakeKeyboard &m_keyboard;

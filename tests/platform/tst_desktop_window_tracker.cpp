@@ -1,7 +1,6 @@
 #include "platform/kde/KWinWindowTracker.h"
 #include "platform/services/PlatformServices.h"
 #include "support/TestSupport.h"
-#include "text/paste/PasteService.h"
 
 #include <QDBusMessage>
 #include <QProcess>
@@ -95,25 +94,8 @@ private Q_SLOTS:
         QVERIFY(!kwin.isUsable());
         QVERIFY2(kwin.failureReason().contains(QLatin1String("org.kde.KWin")), qPrintable(kwin.failureReason()));
 
-        // Where the desktop names nothing the dictation still has a target:
-        // the window focused at paste time, with no name made up for it.
-        QTemporaryDir dir;
-        RuntimeLog log(dir.filePath(QStringLiteral("runtime.log")));
-        struct Keys : KeystrokeSender {
-            QStringList sent;
-            bool anyKeyHeld() override { return false; }
-            bool send(PasteKeystroke k) override { return sent << keystrokeName(k), true; }
-            QString failureReason() const override { return {}; }
-        } keys;
-        PasteService service(log, *tracker, keys, nullptr);
-        const std::optional<PasteTarget> target = service.captureTarget();
-        QVERIFY(target);
-        QCOMPARE(target->application, (TargetApplication{QStringLiteral("Unknown"), std::nullopt, 0}));
-        QVERIFY(target->window.isNull());
-        bool pasted = false;
-        service.paste(QStringLiteral("hello"), *target, [&](qint64) { pasted = true; });
-        QTRY_VERIFY_WITH_TIMEOUT(pasted, 5000);
-        QCOMPARE(keys.sent, QStringList{QStringLiteral("shift+insert")});
+        // What a target then is, and how it is pasted, is tst_paste_sequence's
+        // "focus at paste time" row.
     }
 
     void kwinFollowsFocusAndReactivates()

@@ -81,16 +81,12 @@ private Q_SLOTS:
         const QStringList ctrlAltKeys{"Control_L", "Alt_L"};
 
         QTest::newRow("backtick") << kBacktick << none << kGraveEvdev << noKeys << false << false << 1;
-        QTest::newRow("backtick, caps lock on") << kBacktick << none << kGraveEvdev << noKeys << true << false << 1;
-        QTest::newRow("backtick, num lock on") << kBacktick << none << kGraveEvdev << noKeys << false << true << 1;
         QTest::newRow("backtick, both locks on") << kBacktick << none << kGraveEvdev << noKeys << true << true << 1;
         QTest::newRow("backtick with shift held") << kBacktick << none << kGraveEvdev << QStringList{"Shift_L"} << false << false << 0;
-        QTest::newRow("backtick with ctrl held") << kBacktick << none << kGraveEvdev << QStringList{"Control_L"} << false << false << 0;
         QTest::newRow("ctrl+alt+k") << kKeyK << ctrlAlt << kKEvdev << ctrlAltKeys << false << false << 1;
         QTest::newRow("ctrl+alt+k, both locks on") << kKeyK << ctrlAlt << kKEvdev << ctrlAltKeys << true << true << 1;
         QTest::newRow("ctrl+alt+k with extra shift") << kKeyK << ctrlAlt << kKEvdev << QStringList{"Control_L", "Alt_L", "Shift_L"} << false << false << 0;
         QTest::newRow("ctrl+alt+k missing alt") << kKeyK << ctrlAlt << kKEvdev << QStringList{"Control_L"} << false << false << 0;
-        QTest::newRow("ctrl+alt+k as plain k") << kKeyK << ctrlAlt << kKEvdev << noKeys << false << false << 0;
         QTest::newRow("super+f5") << kKeyF5 << super << kF5Evdev << QStringList{"Super_L"} << false << false << 1;
         QTest::newRow("super+f5 with alt instead") << kKeyF5 << super << kF5Evdev << QStringList{"Alt_L"} << false << false << 0;
     }
@@ -265,17 +261,6 @@ private Q_SLOTS:
         keyboard.chord({}, FakeKeyboard::keycodeFromEvdev(kGraveEvdev));
         settle(backend);
         QCOMPARE(spy.count(), 1);
-    }
-
-    void destroyingTheBackendReleasesTheKey()
-    {
-        const GlobalShortcut chord = GlobalShortcut::defaultShortcut();
-        {
-            x11::X11ShortcutBackend backend;
-            QVERIFY(backend.install(chord));
-        }
-        x11::X11ShortcutBackend next;
-        QVERIFY2(next.install(chord), qPrintable(next.failureReason()));
     }
 };
 

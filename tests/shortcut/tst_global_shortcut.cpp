@@ -34,23 +34,16 @@ private Q_SLOTS:
 
         QTest::newRow("default") << qint64(50) << 0 << kBacktick << QString();
         QTest::newRow("command backtick") << qint64(50) << kCommand << kBacktick << kTwoModifiers;
-        QTest::newRow("key 50 with another label") << qint64(50) << 0 << QString::fromUtf8("§") << kTwoModifiers;
         QTest::newRow("backtick label on another key") << qint64(10) << 0 << kBacktick << kTwoModifiers;
         QTest::newRow("control option K") << qint64(40) << (kControl | kOption) << "K" << QString();
         QTest::newRow("shift K") << qint64(40) << kShift << "K" << kTwoModifiers;
-        QTest::newRow("command K") << qint64(40) << kCommand << "K" << kTwoModifiers;
         QTest::newRow("bare K") << qint64(40) << 0 << "K" << kTwoModifiers;
         QTest::newRow("shift and unnamed bit") << qint64(40) << 24 << "K" << kNoPrimary;
-        QTest::newRow("two unnamed bits") << qint64(40) << (16 | 32) << "K" << kNoPrimary;
         QTest::newRow("one unnamed bit") << qint64(40) << 128 << "K" << kTwoModifiers;
         QTest::newRow("command and unnamed bit") << qint64(40) << (kCommand | 64) << "K" << QString();
-        QTest::newRow("all bits") << qint64(40) << 255 << "K" << QString();
         QTest::newRow("empty label, four modifiers") << qint64(40) << 15 << "" << kNoKey;
-        QTest::newRow("empty label default key") << qint64(50) << 0 << "" << kNoKey;
         QTest::newRow("blank label is not empty") << qint64(49) << (kControl | kShift) << " " << QString();
         QTest::newRow("shift command F5") << qint64(96) << (kShift | kCommand) << "F5" << QString();
-        QTest::newRow("control option Return") << qint64(36) << (kControl | kOption) << "Return" << QString();
-        QTest::newRow("option shift space") << qint64(49) << (kOption | kShift) << "Space" << QString();
     }
 
     void validate()
@@ -79,18 +72,11 @@ private Q_SLOTS:
         QTest::newRow("accented letter") << qint64(33) << true << QString::fromUtf8("é") << QString::fromUtf8("É");
         QTest::newRow("sharp s") << qint64(27) << true << QString::fromUtf8("ß") << "SS";
         QTest::newRow("trimmed") << qint64(41) << true << "\t;\n" << ";";
-        QTest::newRow("negative code") << qint64(-1) << false << "" << "Key -1";
         QTest::newRow("backtick") << qint64(50) << true << QString::fromUtf8("§") << kBacktick;
 
-        const QList<QPair<qint64, QString>> special{
-            {36, "Return"}, {48, "Tab"}, {49, "Space"}, {50, kBacktick}, {51, "Delete"}, {53, "Esc"},
-            {115, "Home"}, {116, "Page Up"}, {117, "Forward Delete"}, {119, "End"}, {121, "Page Down"},
-            {123, QString::fromUtf8("←")}, {124, QString::fromUtf8("→")}, {125, QString::fromUtf8("↓")},
-            {126, QString::fromUtf8("↑")}, {122, "F1"}, {120, "F2"}, {99, "F3"}, {118, "F4"}, {96, "F5"},
-            {97, "F6"}, {98, "F7"}, {100, "F8"}, {101, "F9"}, {109, "F10"}, {103, "F11"}, {111, "F12"},
-            {105, "F13"}, {107, "F14"}, {113, "F15"}, {106, "F16"}, {64, "F17"}, {79, "F18"}, {80, "F19"},
-            {90, "F20"}};
-        QCOMPARE(special.size(), 35);
+        // The whole table's size is checked against the key codes in tst_key_codes.
+        const QList<QPair<qint64, QString>> special{{36, "Return"}, {117, "Forward Delete"},
+            {123, QString::fromUtf8("←")}, {122, "F1"}, {111, "F12"}, {90, "F20"}};
         for (const auto &[code, name] : special)
             QTest::addRow("special %lld", static_cast<long long>(code)) << code << false << QString() << name;
     }
@@ -113,8 +99,6 @@ private Q_SLOTS:
 
         QTest::newRow("none") << 0 << kBacktick << "";
         QTest::newRow("all four, not bit order") << 15 << "K" << "Ctrl+Alt+Shift+Super+";
-        QTest::newRow("shift command") << 9 << "F5" << "Shift+Super+";
-        QTest::newRow("control option") << 6 << "K" << "Ctrl+Alt+";
         QTest::newRow("unnamed bits show nothing") << (kShift | 16 | 128) << "K" << "Shift+";
     }
 
@@ -132,10 +116,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("qtModifiers");
         QTest::addColumn<int>("raw");
-        QTest::newRow("none") << int(Qt::NoModifier) << 0;
         QTest::newRow("ctrl") << int(Qt::ControlModifier) << kControl;
         QTest::newRow("alt") << int(Qt::AltModifier) << kOption;
-        QTest::newRow("shift") << int(Qt::ShiftModifier) << kShift;
         QTest::newRow("meta is command") << int(Qt::MetaModifier) << kCommand;
         QTest::newRow("keypad and group ignored")
             << int(Qt::ControlModifier | Qt::KeypadModifier | Qt::GroupSwitchModifier) << kControl;
@@ -147,17 +129,6 @@ private Q_SLOTS:
         QFETCH(int, qtModifiers);
         QFETCH(int, raw);
         QCOMPARE(int(GlobalShortcutModifiers::fromQt(Qt::KeyboardModifiers(qtModifiers)).rawValue), raw);
-    }
-
-    void equality()
-    {
-        const GlobalShortcut k = shortcut(40, 6, QStringLiteral("K"));
-        QCOMPARE(k, shortcut(40, 6, QStringLiteral("K")));
-        QVERIFY(k != shortcut(40, 6, QStringLiteral("k"))); // the label is part of the identity
-        QVERIFY(k != shortcut(41, 6, QStringLiteral("K")));
-        QVERIFY(k != shortcut(40, 7, QStringLiteral("K")));
-        QCOMPARE(GlobalShortcut::defaultShortcut(), shortcut(50, 0, kBacktick));
-        QCOMPARE(GlobalShortcut::defaultShortcut().displayText(), kBacktick);
     }
 
     void load_data()
@@ -178,14 +149,11 @@ private Q_SLOTS:
         QTest::newRow("unnamed bits survive") << QByteArray(R"({"keyCode":40,"modifiers":255,"keyLabel":"K"})") << qint64(40) << 255 << "K";
         defaults("nothing stored", QByteArray());
         defaults("modifiers 300", R"({"keyCode":40,"modifiers":300,"keyLabel":"K"})");
-        defaults("negative modifiers", R"({"keyCode":40,"modifiers":-1,"keyLabel":"K"})");
         defaults("fractional key code", R"({"keyCode":40.5,"modifiers":6,"keyLabel":"K"})");
         defaults("no label", R"({"keyCode":40,"modifiers":6})");
-        defaults("label not a string", R"({"keyCode":40,"modifiers":6,"keyLabel":7})");
         defaults("key code as string", R"({"keyCode":"40","modifiers":6,"keyLabel":"K"})");
         defaults("command K is invalid", R"({"keyCode":40,"modifiers":1,"keyLabel":"K"})");
         defaults("empty label is invalid", R"({"keyCode":40,"modifiers":6,"keyLabel":""})");
-        defaults("array", R"([40,6,"K"])");
         defaults("garbage", "not json at all");
     }
 
@@ -205,7 +173,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("label");
         QTest::newRow("default") << qint64(50) << 0 << kBacktick;
         QTest::newRow("quote and backslash label") << qint64(39) << 6 << "\"\\";
-        QTest::newRow("arrow") << qint64(123) << 15 << QString::fromUtf8("←");
         QTest::newRow("large key code") << (qint64(1) << 40) << 6 << "X";
         QTest::newRow("negative key code") << qint64(-7) << 6 << "X";
     }

@@ -10,26 +10,6 @@ class KeyCodesTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void anchors_data()
-    {
-        // A few settings key codes against linux/input-event-codes.h; roundTrip and
-        // coversUsLayout check the rest of the table as a whole.
-        QTest::addColumn<qint64>("keyCode");
-        QTest::addColumn<int>("evdev");
-        QTest::newRow("grave") << qint64(50) << 41;
-        QTest::newRow("V") << qint64(9) << 47;
-        QTest::newRow("F5") << qint64(96) << 63;
-        QTest::newRow("K") << qint64(40) << 37;
-    }
-
-    void anchors()
-    {
-        QFETCH(qint64, keyCode);
-        QFETCH(int, evdev);
-        QCOMPARE(KeyCodes::evdevFromKeyCode(keyCode), std::optional<int>(evdev));
-        QCOMPARE(KeyCodes::keyCodeFromEvdev(evdev), std::optional<std::int64_t>(keyCode));
-    }
-
     void roundTrip()
     {
         int mapped = 0;

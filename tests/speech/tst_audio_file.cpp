@@ -119,9 +119,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("name");
         QTest::newRow("missing") << QByteArray() << QString();
         QTest::newRow("directory") << QByteArray() << QStringLiteral("folder");
-        QTest::newRow("empty") << QByteArray() << QStringLiteral("empty.wav");
         QTest::newRow("text") << QByteArray("hello, this is not audio\n").repeated(40) << QStringLiteral("notes.wav");
-        QTest::newRow("truncated header") << QByteArray("RIFF\x24\x00\x00\x00WAVEfmt ", 16) << QStringLiteral("cut.wav");
     }
     void rejectsWhatIsNotAudio()
     {

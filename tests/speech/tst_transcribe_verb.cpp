@@ -6,7 +6,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QSignalSpy>
 #include <QtTest>
 
 using dictora::test::HttpAnswer;
@@ -87,35 +86,6 @@ private Q_SLOTS:
         const Run result = run(arguments, writeContract(QStringLiteral("/unused")));
         QCOMPARE(result.exitCode, exitCode);
         QVERIFY2((result.out + result.err).contains(message), qPrintable(result.out + result.err));
-    }
-
-    void unreadableInput_data()
-    {
-        QTest::addColumn<QByteArray>("content"); // written to the file; "-" for no file
-        QTest::newRow("missing") << QByteArray("-");
-        QTest::newRow("text") << QByteArray("not audio at all\n").repeated(50);
-        QTest::newRow("empty") << QByteArray();
-    }
-    void unreadableInput()
-    {
-        QFETCH(QByteArray, content);
-        installModel();
-        const QString path = m_home->path() + QStringLiteral("/input.wav");
-        if (content != "-")
-            QVERIFY(dictora::test::writeFile(path, content));
-        const Run result = run({path}, writeContract(QStringLiteral("/unused")));
-        QCOMPARE(result.exitCode, 1);
-        QVERIFY2(result.err.contains(path), qPrintable(result.err));
-        QVERIFY(result.out.isEmpty());
-    }
-
-    void malformedContractStopsAtOnce()
-    {
-        const QString path = m_home->path() + QStringLiteral("/contract.json");
-        QVERIFY(dictora::test::writeFile(path, "{\"fileName\": \"x.bin\", \"bytes\": -5}"));
-        const Run result = run({recording()}, path);
-        QCOMPARE(result.exitCode, 1);
-        QVERIFY2(result.err.contains(QStringLiteral("The model contract %1 is unusable").arg(path)), qPrintable(result.err));
     }
 
     void recognisesWithInstalledModel()
