@@ -9,17 +9,18 @@ trap 'lab_stop >/dev/null 2>&1; exit 130' INT TERM
 
 say() { echo "[$DESK $(date +%T)] $*"; }
 pass() { say "PASS $CASE"; }
-fail() { say "FAIL $CASE: $*"; FAILED+=("$CASE"); screen_shot; show_logs; return 1; }
+FAILS=0 # every failure, retried ones too: names its screenshot and log copy
+fail() { say "FAIL $CASE: $*"; FAILED+=("$CASE"); FAILS=$((FAILS + 1)); screen_shot; show_logs; return 1; }
 # GNOME's screen at a failure, into the logs
 screen_shot() {
   [ "$DESK" = gnome ] || return 0
-  local f=/tmp/lab-fail-${#FAILED[@]}.png
+  local f=/tmp/lab-fail-$FAILS.png
   lab_gnome_shot "$f" >/dev/null 2>&1 && mv "$TRIXIE$f" "$LAB_LOGS/" && echo "   -- screen: $LAB_LOGS/${f#/tmp/}"
 }
 begin() { CASE=$1; say "---- $CASE"; }
 show_logs() {
-  cp "$DLOG" "$LAB_LOGS/runtime-${#FAILED[@]}.log" 2>/dev/null
-  echo "   -- runtime.log (last 25 lines; whole: $LAB_LOGS/runtime-${#FAILED[@]}.log):"; tail -25 "$DLOG" 2>/dev/null | sed 's/^/   /'
+  cp "$DLOG" "$LAB_LOGS/runtime-$FAILS.log" 2>/dev/null
+  echo "   -- runtime.log (last 25 lines; whole: $LAB_LOGS/runtime-$FAILS.log):"; tail -25 "$DLOG" 2>/dev/null | sed 's/^/   /'
   [ "$DESK" = gnome ] && { echo "   -- GNOME's global shortcuts:"; lab_run dconf dump /org/gnome/settings-daemon/global-shortcuts/ 2>&1 | sed 's/^/   /'; }
   echo "   -- portal (last 10 lines):"; grep -v '^$' "$LAB_LOGS/xdg-desktop-portal.log" 2>/dev/null | tail -10 | sed 's/^/   /'
 }
