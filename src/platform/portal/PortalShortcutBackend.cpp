@@ -266,8 +266,8 @@ void PortalShortcutBackend::triggersChanged()
     QStringList ids;
     for (const QString &trigger : *triggers)
         ids << idFor(trigger);
-    // The session holds exactly what the layouts call for: a trigger kept
-    // from another layout can hold the key on GNOME, which grabs by key.
+    // The session holds exactly what the layouts call for, nothing left
+    // over from a layout the user has removed.
     const auto asSet = [](const QStringList &list) { return QSet<QString>(list.cbegin(), list.cend()); };
     if (m_stage != Stage::idle && asSet(ids) == asSet(m_ids))
         return;
@@ -277,8 +277,9 @@ void PortalShortcutBackend::triggersChanged()
     m_boundThisRun = false;
     m_stage = Stage::creatingSession;
     const uint generation = ++m_generation;
-    // A fresh session, bound even where the desktop lists the entries:
-    // GNOME grabs a session's keys only when it is asked to bind them.
+    // A fresh session, opened once the old one is closed and bound even
+    // where the desktop lists the entries: a desktop may grab a session's
+    // keys only when asked to bind them (GNOME does).
     closeSession([this, generation] {
         if (generation == m_generation)
             begin(true);
@@ -383,7 +384,6 @@ bool PortalShortcutBackend::takeShortcuts(const QVariant &shortcuts)
         found = true;
         QString description = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
         // A key bound by its keycode is described by it ("Press 0x31"): say the key's own name.
-
         if (m_wanted && description.contains(QLatin1String("0x")))
             description.replace(QRegularExpression(QStringLiteral("\\b0x[0-9a-fA-F]+\\b")), m_wanted->keyLabel);
         if (!description.isEmpty() && !descriptions.contains(description))
