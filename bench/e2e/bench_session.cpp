@@ -196,8 +196,8 @@ int runSession(const QString &desktop)
             || !playIntoMicrophone(clip, &why))
             return fail(QStringLiteral("dictation %1 did not start: %2\n%3").arg(i).arg(why, run.logText()));
         press();
-        if (!run.waitForLines(QStringLiteral("recording completed outcome="), i, 30000, &why)
-            || !run.waitForRecords(i, 10000, &why))
+        // The journal is appended before "recording completed" is logged.
+        if (!run.waitForLines(QStringLiteral("recording completed outcome="), i, 30000, &why) || run.records().size() < i)
             return fail(QStringLiteral("dictation %1 did not finish: %2\n%3").arg(i).arg(why, run.logText()));
         pasted += run.records().at(i - 1).value(QStringLiteral("outcome")).toString() == QLatin1String("pasted");
         if (!session.measure(QStringLiteral("dictations"), QStringLiteral("dictation %1").arg(i), &why))
