@@ -118,6 +118,11 @@ void PasteService::advance()
             break;
         m_log.write(QStringLiteral("paste clipboard handed over ok=")
                     + (request.awaitedOffers.isEmpty() ? QStringLiteral("true") : QStringLiteral("false")));
+        enter(Step::announcing);
+        return;
+    case Step::announcing:
+        if (request.stepElapsed.elapsed() < announceDelay.count())
+            break;
         type();
         return;
     case Step::typing:
