@@ -6,6 +6,8 @@
 #include <QList>
 #include <QPair>
 
+#include <chrono>
+
 #include <memory>
 
 namespace dictora {
@@ -35,6 +37,9 @@ public:
     // Whether the compositor must take the text over from us before a
     // native window can paste it (offerSeen() says when it has).
     virtual bool handsOver() const { return false; }
+    // How long, once taken over, before the compositor's own clients have
+    // heard of the new selection: a paste key sent sooner pastes the old one.
+    virtual std::chrono::milliseconds announceDelay() const { return {}; }
 };
 
 // The toolkit's clipboard (QClipboard), with reads reported by `reads`
@@ -50,6 +55,9 @@ public:
     ClipboardContents contents() override;
     bool restore(const ClipboardContents &contents) override;
     bool handsOver() const override;
+    // Mutter announces a selection only after reading its targets from us;
+    // foot on GNOME got the key 50-80 ms ahead of the announcement.
+    std::chrono::milliseconds announceDelay() const override { return std::chrono::milliseconds(handsOver() ? 150 : 0); }
 
 private:
     std::unique_ptr<ClipboardReadWatcher> m_reads;

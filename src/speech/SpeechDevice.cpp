@@ -10,8 +10,8 @@
 #include <dlfcn.h>
 #endif
 
-#include <cstdlib>
 #include <mutex>
+#include <vector>
 
 namespace dictora {
 
@@ -134,44 +134,66 @@ namespace {
 // The index of the first CPU-type device in the loader's order, which is the
 // order ggml's own instance sees; -1 without one. The loader is opened for
 // this alone, so that a build without a Vulkan driver pays nothing.
+// The loader is opened at run time: a machine without Vulkan still starts.
+struct LoaderLibrary {
+    void *handle = dlopen("libvulkan.so.1", RTLD_NOW | RTLD_LOCAL);
+    ~LoaderLibrary()
+    {
+        if (handle)
+            dlclose(handle);
+    }
+    LoaderLibrary() = default;
+    LoaderLibrary(const LoaderLibrary &) = delete;
+    LoaderLibrary &operator=(const LoaderLibrary &) = delete;
+};
+
+struct VulkanInstance {
+    VkInstance handle = VK_NULL_HANDLE;
+    PFN_vkDestroyInstance destroy = nullptr;
+    ~VulkanInstance()
+    {
+        if (handle && destroy)
+            destroy(handle, nullptr);
+    }
+    VulkanInstance() = default;
+    VulkanInstance(const VulkanInstance &) = delete;
+    VulkanInstance &operator=(const VulkanInstance &) = delete;
+};
+
 int softwareVulkanDeviceIndex()
 {
-    void *loader = dlopen("libvulkan.so.1", RTLD_NOW | RTLD_LOCAL);
-    if (!loader)
+    const LoaderLibrary loader;
+    if (!loader.handle)
         return -1;
-    const auto getProc = reinterpret_cast<PFN_vkGetInstanceProcAddr>(dlsym(loader, "vkGetInstanceProcAddr"));
+    const auto getProc = reinterpret_cast<PFN_vkGetInstanceProcAddr>(dlsym(loader.handle, "vkGetInstanceProcAddr"));
     const auto create = getProc ? reinterpret_cast<PFN_vkCreateInstance>(getProc(nullptr, "vkCreateInstance")) : nullptr;
-    int found = -1;
-    VkInstance instance = VK_NULL_HANDLE;
     VkApplicationInfo app{};
     app.sType = VK_STRUCTURE_TYPE_APPLICATION_INFO;
     app.apiVersion = VK_API_VERSION_1_2;
     VkInstanceCreateInfo info{};
     info.sType = VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO;
     info.pApplicationInfo = &app;
-    if (create && create(&info, nullptr, &instance) == VK_SUCCESS) {
-        const auto enumerate = reinterpret_cast<PFN_vkEnumeratePhysicalDevices>(
-            getProc(instance, "vkEnumeratePhysicalDevices"));
-        const auto properties = reinterpret_cast<PFN_vkGetPhysicalDeviceProperties>(
-            getProc(instance, "vkGetPhysicalDeviceProperties"));
-        const auto destroy = reinterpret_cast<PFN_vkDestroyInstance>(getProc(instance, "vkDestroyInstance"));
-        uint32_t count = 0;
-        if (enumerate && properties && enumerate(instance, &count, nullptr) == VK_SUCCESS && count > 0) {
-            std::vector<VkPhysicalDevice> devices(count);
-            if (enumerate(instance, &count, devices.data()) == VK_SUCCESS) {
-                for (uint32_t i = 0; i < count && found < 0; ++i) {
-                    VkPhysicalDeviceProperties props{};
-                    properties(devices[i], &props);
-                    if (props.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)
-                        found = int(i);
-                }
-            }
-        }
-        if (destroy)
-            destroy(instance, nullptr);
+    VulkanInstance instance;
+    if (!create || create(&info, nullptr, &instance.handle) != VK_SUCCESS)
+        return -1;
+    instance.destroy = reinterpret_cast<PFN_vkDestroyInstance>(getProc(instance.handle, "vkDestroyInstance"));
+    const auto enumerate = reinterpret_cast<PFN_vkEnumeratePhysicalDevices>(
+        getProc(instance.handle, "vkEnumeratePhysicalDevices"));
+    const auto properties = reinterpret_cast<PFN_vkGetPhysicalDeviceProperties>(
+        getProc(instance.handle, "vkGetPhysicalDeviceProperties"));
+    uint32_t count = 0;
+    if (!enumerate || !properties || enumerate(instance.handle, &count, nullptr) != VK_SUCCESS || count == 0)
+        return -1;
+    std::vector<VkPhysicalDevice> devices(count);
+    if (enumerate(instance.handle, &count, devices.data()) != VK_SUCCESS)
+        return -1;
+    for (uint32_t i = 0; i < count; ++i) {
+        VkPhysicalDeviceProperties props{};
+        properties(devices[i], &props);
+        if (props.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)
+            return int(i);
     }
-    dlclose(loader);
-    return found;
+    return -1;
 }
 #endif
 

@@ -121,7 +121,7 @@ void PasteService::advance()
         enter(Step::announcing);
         return;
     case Step::announcing:
-        if (request.stepElapsed.elapsed() < announceDelay.count())
+        if (request.stepElapsed.elapsed() < m_clipboard->announceDelay().count())
             break;
         type();
         return;

@@ -64,10 +64,6 @@ public:
     static constexpr std::chrono::milliseconds keyReleaseTimeout{2000};
     // How long the compositor gets to take the clipboard over from XWayland.
     static constexpr std::chrono::milliseconds handOverTimeout{300};
-    // The compositor tells its own clients of the new selection only after
-    // it has taken it over; a paste key sent at once reached foot on GNOME
-    // 50-80 ms ahead of the selection, which then pasted the old one.
-    static constexpr std::chrono::milliseconds announceDelay{150};
     static constexpr std::chrono::milliseconds pollInterval{5};
     static constexpr std::chrono::milliseconds restoreTimeout{2000};
     // A target may ask for several formats of the text in a row.
