@@ -208,6 +208,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
 
     RuntimeLog log(DataPaths::logFile());
     log.install();
+    Platform::probeDesktopSoon();
     if (const QString moved = SettingsFile::setAsideIfUnreadable(DataPaths::settingsFile()); !moved.isEmpty()) {
         log.write(moved);
         std::fprintf(stderr, "dictora: %s\n", qPrintable(moved));

@@ -76,14 +76,23 @@ void registerWithPortal()
     portal::PortalService::on(QDBusConnection::sessionBus());
 }
 
+void probeSoon()
+{
+    registerWithPortal();
+    portal::probeInterfaceVersions(QDBusConnection::sessionBus(),
+        {QLatin1String(portal::PortalShortcutBackend::kInterface),
+            QLatin1String(portal::RemoteDesktopKeystrokeSender::kInterface)});
+}
+
 bool hasGlobalShortcutsPortal()
 {
-    return portal::interfaceVersion(QDBusConnection::sessionBus(), QLatin1String(portal::PortalShortcutBackend::kInterface)) > 0;
+    return portal::knownInterfaceVersion(QDBusConnection::sessionBus(),
+               QLatin1String(portal::PortalShortcutBackend::kInterface)) > 0;
 }
 
 bool hasRemoteDesktopPortal()
 {
-    return portal::interfaceVersion(QDBusConnection::sessionBus(),
+    return portal::knownInterfaceVersion(QDBusConnection::sessionBus(),
                QLatin1String(portal::RemoteDesktopKeystrokeSender::kInterface)) > 0;
 }
 

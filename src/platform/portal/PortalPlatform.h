@@ -23,7 +23,12 @@ QString ensureDesktopEntry(QString *error = nullptr);
 // the runtime log.
 void registerWithPortal();
 
-// Whether the desktop's portal offers the interface (a short blocking call).
+// Registers, then asks the portal on the thread pool which of the interfaces
+// Dictora uses it offers, while the rest of start-up goes on.
+void probeSoon();
+
+// Whether the desktop's portal offers the interface: probeSoon()'s answer,
+// waited for if it is still out, or a short blocking call without it.
 bool hasGlobalShortcutsPortal();
 bool hasRemoteDesktopPortal();
 

@@ -5,7 +5,12 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDBusVariant>
+#include <QElapsedTimer>
+#include <QFuture>
+#include <QHash>
+#include <QMutex>
 #include <QPointer>
+#include <QtConcurrent/QtConcurrentRun>
 
 #include <atomic>
 
@@ -56,17 +61,83 @@ QString sessionPath(const QDBusConnection &connection, const QString &token)
     return QStringLiteral("/org/freedesktop/portal/desktop/session/%1/%2").arg(senderPathPart(connection), token);
 }
 
+namespace {
+
+QDBusMessage versionQuery(const QString &interface)
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get << interface << QStringLiteral("version");
+    return get;
+}
+
+uint versionFrom(const QDBusMessage &reply)
+{
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return 0;
+    return qvariant_cast<QDBusVariant>(reply.arguments().first()).variant().toUInt();
+}
+
+struct VersionProbe {
+    QStringList interfaces;
+    QFuture<QList<uint>> versions;
+};
+
+QMutex probesMutex;
+QHash<QString, VersionProbe> probes; // by connection name
+
+} // namespace
+
 uint interfaceVersion(const QDBusConnection &connection, const QString &interface, int timeoutMs)
 {
     if (!connection.isConnected())
         return 0;
-    QDBusMessage get = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    get << interface << QStringLiteral("version");
-    const QDBusMessage reply = connection.call(get, QDBus::Block, timeoutMs);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return 0;
-    return qvariant_cast<QDBusVariant>(reply.arguments().first()).variant().toUInt();
+    return versionFrom(connection.call(versionQuery(interface), QDBus::Block, timeoutMs));
+}
+
+void probeInterfaceVersions(const QDBusConnection &connection, const QStringList &interfaces)
+{
+    const QMutexLocker lock(&probesMutex);
+    if (probes.contains(connection.name()))
+        return;
+    probes.insert(connection.name(), {interfaces, QtConcurrent::run([connection, interfaces] {
+        QList<uint> versions(interfaces.size(), 0);
+        if (!connection.isConnected())
+            return versions;
+        // All asked before any answer is awaited: one round trip, also when
+        // the first call has to start the portal.
+        QList<QDBusPendingCall> calls;
+        for (const QString &interface : interfaces)
+            calls << connection.asyncCall(versionQuery(interface), 2000);
+        for (qsizetype i = 0; i < calls.size(); ++i) {
+            calls[i].waitForFinished();
+            versions[i] = versionFrom(calls[i].reply());
+        }
+        return versions;
+    })});
+}
+
+uint knownInterfaceVersion(const QDBusConnection &connection, const QString &interface)
+{
+    QFuture<QList<uint>> versions;
+    qsizetype index = -1;
+    {
+        const QMutexLocker lock(&probesMutex);
+        const auto probe = probes.constFind(connection.name());
+        if (probe != probes.cend()) {
+            index = probe->interfaces.indexOf(interface);
+            versions = probe->versions;
+        }
+    }
+    if (index < 0)
+        return interfaceVersion(connection, interface);
+    if (!versions.isFinished()) {
+        QElapsedTimer waited;
+        waited.start();
+        versions.waitForFinished();
+        qCInfo(lcPortal, "portal versions awaited ms=%lld", waited.elapsed());
+    }
+    return versions.result().value(index);
 }
 
 PortalRequest::PortalRequest(const QDBusConnection &connection, QObject *context, Done done)

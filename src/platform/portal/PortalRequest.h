@@ -43,6 +43,13 @@ QString sessionPath(const QDBusConnection &connection, const QString &token);
 // The portal's version of an interface, 0 when the portal or the interface
 // is missing. Blocks for at most `timeoutMs`.
 uint interfaceVersion(const QDBusConnection &connection, const QString &interface, int timeoutMs = 2000);
+// Asks for several interfaces' versions at once on the thread pool, so that
+// start-up finds them answered by the time it chooses its mechanisms. Once
+// per connection; later calls change nothing.
+void probeInterfaceVersions(const QDBusConnection &connection, const QStringList &interfaces);
+// The probe's answer for `interface` (waiting for the probe if it is still
+// out), or, where no probe asked for it, interfaceVersion().
+uint knownInterfaceVersion(const QDBusConnection &connection, const QString &interface);
 
 // One call that answers through a Request object: subscribes to the Response
 // on the path the portal will use before calling, so a fast reply is never

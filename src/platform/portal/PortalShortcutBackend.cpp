@@ -98,7 +98,7 @@ PortalShortcutBackend::PortalShortcutBackend(QDBusConnection connection, Trigger
     m_retry.setSingleShot(true);
     // The pause is over: listeners install again, which tries again.
     connect(&m_retry, &QTimer::timeout, this, &ShortcutBackend::installationChanged);
-    m_version = interfaceVersion(m_connection, QLatin1String(kInterface));
+    m_version = knownInterfaceVersion(m_connection, QLatin1String(kInterface));
     if (m_version == 0)
         return;
     const QString service = QLatin1String(kService), path = QLatin1String(kPath), iface = QLatin1String(kInterface);

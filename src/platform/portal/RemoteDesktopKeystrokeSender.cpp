@@ -27,7 +27,7 @@ RemoteDesktopKeystrokeSender::RemoteDesktopKeystrokeSender(QDBusConnection conne
     int keyForV, QObject *parent)
     : QObject(parent), m_connection(std::move(connection)), m_tokens(std::move(tokens)), m_keyForV(keyForV)
 {
-    m_version = interfaceVersion(m_connection, QLatin1String(kInterface));
+    m_version = knownInterfaceVersion(m_connection, QLatin1String(kInterface));
     if (m_version == 0) {
         setStage(Stage::failed, QStringLiteral("This desktop's portal cannot type for applications (no RemoteDesktop)."));
         return;

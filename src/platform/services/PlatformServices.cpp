@@ -182,6 +182,12 @@ void restoreInheritedEnvironment()
     inheritedQtPlatform.reset();
 }
 
+void probeDesktopSoon()
+{
+    if (DesktopSession::fromEnvironment().wayland)
+        PortalPlatform::probeSoon();
+}
+
 // The tables. A new desktop's backend goes in as a row before the ones it
 // should win over, with the sessions it applies to.
 

@@ -36,6 +36,9 @@ void chooseQtPlatform();
 // Once the application object exists: programs Dictora starts get the
 // session's own choice back.
 void restoreInheritedEnvironment();
+// Starts asking the desktop, off the GUI thread, what the choices below
+// depend on, so that they find it answered.
+void probeDesktopSoon();
 
 std::unique_ptr<ShortcutBackend> createShortcutBackend(QObject *parent = nullptr);
 std::unique_ptr<WindowTracker> createWindowTracker();
