@@ -380,6 +380,13 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         };
         listen();
         QObject::connect(&preferences, &ProductPreferences::microphoneSourceChanged, sheet, listen);
+        probe->watchSources([sheet, listen](const QList<PulseCaptureEngine::Source> &now) {
+            QList<QPair<QString, QString>> microphones;
+            for (const PulseCaptureEngine::Source &source : now)
+                microphones.append({source.name, source.description});
+            sheet->setMicrophones(microphones);
+            listen(); // the chosen input may be back, or the default another one
+        });
         sheet->open();
     };
     QObject::connect(&window, &HomeWindow::recognitionSheetRequested, &window, [&] {

@@ -92,4 +92,23 @@ void AudioCaptureThread::listSources(SourcesDone done)
     request([](AudioCaptureService &service) { return service.sources(); }, std::move(done));
 }
 
+void AudioCaptureThread::watchSources(SourcesDone changed)
+{
+    // A plugged device brings several events at once (the source, the
+    // default): one listing once they have settled.
+    if (!m_sourcesSettle) {
+        m_sourcesSettle = new QTimer(this);
+        m_sourcesSettle->setSingleShot(true);
+        m_sourcesSettle->setInterval(150);
+    }
+    m_sourcesSettle->disconnect();
+    connect(m_sourcesSettle, &QTimer::timeout, this, [this, changed] { listSources(changed); });
+    // The service, and with it the engine, is gone before this object's children are.
+    QMetaObject::invokeMethod(m_service, [service = m_service, settle = m_sourcesSettle] {
+        service->engine().watchSources([settle] {
+            QMetaObject::invokeMethod(settle, [settle] { settle->start(); }, Qt::QueuedConnection);
+        });
+    }, Qt::QueuedConnection);
+}
+
 } // namespace dictora

@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QThread>
+#include <QTimer>
 
 #include <functional>
 #include <optional>
@@ -42,6 +43,9 @@ public:
     void setChosenSource(const QString &name);
     using SourcesDone = std::function<void(QList<PulseCaptureEngine::Source> sources)>;
     void listSources(SourcesDone done);
+    // The inputs, listed again (settled, on this object's thread) each time
+    // one is plugged in or out or the default changes, while this object lives.
+    void watchSources(SourcesDone changed);
 
 Q_SIGNALS:
     // About the input in use, for the user (on this object's thread).
@@ -55,6 +59,7 @@ private:
     void request(Work work, Done done, int delayMs = 0);
 
     QThread m_thread;
+    QTimer *m_sourcesSettle = nullptr;
     AudioCaptureService *m_service; // lives on m_thread and is deleted there
 };
 

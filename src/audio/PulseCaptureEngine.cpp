@@ -98,6 +98,8 @@ struct PulseCaptureEngine::Private {
     std::string chosenSource;    // empty: the server's default
     std::string recordingSource; // what the next stream connects to; empty: the default
     std::function<void(const QString &)> moved;
+    std::function<void()> sourcesChanged;
+    bool subscribed = false; // on the current context
     AudioBuffer scratch;
     Statistics stats;
 
@@ -181,6 +183,7 @@ struct PulseCaptureEngine::Private {
                 return false;
             }
             context.reset(raw);
+            subscribed = false;
             pa_context_set_state_callback(raw, &Private::contextState, this);
             if (pa_context_connect(raw, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
                 *error = errorText(raw);
@@ -203,7 +206,25 @@ struct PulseCaptureEngine::Private {
             context.reset();
             return false;
         }
+        if (sourcesChanged && !subscribed) {
+            subscribed = true;
+            pa_context_set_subscribe_callback(raw, &Private::subscription, this);
+            if (pa_operation *op = pa_context_subscribe(raw,
+                    pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SERVER), nullptr, nullptr))
+                pa_operation_unref(op);
+        }
         return true;
+    }
+
+    static void subscription(pa_context *, pa_subscription_event_type_t type, uint32_t, void *userdata)
+    {
+        auto *d = static_cast<Private *>(userdata);
+        // A source's own changes (volume, suspended) come often and change no list.
+        if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SOURCE
+            && (type & PA_SUBSCRIPTION_EVENT_TYPE_MASK) == PA_SUBSCRIPTION_EVENT_CHANGE)
+            return;
+        if (d->sourcesChanged)
+            d->sourcesChanged();
     }
 
     // The server hands over whatever it has (often 5 ms pieces); the tap gets
@@ -434,6 +455,16 @@ void PulseCaptureEngine::setChosenSource(const QString &name)
         return;
     LoopLock lock(d->loop.get());
     d->chosenSource = name.toStdString();
+}
+
+void PulseCaptureEngine::watchSources(std::function<void()> changed)
+{
+    if (!d->ensureLoop())
+        return;
+    LoopLock lock(d->loop.get());
+    d->sourcesChanged = std::move(changed);
+    QString error;
+    d->ensureContext(&error); // subscribes once connected; a later call retries
 }
 
 void PulseCaptureEngine::setMovedListener(std::function<void(const QString &)> listener)

@@ -72,6 +72,9 @@ public:
     // Called on the capture thread when the server moves a running recording
     // to another source (the chosen one went away), with that source's name.
     void setMovedListener(std::function<void(const QString &source)> listener);
+    // From now on `changed` is called, on the sound server's thread, when an
+    // input comes or goes or the default changes. Connects if need be.
+    void watchSources(std::function<void()> changed);
 
     // The format the tap receives buffers in; the stream asks the server for it.
     void installTap(const AudioFormat &format, Tap tap);

@@ -3,6 +3,7 @@
 #include "home/sheets/SettingsToggleCard.h"
 
 #include <QComboBox>
+#include <QSignalBlocker>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -84,13 +85,7 @@ RecognitionSettingsView::RecognitionSettingsView(ProductPreferences &preferences
     deviceNote->setProperty("role", "secondary");
 
     m_microphone->setObjectName(QStringLiteral("microphone"));
-    m_microphone->addItem(QStringLiteral("System default"), QString());
-    for (const auto &[name, description] : m_choices.microphones)
-        m_microphone->addItem(description, name);
-    const QString chosen = m_preferences.microphoneSource();
-    if (!chosen.isEmpty() && m_microphone->findData(chosen) < 0)
-        m_microphone->addItem(QStringLiteral("%1 (not connected: the default is used)").arg(chosen), chosen);
-    m_microphone->setCurrentIndex(std::max(0, m_microphone->findData(chosen)));
+    setMicrophones(m_choices.microphones);
     connect(m_microphone, &QComboBox::activated, this,
         [this](int index) { m_preferences.setMicrophoneSource(m_microphone->itemData(index).toString()); });
     m_level->setObjectName(QStringLiteral("microphoneLevel"));
@@ -135,6 +130,20 @@ RecognitionSettingsView::RecognitionSettingsView(ProductPreferences &preferences
     layout->addWidget(m_keepClipboard);
     layout->addWidget(clipboardNote);
     layout->addStretch(1);
+}
+
+void RecognitionSettingsView::setMicrophones(const QList<QPair<QString, QString>> &microphones)
+{
+    const QSignalBlocker quiet(m_microphone); // a refill is no choice of the user's
+    m_choices.microphones = microphones;
+    m_microphone->clear();
+    m_microphone->addItem(QStringLiteral("System default"), QString());
+    for (const auto &[name, description] : microphones)
+        m_microphone->addItem(description, name);
+    const QString chosen = m_preferences.microphoneSource();
+    if (!chosen.isEmpty() && m_microphone->findData(chosen) < 0)
+        m_microphone->addItem(QStringLiteral("%1 (not connected: the default is used)").arg(chosen), chosen);
+    m_microphone->setCurrentIndex(std::max(0, m_microphone->findData(chosen)));
 }
 
 void RecognitionSettingsView::showLevel(float level)

@@ -45,6 +45,8 @@ public:
 public Q_SLOTS:
     // The chosen input's level now, 0 to 1.
     void showLevel(float level);
+    // The sound server's inputs now (name, description), as they are plugged in or out.
+    void setMicrophones(const QList<QPair<QString, QString>> &microphones);
 
 public:
     QPushButton *vocabularyButton() const { return m_vocabulary; }
