@@ -38,21 +38,20 @@ bool QtClipboard::setText(const QString &text, bool alsoPrimary)
     return true;
 }
 
-ClipboardContents QtClipboard::contents()
+void QtClipboard::readContents(ContentsRead done)
 {
     ClipboardContents contents;
-    if (!qobject_cast<QGuiApplication *>(QCoreApplication::instance()))
-        return contents;
-    // Another owner's formats come over the display connection, one request each.
+    if (!qobject_cast<QGuiApplication *>(QCoreApplication::instance())) {
+        done(contents);
+        return;
+    }
     if (const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard)) {
         for (const QString &format : data->formats()) {
-            // Selection plumbing (TARGETS, TIMESTAMP) and Qt's aliases are no content.
-            if (!format.contains(QLatin1Char('/')) || format.startsWith(QLatin1String("application/x-qt-")))
-                continue;
-            contents.formats.append({format, data->data(format)});
+            if (ClipboardContents::keeps(format))
+                contents.formats.append({format, data->data(format)});
         }
     }
-    return contents;
+    done(contents);
 }
 
 bool QtClipboard::restore(const ClipboardContents &contents)

@@ -7,6 +7,7 @@
 #include <QPair>
 
 #include <chrono>
+#include <functional>
 
 #include <memory>
 
@@ -16,6 +17,11 @@ namespace dictora {
 struct ClipboardContents {
     QList<QPair<QString, QByteArray>> formats;
     bool isEmpty() const { return formats.isEmpty(); }
+    // Selection plumbing (TARGETS, TIMESTAMP, X11's text aliases) and Qt's own aliases are no content.
+    static bool keeps(const QString &format)
+    {
+        return format.contains(QLatin1Char('/')) && !format.startsWith(QLatin1String("application/x-qt-"));
+    }
 };
 
 // Where the paste takes its text from, and the watch on who reads it. Most
@@ -30,9 +36,11 @@ public:
     // too when asked (terminals that paste it on Shift+Insert). False when
     // nothing could be offered.
     virtual bool setText(const QString &text, bool alsoPrimary) = 0;
-    // Where the backend can: what the clipboard holds now, and putting such
+    // Where the backend can: what the clipboard holds now, handed to `done`
+    // (at once, or later from the event loop, always once), and putting such
     // contents back. Empty, and false, where it cannot.
-    virtual ClipboardContents contents() { return {}; }
+    using ContentsRead = std::function<void(ClipboardContents contents)>;
+    virtual void readContents(ContentsRead done) { done({}); }
     virtual bool restore(const ClipboardContents &) { return false; }
     // Whether the compositor must take the text over from us before a
     // native window can paste it (offerSeen() says when it has).
@@ -52,7 +60,8 @@ public:
 
     bool isWatching() const override { return m_reads && m_reads->isWatching(); }
     bool setText(const QString &text, bool alsoPrimary) override;
-    ClipboardContents contents() override;
+    // Another owner's formats come over the display connection, one blocking request each.
+    void readContents(ContentsRead done) override;
     bool restore(const ClipboardContents &contents) override;
     bool handsOver() const override;
     // Mutter announces a selection only after reading its targets from us;

@@ -16,6 +16,9 @@
 
 #include <xkbcommon/xkbcommon-keysyms.h>
 
+#include <algorithm>
+#include <optional>
+
 using namespace dictora;
 using namespace dictora::wayland;
 namespace sway = dictora::test::sway;
@@ -189,6 +192,39 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(!reads.isEmpty(), 5000);
             QCOMPARE(reads.first().first().toString(), QStringLiteral("clipboard"));
         }
+    }
+
+    // "Keep my clipboard": another client's copy, every format, is read
+    // through the compositor, and is there again after our paste.
+    void copiedFormatsComeBack()
+    {
+        const auto sorted = [](ClipboardContents c) {
+            std::sort(c.formats.begin(), c.formats.end());
+            return c.formats;
+        };
+        // Until the compositor has told `reader` of the selection.
+        const auto readsBack = [&](WaylandClipboard &reader, const ClipboardContents &expected) {
+            for (int i = 0; i < 50; ++i) {
+                std::optional<ClipboardContents> read;
+                reader.readContents([&](ClipboardContents c) { read = std::move(c); });
+                if (QTest::qWaitFor([&] { return read.has_value(); }, 2000) && sorted(*read) == sorted(expected))
+                    return true;
+                QTest::qWait(100);
+            }
+            return false;
+        };
+        WaylandClipboard other, ours;
+        QVERIFY2(other.isUsable() && ours.isUsable(), qPrintable(other.failureReason() + ours.failureReason()));
+        const ClipboardContents copied{{{QStringLiteral("text/plain"), "copied before"},
+            {QStringLiteral("text/html"), "<b>copied</b> before"},
+            {QStringLiteral("application/x-dictora-test"), QByteArray("\x00\x01\xff binary", 10)}}};
+        QVERIFY(other.restore(copied));
+        QVERIFY(readsBack(ours, copied));
+        QVERIFY(ours.setText(QStringLiteral("the transcript"), false));
+        QVERIFY(readsBack(other, {{{QStringLiteral("text/plain"), "the transcript"},
+                                      {QStringLiteral("text/plain;charset=utf-8"), "the transcript"}}}));
+        QVERIFY(ours.restore(copied));
+        QVERIFY(readsBack(other, copied));
     }
 };
 

@@ -4,10 +4,14 @@
 
 #include <QPointer>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <wayland-client.h>
 
 #include <cerrno>
+#include <functional>
+#include <memory>
+#include <utility>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -63,6 +67,44 @@ private:
 
 } // namespace
 
+// Reads one format from another client's pipe until it closes; deletes itself.
+class PipeReader : public QObject {
+public:
+    PipeReader(int fd, std::function<void(const QByteArray &bytes)> done, QObject *parent)
+        : QObject(parent), m_fd(fd), m_done(std::move(done)), m_notifier(new QSocketNotifier(fd, QSocketNotifier::Read, this))
+    {
+        ::fcntl(m_fd, F_SETFL, ::fcntl(m_fd, F_GETFL) | O_NONBLOCK);
+        connect(m_notifier, &QSocketNotifier::activated, this, [this] { readSome(); });
+    }
+    ~PipeReader() override { ::close(m_fd); }
+
+private:
+    void readSome()
+    {
+        char buffer[65536];
+        for (;;) {
+            const ssize_t n = ::read(m_fd, buffer, sizeof buffer);
+            if (n > 0) {
+                m_bytes.append(buffer, n);
+                continue;
+            }
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0 && errno == EAGAIN)
+                return;
+            break; // the end, or the writer failed: what came is what there is
+        }
+        m_notifier->setEnabled(false);
+        m_done(m_bytes);
+        deleteLater();
+    }
+
+    int m_fd;
+    std::function<void(const QByteArray &)> m_done;
+    QSocketNotifier *m_notifier;
+    QByteArray m_bytes;
+};
+
 struct DataControlEvents {
     static void send(void *data, zwlr_data_control_source_v1 *source, const char *mimeType, int32_t fd)
     {
@@ -72,20 +114,30 @@ struct DataControlEvents {
     {
         static_cast<WaylandClipboard *>(data)->dropSource(source);
     }
-    static void dataOffer(void *data, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *offer)
-    {
-        static const zwlr_data_control_offer_v1_listener listener{[](void *, zwlr_data_control_offer_v1 *,
-                                                                     const char *) {}};
-        zwlr_data_control_offer_v1_add_listener(offer, &listener, nullptr);
-        static_cast<WaylandClipboard *>(data)->m_offers.insert(offer);
-    }
-    // We never read other clients' selections: their offers go at once.
-    static void selection(void *data, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *)
+    static void offered(void *data, zwlr_data_control_offer_v1 *offer, const char *mimeType)
     {
         auto *clipboard = static_cast<WaylandClipboard *>(data);
-        for (zwlr_data_control_offer_v1 *offer : clipboard->m_offers)
-            zwlr_data_control_offer_v1_destroy(offer);
-        clipboard->m_offers.clear();
+        if (const auto known = clipboard->m_offers.find(offer); known != clipboard->m_offers.end())
+            known->second << QString::fromUtf8(mimeType);
+    }
+    static void dataOffer(void *data, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *offer)
+    {
+        static const zwlr_data_control_offer_v1_listener listener{DataControlEvents::offered};
+        zwlr_data_control_offer_v1_add_listener(offer, &listener, data);
+        static_cast<WaylandClipboard *>(data)->m_offers.emplace(offer, QStringList());
+    }
+    // The clipboard's offer is kept for "keep my clipboard"; the primary
+    // selection's is never read.
+    static void selection(void *data, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *offer)
+    {
+        auto *clipboard = static_cast<WaylandClipboard *>(data);
+        clipboard->m_selection = offer;
+        clipboard->dropOffersBut(offer);
+    }
+    static void primarySelection(void *data, zwlr_data_control_device_v1 *, zwlr_data_control_offer_v1 *)
+    {
+        auto *clipboard = static_cast<WaylandClipboard *>(data);
+        clipboard->dropOffersBut(clipboard->m_selection);
     }
     static void finished(void *data, zwlr_data_control_device_v1 *device)
     {
@@ -99,7 +151,7 @@ struct DataControlEvents {
 namespace {
 const zwlr_data_control_source_v1_listener sourceListener{DataControlEvents::send, DataControlEvents::cancelled};
 const zwlr_data_control_device_v1_listener deviceListener{DataControlEvents::dataOffer, DataControlEvents::selection,
-                                                         DataControlEvents::finished, DataControlEvents::selection};
+                                                         DataControlEvents::finished, DataControlEvents::primarySelection};
 } // namespace
 
 WaylandClipboard::WaylandClipboard(QObject *parent)
@@ -125,12 +177,10 @@ WaylandClipboard::WaylandClipboard(QObject *parent)
 
 WaylandClipboard::~WaylandClipboard()
 {
-    for (zwlr_data_control_offer_v1 *offer : m_offers)
+    for (const auto &[offer, types] : m_offers)
         zwlr_data_control_offer_v1_destroy(offer);
-    if (m_clipboardSource)
-        zwlr_data_control_source_v1_destroy(m_clipboardSource);
-    if (m_primarySource)
-        zwlr_data_control_source_v1_destroy(m_primarySource);
+    for (const auto &[source, served] : m_served)
+        zwlr_data_control_source_v1_destroy(source);
     if (m_device)
         zwlr_data_control_device_v1_destroy(m_device);
     if (m_manager)
@@ -140,32 +190,116 @@ WaylandClipboard::~WaylandClipboard()
     m_connection->flush();
 }
 
+zwlr_data_control_source_v1 *WaylandClipboard::offerSource(Served served)
+{
+    zwlr_data_control_source_v1 *source = zwlr_data_control_manager_v1_create_data_source(m_manager);
+    zwlr_data_control_source_v1_add_listener(source, &sourceListener, this);
+    for (auto type = served.formats.cbegin(); type != served.formats.cend(); ++type)
+        zwlr_data_control_source_v1_offer(source, type.key().constData());
+    m_served.emplace(source, std::move(served));
+    return source;
+}
+
 bool WaylandClipboard::setText(const QString &text, bool alsoPrimary)
 {
     if (!m_device || !m_connection->isOpen())
         return false;
-    m_text = text.toUtf8();
-    const auto offerText = [this] {
-        zwlr_data_control_source_v1 *source = zwlr_data_control_manager_v1_create_data_source(m_manager);
-        zwlr_data_control_source_v1_add_listener(source, &sourceListener, this);
-        for (const char *type : kTextTypes)
-            zwlr_data_control_source_v1_offer(source, type);
-        return source;
-    };
+    Served served{{}, true};
+    for (const char *type : kTextTypes)
+        served.formats.insert(type, text.toUtf8());
     // The old sources are cancelled by the compositor once replaced.
-    m_clipboardSource = offerText();
+    m_clipboardSource = offerSource(served);
     zwlr_data_control_device_v1_set_selection(m_device, m_clipboardSource);
     if (alsoPrimary && m_deviceVersion >= 2) {
-        m_primarySource = offerText();
+        m_primarySource = offerSource(served);
         zwlr_data_control_device_v1_set_primary_selection(m_device, m_primarySource);
     }
     m_connection->flush();
     return m_connection->isOpen();
 }
 
-void WaylandClipboard::serve(zwlr_data_control_source_v1 *source, const char *, int fd)
+void WaylandClipboard::readContents(ContentsRead done)
 {
-    new PipeWriter(fd, m_text, this);
+    // Ours (the last transcript, or what we put back) needs no pipe.
+    if (m_clipboardSource) {
+        ClipboardContents contents;
+        const Served &served = m_served.at(m_clipboardSource);
+        for (auto type = served.formats.cbegin(); type != served.formats.cend(); ++type) {
+            if (ClipboardContents::keeps(QString::fromUtf8(type.key())))
+                contents.formats.append({QString::fromUtf8(type.key()), type.value()});
+        }
+        done(contents);
+        return;
+    }
+    const auto offer = m_offers.find(m_selection);
+    if (!m_device || offer == m_offers.end()) {
+        done({});
+        return;
+    }
+    struct Reading {
+        ClipboardContents contents;
+        int pending = 0;
+        ContentsRead done;
+        bool answered = false;
+        void answer()
+        {
+            if (!std::exchange(answered, true))
+                done(contents);
+        }
+    };
+    auto reading = std::make_shared<Reading>();
+    reading->done = std::move(done);
+    for (const QString &type : offer->second) {
+        int fds[2];
+        if (!ClipboardContents::keeps(type) || ::pipe2(fds, O_CLOEXEC) != 0)
+            continue;
+        zwlr_data_control_offer_v1_receive(offer->first, type.toUtf8().constData(), fds[1]);
+        ::close(fds[1]); // the compositor passed its copy on to the owner
+        ++reading->pending;
+        new PipeReader(fds[0], [reading, type](const QByteArray &bytes) {
+            reading->contents.formats.append({type, bytes});
+            if (--reading->pending == 0)
+                reading->answer();
+        }, this);
+    }
+    m_connection->flush();
+    if (reading->pending == 0) {
+        reading->answer();
+        return;
+    }
+    // An owner that never answers must not hold the paste up.
+    QTimer::singleShot(500, this, [reading] { reading->answer(); });
+}
+
+bool WaylandClipboard::restore(const ClipboardContents &contents)
+{
+    if (!m_device || !m_connection->isOpen())
+        return false;
+    if (contents.isEmpty()) {
+        // An empty clipboard stays empty rather than keeping the transcript.
+        zwlr_data_control_device_v1_set_selection(m_device, nullptr);
+        m_connection->flush();
+        return m_connection->isOpen();
+    }
+    Served served;
+    for (const auto &[format, bytes] : contents.formats)
+        served.formats.insert(format.toUtf8(), bytes);
+    m_clipboardSource = offerSource(std::move(served));
+    zwlr_data_control_device_v1_set_selection(m_device, m_clipboardSource);
+    m_connection->flush();
+    return m_connection->isOpen();
+}
+
+void WaylandClipboard::serve(zwlr_data_control_source_v1 *source, const char *mimeType, int fd)
+{
+    const auto served = m_served.find(source);
+    if (served == m_served.end()) {
+        ::close(fd);
+        return;
+    }
+    new PipeWriter(fd, served->second.formats.value(QByteArray(mimeType)), this);
+    if (!served->second.transcript)
+        return;
     const QString selection = source == m_primarySource ? QStringLiteral("primary") : QStringLiteral("clipboard");
     // Told after the reply is under way, so listeners never delay the reader.
     QMetaObject::invokeMethod(this, [this, selection] { Q_EMIT textRead(selection); }, Qt::QueuedConnection);
@@ -177,7 +311,20 @@ void WaylandClipboard::dropSource(zwlr_data_control_source_v1 *source)
         m_clipboardSource = nullptr;
     if (source == m_primarySource)
         m_primarySource = nullptr;
+    m_served.erase(source);
     zwlr_data_control_source_v1_destroy(source);
+}
+
+void WaylandClipboard::dropOffersBut(zwlr_data_control_offer_v1 *keep)
+{
+    for (auto offer = m_offers.begin(); offer != m_offers.end();) {
+        if (offer->first == keep) {
+            ++offer;
+            continue;
+        }
+        zwlr_data_control_offer_v1_destroy(offer->first);
+        offer = m_offers.erase(offer);
+    }
 }
 
 } // namespace dictora::wayland

@@ -65,6 +65,7 @@ bool PasteService::copy(const QString &text)
 void PasteService::begin()
 {
     m_busy = true;
+    ++m_requestSerial;
     const Request &request = m_queue.front();
     m_log.write(QStringLiteral("paste begin target=") + request.target.application.name
                 + QStringLiteral(" chars=") + QString::number(request.text.size()));
@@ -112,6 +113,12 @@ void PasteService::advance()
         }
         offer();
         return;
+    case Step::saving:
+        if (request.stepElapsed.elapsed() < saveTimeout.count())
+            break;
+        m_log.write(QStringLiteral("clipboard not saved: its owner did not answer"));
+        install();
+        return;
     case Step::handingOver:
         // A keystroke that beats the compositor would paste the old clipboard.
         if (!request.awaitedOffers.isEmpty() && request.stepElapsed.elapsed() < handOverTimeout.count())
@@ -134,14 +141,30 @@ void PasteService::advance()
 
 void PasteService::offer()
 {
+    // A restore still waiting keeps what the user had, not our last text.
+    if (!m_clipboard || !m_restores || m_saved) {
+        install();
+        return;
+    }
+    enter(Step::saving);
+    QPointer<PasteService> self(this);
+    const quint64 request = m_requestSerial;
+    m_clipboard->readContents([self, request](ClipboardContents contents) {
+        // Too late: the paste went on without it.
+        if (!self || self->m_requestSerial != request || self->m_queue.empty()
+            || self->m_queue.front().step != Step::saving)
+            return;
+        self->m_log.write(QStringLiteral("clipboard saved formats=%1").arg(contents.formats.size()));
+        self->m_saved = std::move(contents);
+        self->install();
+    });
+}
+
+void PasteService::install()
+{
     Request &request = m_queue.front();
     // Terminals paste the primary selection on Shift+Insert, editors the clipboard.
     const bool alsoPrimary = request.keystroke == PasteKeystroke::shiftInsert;
-    // A restore still waiting keeps what the user had, not our last text.
-    if (m_clipboard && m_restores && !m_saved) {
-        m_saved = m_clipboard->contents();
-        m_log.write(QStringLiteral("clipboard saved formats=%1").arg(m_saved->formats.size()));
-    }
     const bool offered = m_clipboard && m_clipboard->setText(request.text, alsoPrimary);
     m_log.write(QStringLiteral("pasteboard transcript installed"));
     if (offered && m_clipboard->handsOver()) {

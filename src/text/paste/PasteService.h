@@ -64,6 +64,8 @@ public:
     static constexpr std::chrono::milliseconds keyReleaseTimeout{2000};
     // How long the compositor gets to take the clipboard over from XWayland.
     static constexpr std::chrono::milliseconds handOverTimeout{300};
+    // How long the clipboard's owner gets to hand over what it holds, for "keep my clipboard".
+    static constexpr std::chrono::milliseconds saveTimeout{1000};
     static constexpr std::chrono::milliseconds pollInterval{5};
     static constexpr std::chrono::milliseconds restoreTimeout{2000};
     // A target may ask for several formats of the text in a row.
@@ -74,7 +76,7 @@ Q_SIGNALS:
     void delivered(qint64 milliseconds);
 
 private:
-    enum class Step { activating, releasingKeys, handingOver, announcing, typing };
+    enum class Step { activating, releasingKeys, saving, handingOver, announcing, typing };
     struct Request {
         QString text;
         PasteTarget target;
@@ -90,6 +92,7 @@ private:
     void advance();
     void enter(Step step);
     void offer();
+    void install();
     void type();
     void finish(const QString &error);
     void onTextRead(const QString &selection);
@@ -103,6 +106,7 @@ private:
     QTimer m_poll;
     QElapsedTimer m_lastPaste;
     bool m_busy = false; // the front request is under way
+    quint64 m_requestSerial = 0; // which request an answer that comes late was for
     bool m_awaitingRead = false;
     bool m_restores = false;
     std::optional<ClipboardContents> m_saved; // what to put back, while a restore waits
