@@ -165,6 +165,8 @@ QString applyMeasuredSetting(ProductPreferences &preferences, DictoraController 
         preferences.setSnippetsEnabled(on);
     else if (key == QLatin1String(ProductPreferences::kShortcutKey) && GlobalShortcut::fromJson(value.toUtf8())) {
         const ShortcutUpdateResult result = controller.updateKeyboardShortcut(*GlobalShortcut::fromJson(value.toUtf8()));
+        if (result.kind == ShortcutUpdateResult::Kind::waitingForDesktop)
+            return QStringLiteral("waiting");
         return result.kind == ShortcutUpdateResult::Kind::updated ? QStringLiteral("ok")
                                                                  : QStringLiteral("error: ") + result.message;
     } else

@@ -95,11 +95,11 @@ void Doctor::run(Done done)
     if (m_run)
         return;
     m_run = std::make_shared<Run>();
-    m_run->shortcut = shortcutCheck();
+    m_run->pending = 3;
     m_run->windows = windowCheck();
     m_run->clipboard = clipboardCheck();
     m_run->keystroke = keystrokeCheck();
-    m_run->pending = 2;
+    checkShortcut();
     testMicrophone();
     checkFilesElsewhere();
 }
@@ -117,7 +117,7 @@ void Doctor::finish()
         done(report);
 }
 
-DiagnosticCheck Doctor::shortcutCheck()
+void Doctor::checkShortcut()
 {
     const QString backend = backendFor(m_parts.backendReport, QStringLiteral("shortcut"));
     const QString key = m_parts.shortcutKey.displayText();
@@ -131,11 +131,34 @@ DiagnosticCheck Doctor::shortcutCheck()
         fix = QStringLiteral("Confirm the shortcut in the desktop's dialog (Keyboard Shortcut sheet), or pick a free key.");
     }
     // Binding through the portal may put the desktop's dialog in front of
-    // the user: only the running program, which holds the binding, is asked.
-    if (!m_parts.shortcutHeldHere && backend == QLatin1String("portal-global-shortcuts"))
-        return check("shortcut", "Shortcut", backend, Status::warning,
-            QStringLiteral("%1, not checked: Dictora is not running").arg(key),
-            QStringLiteral("Start Dictora and run the check again."), false);
+    // the user: from outside the running program the desktop is only asked what it has.
+    if (!m_parts.shortcutHeldHere && backend == QLatin1String("portal-global-shortcuts")) {
+        const std::shared_ptr<Run> run = m_run;
+        m_parts.shortcut.reportBinding(m_parts.shortcutKey,
+            [this, run, backend, key, who, fix](const ShortcutBackend::BindingReport &report) {
+                if (run != m_run)
+                    return;
+                if (!report.answered)
+                    run->shortcut = check("shortcut", "Shortcut", backend, Status::warning,
+                        QStringLiteral("%1, not checked: Dictora is not running").arg(key),
+                        QStringLiteral("Start Dictora and run the check again."), false);
+                else if (report.bound)
+                    run->shortcut = check("shortcut", "Shortcut", backend, Status::ok,
+                        QStringLiteral("%1, bound by %2 (it names the key: %3)").arg(key, who, report.description));
+                else
+                    run->shortcut = check("shortcut", "Shortcut", backend, Status::failed,
+                        QStringLiteral("%1 is not bound: %2").arg(key, report.problem),
+                        QStringLiteral("Start Dictora and confirm the shortcut in the desktop's dialog."));
+                finish();
+            });
+        return;
+    }
+    m_run->shortcut = shortcutBoundHere(backend, key, who, fix);
+    finish();
+}
+
+DiagnosticCheck Doctor::shortcutBoundHere(const QString &backend, const QString &key, const QString &who, const QString &fix)
+{
     bool bound = false;
     if (m_parts.shortcutHeldHere) {
         bound = m_parts.shortcut.verifyInstalled(m_parts.shortcutKey);

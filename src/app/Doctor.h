@@ -77,7 +77,8 @@ public:
 private:
     struct Run;
     void finish();
-    DiagnosticCheck shortcutCheck();
+    void checkShortcut();
+    DiagnosticCheck shortcutBoundHere(const QString &backend, const QString &key, const QString &who, const QString &fix);
     DiagnosticCheck windowCheck();
     DiagnosticCheck keystrokeCheck();
     DiagnosticCheck clipboardCheck();

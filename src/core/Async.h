@@ -34,7 +34,7 @@ void runElsewhere(QThreadPool *pool, QObject *context, Work &&work, Done &&done)
 template<typename Work>
 void runElsewhere(Work &&work)
 {
-    QtConcurrent::run(std::forward<Work>(work));
+    static_cast<void>(QtConcurrent::run(std::forward<Work>(work)));
 }
 
 // Continues a future that some service handed out on `context`'s thread;

@@ -59,6 +59,7 @@ void ReadinessMonitor::installCurrentShortcutSilently()
         if (m_pendingShortcutUpdate && *m_pendingShortcutUpdate == candidate) {
             m_preferences.setKeyboardShortcut(candidate);
             m_pendingShortcutUpdate.reset();
+            m_rollbackOnRefusal = false;
             qCInfo(lcSession).noquote() << QStringLiteral("global shortcut update completed shortcut=") + shortcutText(candidate);
         }
         Q_EMIT shortcutInstalled();
@@ -69,6 +70,16 @@ void ReadinessMonitor::installCurrentShortcutSilently()
             qCInfo(lcSession).noquote() << QStringLiteral("global shortcut event tap installed shortcut=") + shortcutText(candidate);
         }
         m_onboarding.showPracticeWhenReady();
+        return;
+    }
+    if (m_rollbackOnRefusal && m_pendingShortcutUpdate && !m_shortcut.isAwaitingDesktop()) {
+        // The desktop refused the new key: the one in the preferences comes back.
+        qCInfo(lcSession).noquote() << QStringLiteral("global shortcut update rolled back candidate=")
+                                           + shortcutText(*m_pendingShortcutUpdate) + QStringLiteral(" reason=")
+                                           + m_shortcut.failureReason();
+        m_pendingShortcutUpdate.reset();
+        m_rollbackOnRefusal = false;
+        installCurrentShortcutSilently();
         return;
     }
     Q_EMIT shortcutMissing();
@@ -103,9 +114,19 @@ ShortcutUpdateResult ReadinessMonitor::updateKeyboardShortcut(const GlobalShortc
     if (m_shortcut.install(candidate) && m_shortcut.verifyInstalled(candidate)) {
         m_preferences.setKeyboardShortcut(candidate);
         m_pendingShortcutUpdate.reset();
+        m_rollbackOnRefusal = false;
         Q_EMIT shortcutInstalled();
         qCInfo(lcSession).noquote() << QStringLiteral("global shortcut updated shortcut=") + shortcutText(candidate);
         return ShortcutUpdateResult::updated();
+    }
+    if (m_shortcut.isAwaitingDesktop()) {
+        // The desktop answers later: the change completes then, or the
+        // shortcut stays as it was (installCurrentShortcutSilently).
+        m_pendingShortcutUpdate = candidate;
+        m_rollbackOnRefusal = true;
+        qCInfo(lcSession).noquote() << QStringLiteral("global shortcut update waits for the desktop candidate=")
+                                           + shortcutText(candidate);
+        return ShortcutUpdateResult::waitingForDesktop();
     }
     m_shortcut.install(previous);
     qCInfo(lcSession).noquote() << QStringLiteral("global shortcut update rolled back candidate=") + shortcutText(candidate);

@@ -78,6 +78,7 @@ private:
     QTimer m_shortcutRetry;
     QTimer m_permissionPoll;
     std::optional<GlobalShortcut> m_pendingShortcutUpdate;
+    bool m_rollbackOnRefusal = false; // the pending update waits for the desktop's answer
     std::optional<GlobalShortcut> m_loggedInstalled;
     bool m_loggedAccessibilityWait = false;
 

@@ -5,6 +5,8 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
+
 namespace dictora {
 
 // A system-wide key binding for one shortcut. `pressed` fires once per key
@@ -28,6 +30,23 @@ public:
     // What the button beside that reason does (a PermissionAction); empty
     // when retrying is all there is to do.
     virtual QString attentionAction() const { return {}; }
+    // True while the desktop has been asked to bind and has not answered
+    // (it may be showing a dialog); installationChanged() follows its answer.
+    virtual bool isAwaitingDesktop() const { return false; }
+
+    // What the desktop reports bound for `shortcut`, asked without binding
+    // or showing anything: for a check from outside the running program.
+    struct BindingReport {
+        bool answered = false; // false: this backend cannot tell without binding
+        bool bound = false;
+        QString description; // the key as the desktop names it
+        QString problem;     // why the desktop did not answer
+    };
+    virtual void reportBinding(const GlobalShortcut &shortcut, std::function<void(BindingReport)> done)
+    {
+        Q_UNUSED(shortcut);
+        done({});
+    }
 
 Q_SIGNALS:
     void pressed();

@@ -67,13 +67,16 @@ QString fallbackMessage();
 
 // The controller's answer to a request for a new shortcut.
 struct ShortcutUpdateResult {
-    enum class Kind { failed, updated, needsAccessibility };
+    // waitingForDesktop: the desktop was asked (it may show a dialog); the
+    // shortcut changes once it confirms, and stays as it was if it refuses.
+    enum class Kind { failed, updated, needsAccessibility, waitingForDesktop };
     Kind kind = Kind::updated;
     QString message; // only for failed
 
     static ShortcutUpdateResult failed(const QString &m) { return {Kind::failed, m}; }
     static ShortcutUpdateResult updated() { return {Kind::updated, {}}; }
     static ShortcutUpdateResult needsAccessibility() { return {Kind::needsAccessibility, {}}; }
+    static ShortcutUpdateResult waitingForDesktop() { return {Kind::waitingForDesktop, {}}; }
     friend bool operator==(const ShortcutUpdateResult &, const ShortcutUpdateResult &) = default;
 };
 

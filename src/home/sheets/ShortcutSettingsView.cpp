@@ -191,6 +191,9 @@ void ShortcutSettingsView::applyCandidate()
     case ShortcutUpdateResult::Kind::needsAccessibility:
         setFeedback(Feedback::permissionRequired);
         break;
+    case ShortcutUpdateResult::Kind::waitingForDesktop:
+        setFeedback(Feedback::waitingForPermission);
+        break;
     case ShortcutUpdateResult::Kind::failed:
         setFeedback(Feedback::failure,
                     result.message.isEmpty() ? GlobalShortcutValidator::fallbackMessage() : result.message);

@@ -11,8 +11,11 @@
 #include <QDBusPendingCall>
 #include <QDBusPendingCallWatcher>
 #include <QRegularExpression>
+#include <QPointer>
 #include <QSet>
 #include <QThread>
+
+#include <memory>
 
 namespace dictora::portal {
 
@@ -161,6 +164,17 @@ bool PortalShortcutBackend::install(const GlobalShortcut &shortcut)
         m_retryDelayMs = 0;
     }
     m_wanted = shortcut;
+    if (changed && !m_session.isEmpty()) {
+        // A session takes one bind (GNOME fails a second): the new key goes
+        // to a fresh session once the old one is closed.
+        m_stage = Stage::creatingSession;
+        const uint generation = ++m_generation;
+        closeSession([this, generation] {
+            if (generation == m_generation)
+                begin(true);
+        });
+        return false;
+    }
     begin(changed);
     return false;
 }
@@ -190,6 +204,51 @@ QString PortalShortcutBackend::attentionAction() const
 {
     const bool userMustAct = m_stage == Stage::refused || m_stage == Stage::keyless || m_stage == Stage::failed;
     return userMustAct ? QString::fromLatin1(PermissionAction::portalShortcut) : QString();
+}
+
+void PortalShortcutBackend::reportBinding(const GlobalShortcut &shortcut, std::function<void(BindingReport)> done)
+{
+    if (m_version == 0) {
+        done({true, false, {}, QStringLiteral("This desktop offers no global shortcuts to applications.")});
+        return;
+    }
+    auto finish = std::make_shared<std::function<void(BindingReport)>>(std::move(done));
+    QPointer<PortalShortcutBackend> self(this);
+    PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
+        {{QStringLiteral("session_handle_token"), QStringLiteral("dictora_check")}}, this,
+        [self, finish, shortcut](ResponseCode code, const QVariantMap &results) {
+            const QVariant handle = results.value(QStringLiteral("session_handle"));
+            const QString session = handle.userType() == qMetaTypeId<QDBusObjectPath>()
+                ? handle.value<QDBusObjectPath>().path() : handle.toString();
+            if (code != ResponseCode::success || session.isEmpty()) {
+                (*finish)({true, false, {},
+                    QStringLiteral("The desktop did not open a shortcut session%1.").arg(errorSuffix(results))});
+                return;
+            }
+            PortalRequest::call(self->m_connection, QLatin1String(kInterface), QStringLiteral("ListShortcuts"),
+                {QVariant::fromValue(QDBusObjectPath(session))}, {}, self,
+                [self, finish, shortcut, session](ResponseCode code, const QVariantMap &results) {
+                    self->m_connection.asyncCall(QDBusMessage::createMethodCall(QLatin1String(kService), session,
+                        QLatin1String(kSessionInterface), QStringLiteral("Close")));
+                    BindingReport report{true, false, {}, {}};
+                    if (code != ResponseCode::success) {
+                        report.problem = QStringLiteral("The desktop did not list its shortcuts%1.").arg(errorSuffix(results));
+                    } else {
+                        QStringList keys;
+                        for (const ShortcutEntry &entry : readShortcutList(results.value(QStringLiteral("shortcuts")))) {
+                            QString key = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
+                            key.replace(QRegularExpression(QStringLiteral("\\b0x[0-9a-fA-F]+\\b")), shortcut.keyLabel);
+                            if (isOurId(entry.id) && !key.isEmpty() && !keys.contains(key))
+                                keys << key;
+                        }
+                        report.bound = !keys.isEmpty();
+                        report.description = keys.join(QStringLiteral(" or "));
+                        if (!report.bound)
+                            report.problem = QStringLiteral("The desktop lists no key for Dictora yet.");
+                    }
+                    (*finish)(report);
+                });
+        });
 }
 
 void PortalShortcutBackend::askAgain()

@@ -45,6 +45,12 @@ public:
     void uninstall() override;
     QString failureReason() const override { return m_failureReason; }
     QString attentionAction() const override;
+    // Opens a session of its own, lists, and closes it: nothing is bound.
+    void reportBinding(const GlobalShortcut &shortcut, std::function<void(BindingReport)> done) override;
+    bool isAwaitingDesktop() const override
+    {
+        return m_stage == Stage::creatingSession || m_stage == Stage::listing || m_stage == Stage::binding;
+    }
 
     // The user asks for the desktop's dialog again: after a refusal, for a
     // shortcut listed without a key, or to change the key where the desktop

@@ -73,11 +73,12 @@ fresh_home() {
   ln -s "$LAB_HOME/.config/kxkbrc" "$TRIXIE$DHOME/.config/kxkbrc"
   chown -R -h "$LAB_UID:$LAB_UID" "$TRIXIE$DHOME"
 }
+# start_dictora [VAR=VALUE...]: the installed build in the current home, with these in its environment
 start_dictora() {
   local before; before=$(count 'app started')
   LAB_EXTRA=(HOME="$DHOME" DICTORA_MODEL_CONTRACT="$DHOME/contract.json" DICTORA_VAD_CONTRACT="$DHOME/vad-contract.json"
     DICTORA_SCRIPTED_TRANSCRIPT="$WORDS"
-    QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1)
+    QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 "$@")
   lab_spawn "$LAB_LOGS/dictora.out" /opt/dictora/bin/dictora-scripted
   DPID=$LAB_LAST_PID; LAB_EXTRA=()
   wait_line 'app started' $((before + 1)) 30 || { fail "no 'app started' in runtime.log"; return 1; }
@@ -115,17 +116,25 @@ editor_target() {
 }
 # dictate: the key below Escape, speech, the key again; then the text must reach TARGET
 PASTES=0
+DICTATE_KEY=key:41
 dictate() {
   local started; started=$(count 'recording started')
-  key key:41
-  wait_line 'recording started' $((started + 1)) 10 || { fail "the key below Escape started no recording"; return 1; }
+  key $DICTATE_KEY
+  wait_line 'recording started' $((started + 1)) 10 || { fail "$DICTATE_KEY started no recording"; return 1; }
   lab_play "$LAB_LOGS/speech.wav" >/dev/null 2>&1
-  key key:41
+  key $DICTATE_KEY
   wait_line 'recording completed' $((started + 1)) 30 || { fail "the second press ended no recording"; return 1; }
   [ "${1:-}" = editor ] && { sleep 1; key key:29+31; }
   local i; for i in $(seq 40); do grep -qF "$EXPECT" "$TARGET" 2>/dev/null && return 0; sleep 0.25
     [ "${1:-}" = editor ] && [ $((i % 8)) = 0 ] && key key:29+31; done
   fail "the target holds \"$(head -c 200 "$TARGET" | cat -v)\", not \"$EXPECT\""
+}
+# instance_command TEXT: one line to the running Dictora's socket, its answer printed
+instance_command() {
+  lab_run python3 -c 'import os, socket, sys
+s = socket.socket(socket.AF_UNIX); s.settimeout(10)
+s.connect(os.environ["XDG_RUNTIME_DIR"] + "/dictora.socket"); s.sendall(sys.argv[1].encode() + b"\n")
+print(s.makefile().readline().strip())' "$1" 2>&1
 }
 close_targets() { kill_tagged foot; kill_tagged l3afpad; sleep 0.5; }
 # kill_tagged COMM: this session's processes of that name (other sessions run as the same user)
