@@ -4,7 +4,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QtTest>
 #include <QtEndian>
 
@@ -66,19 +65,16 @@ void refreshOggPageCrc(QByteArray &bytes, qsizetype page)
 class HostileFilesTest : public QObject {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> m_home;
+    std::unique_ptr<dictora::test::IsolatedHome> m_home;
     QString m_contract;
 
-    QString dataDir() const { return m_home->filePath(QStringLiteral("data/Dictora")); }
-    QString settingsPath() const { return m_home->filePath(QStringLiteral("config/Dictora/Dictora.ini")); }
+    QString at(const QString &name) const { return m_home->path() + u'/' + name; }
+    QString dataDir() const { return at(QStringLiteral("data/Dictora")); }
+    QString settingsPath() const { return at(QStringLiteral("config/Dictora/Dictora.ini")); }
 
     ProgramRun dictora(const QStringList &arguments, const QByteArray &input = {}, const QString &contract = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_DATA_HOME"), m_home->filePath(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home->filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_home->filePath(QStringLiteral("runtime")));
-        env.insert(QStringLiteral("HOME"), m_home->path());
         env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract.isEmpty() ? m_contract : contract);
         return dictora::test::runProgram(QStringLiteral(DICTORA_BINARY), arguments, input, env);
     }
@@ -95,15 +91,13 @@ class HostileFilesTest : public QObject {
 private Q_SLOTS:
     void init()
     {
-        m_home = std::make_unique<QTemporaryDir>();
-        QDir root(m_home->path());
-        for (const char *sub : {"data/Dictora/Models", "config/Dictora", "runtime"})
-            root.mkpath(QLatin1String(sub));
-        QFile::setPermissions(root.filePath(QStringLiteral("runtime")), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        m_home = std::make_unique<dictora::test::IsolatedHome>();
+        for (const char *sub : {"data/Dictora/Models", "config/Dictora"})
+            QDir().mkpath(at(QLatin1String(sub)));
         // The empty-weight test model: it loads and runs, and recognises nothing.
         const QString model = dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.en.bin");
         QVERIFY(QFile::copy(model, dataDir() + QStringLiteral("/Models/for-tests-ggml-tiny.en.bin")));
-        m_contract = m_home->filePath(QStringLiteral("contract.json"));
+        m_contract = at(QStringLiteral("contract.json"));
         const QByteArray contract = "{\"fileName\":\"for-tests-ggml-tiny.en.bin\",\"bytes\":586836,"
                                     "\"sha256\":\"dd6b7796204a1cdf7164666423034e6e1a7a3e9f5c22327b4b7974c4584bd82d\","
                                     "\"url\":\"http://127.0.0.1:9/for-tests-ggml-tiny.en.bin\"}";
@@ -169,13 +163,13 @@ private Q_SLOTS:
     {
         QFETCH(QString, kind);
         QFETCH(QString, message);
-        const QString contract = m_home->filePath(QStringLiteral("hostile-contract.json"));
+        const QString contract = at(QStringLiteral("hostile-contract.json"));
         QVERIFY(plant(contract, kind, 1LL << 30));
         const QString wav = dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav");
         const ProgramRun run = dictora({QStringLiteral("transcribe"), wav}, {}, contract);
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains(QStringLiteral("The model contract %1 is unusable: ").arg(contract) + message), qPrintable(run.err));
-        QCOMPARE(QFileInfo(m_home->filePath(QStringLiteral("data/Dictora/Models/for-tests-ggml-tiny.en.bin"))).size(), 586836);
+        QCOMPARE(QFileInfo(at(QStringLiteral("data/Dictora/Models/for-tests-ggml-tiny.en.bin"))).size(), 586836);
     }
 
     void journal_data()
@@ -238,7 +232,7 @@ private Q_SLOTS:
         if (QStandardPaths::findExecutable(QStringLiteral("sox")).isEmpty())
             QSKIP("sox is not installed (Debian package sox)");
         const QString source = dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav");
-        const QString path = m_home->filePath(QStringLiteral("speech.") + format);
+        const QString path = at(QStringLiteral("speech.") + format);
         QCOMPARE(QProcess::execute(QStringLiteral("sox"), {source, QStringLiteral("-r"), QStringLiteral("16000"),
                                                               QStringLiteral("-c"), QStringLiteral("1"), path, QStringLiteral("trim"),
                                                               QStringLiteral("0"), QStringLiteral("2")}),
