@@ -38,25 +38,6 @@ QString recordLine(const char *id, const char *text)
         .arg(QLatin1String(id), QLatin1String(text));
 }
 
-// Ogg pages carry a CRC-32 (polynomial 0x04c11db7, no reflection) over the
-// page with its own field zeroed; an edited header needs a fresh one.
-void refreshOggPageCrc(QByteArray &bytes, qsizetype page)
-{
-    const int segments = quint8(bytes.at(page + 26));
-    qsizetype length = 27 + segments;
-    for (int i = 0; i < segments; ++i)
-        length += quint8(bytes.at(page + 27 + i));
-    for (int i = 22; i < 26; ++i)
-        bytes[page + i] = 0;
-    quint32 crc = 0;
-    for (qsizetype i = 0; i < length; ++i) {
-        crc ^= quint32(quint8(bytes.at(page + i))) << 24;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 0x80000000u) ? (crc << 1) ^ 0x04c11db7u : crc << 1;
-    }
-    qToLittleEndian<quint32>(crc, bytes.data() + page + 22);
-}
-
 } // namespace
 
 // Every file Dictora reads, replaced by something hostile, read through the
@@ -221,7 +202,6 @@ private Q_SLOTS:
         QTest::newRow("flac lies about its length") << "flac" << "lie" << 0 << shortfall;
         QTest::newRow("flac stream info zeroed") << "flac" << "zero channels" << 1 << "could not be read as audio";
         QTest::newRow("ogg truncated") << "ogg" << "truncate" << 1 << "holds no audio that could be decoded";
-        QTest::newRow("ogg zero channels") << "ogg" << "zero channels" << 1 << "could not be read as audio";
     }
     void audioFiles()
     {
@@ -248,7 +228,7 @@ private Q_SLOTS:
                 qToLittleEndian<quint32>(0xFFFFFFF0u, bytes.data() + 40);
             else
                 qToLittleEndian<quint16>(0, bytes.data() + 22);
-        } else if (format == QLatin1String("flac")) {
+        } else {
             // STREAMINFO follows "fLaC" and its block header: 20 bits rate,
             // 3 bits channels - 1, 5 bits bits - 1, 36 bits total samples.
             QCOMPARE(bytes.left(4), QByteArray("fLaC"));
@@ -262,12 +242,6 @@ private Q_SLOTS:
                 for (int i = 18; i < 26; ++i)
                     bytes[i] = 0;
             }
-        } else {
-            // The Vorbis identification header: "\x01vorbis", version (4), channels (1).
-            const qsizetype header = bytes.indexOf("\x01vorbis");
-            QVERIFY(header > 0);
-            bytes[header + 11] = 0;
-            refreshOggPageCrc(bytes, bytes.lastIndexOf("OggS", header));
         }
         QVERIFY(writeFile(path, bytes));
 
