@@ -94,6 +94,19 @@ bool restoreDefaultMicrophone()
     return ok;
 }
 
+bool removeEveryMicrophone()
+{
+    return unloadModule(QStringLiteral("module-remap-source")) && unloadModule(QStringLiteral("module-null-sink"));
+}
+
+bool synthesize(const QString &file, int rate, int channels, double seconds, const QString &synth)
+{
+    return runTool(QStringLiteral("sox"), QStringList{QStringLiteral("-n"), QStringLiteral("-r"), QString::number(rate),
+        QStringLiteral("-c"), QString::number(channels), QStringLiteral("-e"), QStringLiteral("float"), QStringLiteral("-b"),
+        QStringLiteral("32"), file, QStringLiteral("synth"), QString::number(seconds)}
+        + synth.split(u' ') + QStringList{QStringLiteral("vol"), QStringLiteral("0.5")});
+}
+
 PipeMicrophone createPipeMicrophone(const QString &name, const QString &fifo, int rate, int channels)
 {
     PipeMicrophone mic;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QProcess>
+#include <QScopeGuard>
 #include <QString>
 #include <QStringList>
 
@@ -28,6 +29,8 @@ VirtualMicrophone createMicrophone(const QString &name, int rate, int channels);
 void removeMicrophone(const VirtualMicrophone &microphone);
 // Puts the wrapper's own "vmic" back (after a test removed everything).
 bool restoreDefaultMicrophone();
+// Unloads every microphone and sink: not even a monitor is left to record from.
+bool removeEveryMicrophone();
 
 // A module-pipe-source microphone fed through a FIFO: exactly the bytes
 // written arrive, nothing when nothing is written.
@@ -40,6 +43,27 @@ struct PipeMicrophone {
 PipeMicrophone createPipeMicrophone(const QString &name, const QString &fifo, int rate, int channels);
 // Interleaved float32 frames into the FIFO (blocks until the server has read them).
 bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats);
+
+// At the end of the scope: the microphone (still there or not) goes and "vmic"
+// is the default again.
+inline auto restoredAfter(const VirtualMicrophone &microphone)
+{
+    return qScopeGuard([&microphone] {
+        removeMicrophone(microphone);
+        restoreDefaultMicrophone();
+    });
+}
+inline auto restoredAfter(const PipeMicrophone &microphone)
+{
+    return qScopeGuard([&microphone] {
+        if (microphone.ok())
+            unloadModule(QString::number(microphone.module));
+        restoreDefaultMicrophone();
+    });
+}
+// Writes a 32-bit float file of `seconds` from sox's synth (`synth`: its
+// arguments after the length, e.g. "sine 440"), at half scale.
+bool synthesize(const QString &file, int rate, int channels, double seconds, const QString &synth);
 
 // Starts paplay into the sink; the caller waits for it.
 std::unique_ptr<QProcess> play(const QString &file, const QString &sink);

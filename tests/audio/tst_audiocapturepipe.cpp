@@ -72,8 +72,6 @@ private Q_SLOTS:
             << 48000.0 << QList<int>{960, 960, 960, 960, 960} << false << QList<qint64>{960, 1920, 2880, 3840, 800} << 1;
         QTest::newRow("44.1k interval 3675")
             << 44100.0 << QList<int>{3675, 3674, 4} << false << QList<qint64>{0, 3674, 3} << 2;
-        QTest::newRow("three frames count but emit nothing")
-            << 48000.0 << QList<int>{3} << false << QList<qint64>{3} << 0;
         QTest::newRow("tiny rate clamps the interval to one frame")
             << 6.0 << QList<int>{5, 4} << false << QList<qint64>{0, 0} << 2;
         QTest::newRow("interleaved reduces the counter without emitting")
@@ -114,7 +112,6 @@ private Q_SLOTS:
         QTest::addColumn<QList<float>>("levels");
 
         const float minus20 = (-20.0f + 52.0f) / 45.0f;
-        QTest::newRow("silence is zero") << 4000u << QList<float>{0, 0, 0, 0} << 0.0f << true << QList<float>{0, 0, 0, 0};
         QTest::newRow("quarters in time order")
             << 4000u << QList<float>{0.1f, 0, 1, 0.1f} << 0.0f << true << QList<float>{minus20, 0, 1, minus20};
         QTest::newRow("-52 dBFS and below give zero")
@@ -124,8 +121,6 @@ private Q_SLOTS:
                                             << QList<float>{1, 1, (20.0f * std::log10(0.3f) + 52.0f) / 45.0f, (20.0f * std::log10(0.3f) + 52.0f) / 45.0f};
         QTest::newRow("seven frames: one-frame slices, last three ignored")
             << 7u << QList<float>{0, 0, 0, 0} << 1.0f << true << QList<float>{0, 0, 0, 0};
-        QTest::newRow("remainder frames ignored in a long buffer")
-            << 4003u << QList<float>{0.1f, 0.1f, 0.1f, 0.1f} << 1.0f << true << QList<float>{minus20, minus20, minus20, minus20};
         QTest::newRow("three frames emit nothing") << 3u << QList<float>{} << 1.0f << false << QList<float>{};
     }
 
@@ -218,33 +213,15 @@ private Q_SLOTS:
         QVERIFY(!result.reachedSafetyLimit);
     }
 
-    void foreignBuffersAreDropped_data()
-    {
-        QTest::addColumn<bool>("interleaved");
-        QTest::addColumn<bool>("isFloat");
-        QTest::addColumn<double>("bufferRate");
-
-        QTest::newRow("interleaved") << true << true << 48000.0;
-        QTest::newRow("not float") << false << false << 48000.0;
-        QTest::newRow("rate differs from the converter's") << false << true << 44100.0;
-    }
-
+    // A buffer in another format than the converter's (the server switched
+    // devices under the stream) is dropped; the recording goes on.
     void foreignBuffersAreDropped()
     {
-        QFETCH(bool, interleaved);
-        QFETCH(bool, isFloat);
-        QFETCH(double, bufferRate);
-
         QList<AudioMeterLevels> emitted;
         auto capture = std::make_shared<FinalAudioCapture>();
         auto pipe = makePipe({48000, 1, false, true}, capture, &emitted, this);
-        AudioBuffer bad({bufferRate, 1, interleaved, isFloat}, 4800);
-        std::fill_n(bad.rawData(), 4800, 0.5f);
-        bad.setFrameLength(4800);
-        pipe->handle(bad);
+        pipe->handle(AudioBuffer::fromChannels(44100, {sine(44100, 440, 0.5, 4410)}));
         QCOMPARE(capture->sampleCount(), 0);
-
-        // The recording goes on with good buffers.
         pipe->handle(AudioBuffer::fromChannels(48000, {sine(48000, 440, 0.5, 4800)}));
         pipe->finish();
         QVERIFY(std::abs(capture->sampleCount() - 1600) <= 2);
@@ -293,20 +270,14 @@ private Q_SLOTS:
         QVERIFY(std::abs(result.rmsLevel - float(std::sqrt(double(ones) / double(expectedCount)))) < 1e-5f);
     }
 
-    void rmsAndReset()
+    // Reset keeps the allocation and forgets the sum of squares.
+    void resetForgetsTheLevel()
     {
         FinalAudioCapture capture;
-        QCOMPARE(capture.result().samples.size(), size_t(0));
-        QCOMPARE(capture.result().rmsLevel, 0.0f);
-        QVERIFY(!capture.result().reachedSafetyLimit);
-        QVERIFY(capture.capacity() >= size_t(FinalAudioCapture::kReservedSamples));
-
         capture.append(AudioBuffer::fromChannels(16000, {{0.3f, -0.4f}}));
         capture.append(AudioBuffer::fromChannels(16000, {{}}));
         QCOMPARE(capture.result().samples, (std::vector<float>{0.3f, -0.4f}));
         QVERIFY(std::abs(capture.result().rmsLevel - float(std::sqrt(0.125))) < 1e-6f);
-
-        // Reset keeps the allocation and forgets the sum of squares.
         const size_t capacity = capture.capacity();
         capture.reset();
         QCOMPARE(capture.capacity(), capacity);

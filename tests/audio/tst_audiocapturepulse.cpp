@@ -65,21 +65,13 @@ private Q_SLOTS:
         QFETCH(int, channels);
         const pulse::PipeMicrophone pipeMic =
             pulse::createPipeMicrophone(QStringLiteral("pipemic"), m_dir.filePath(QStringLiteral("fifo")), rate, channels);
-        auto cleanup = qScopeGuard([&] {
-            if (pipeMic.ok())
-                pulse::unloadModule(QString::number(pipeMic.module));
-            pulse::restoreDefaultMicrophone();
-        });
+        const auto cleanup = pulse::restoredAfter(pipeMic);
         QVERIFY(pipeMic.ok());
 
         // A sweep is never periodic, so its position in the recording is unique.
         const QString tone = m_dir.filePath(QStringLiteral("sweep.wav"));
         const QString reference = m_dir.filePath(QStringLiteral("sweep16k.wav"));
-        const QStringList toneFormat{QStringLiteral("-r"), QString::number(rate), QStringLiteral("-c"), QString::number(channels)};
-        QVERIFY(pulse::runTool(QStringLiteral("sox"), QStringList{QStringLiteral("-n")} + toneFormat
-                                   + QStringList{QStringLiteral("-e"), QStringLiteral("float"), QStringLiteral("-b"), QStringLiteral("32"), tone,
-                                                 QStringLiteral("synth"), QStringLiteral("0.8"), QStringLiteral("sine"),
-                                                 QStringLiteral("200-3000"), QStringLiteral("vol"), QStringLiteral("0.5")}));
+        QVERIFY(pulse::synthesize(tone, rate, channels, 0.8, QStringLiteral("sine 200-3000")));
         QVERIFY(pulse::runTool(QStringLiteral("sox"), {tone, QStringLiteral("-r"), QStringLiteral("16000"), QStringLiteral("-c"),
                                                        QStringLiteral("1"), QStringLiteral("-e"), QStringLiteral("float"), reference}));
         const std::vector<float> expected = readMonoSamples(reference);
@@ -128,9 +120,14 @@ private Q_SLOTS:
         QVERIFY2(loudest > 0.93f, qPrintable(QString::number(loudest)));
     }
 
-    void secondStartDoesNothing()
+    // Stop and cancel when idle do nothing; a second start neither resets the
+    // recording nor takes the meter over; cancel keeps what was captured
+    // until the next start, which begins empty.
+    void startStopAndCancel()
     {
         AudioCaptureService service(m_log.get());
+        service.cancel();
+        QVERIFY(service.stop().samples.empty());
         int firstCalls = 0;
         int secondCalls = 0;
         service.start([&](AudioMeterLevels) { ++firstCalls; });
@@ -139,45 +136,26 @@ private Q_SLOTS:
         service.start([&](AudioMeterLevels) { ++secondCalls; });
         QVERIFY(service.finalCapture().sampleCount() >= before); // not reset
         QVERIFY(waitForSamples(service, before + 4000));
-        const CapturedAudioResult result = service.stop();
-        QVERIFY(qsizetype(result.samples.size()) >= before + 4000);
-        QCoreApplication::processEvents();
-        QVERIFY(firstCalls > 0);
-        QCOMPARE(secondCalls, 0);
-        // Silence from the idle virtual microphone.
-        QCOMPARE(result.rmsLevel, 0.0f);
-
-        // A new recording starts empty.
-        service.start({});
-        const CapturedAudioResult again = service.stop();
-        QVERIFY(again.samples.size() < result.samples.size());
-    }
-
-    void stopAndCancelWhenIdle()
-    {
-        AudioCaptureService service(m_log.get());
-        service.cancel();
-        const CapturedAudioResult empty = service.stop();
-        QVERIFY(empty.samples.empty());
-        QCOMPARE(empty.rmsLevel, 0.0f);
-        QVERIFY(!empty.reachedSafetyLimit);
-
-        // Cancel keeps what was captured until the next start.
-        service.start({});
-        QVERIFY(waitForSamples(service, 1600));
         service.cancel();
         QVERIFY(!service.isRecording());
         const qsizetype kept = service.finalCapture().sampleCount();
-        QVERIFY(kept >= 1600);
-        QCOMPARE(qsizetype(service.stop().samples.size()), kept);
+        const CapturedAudioResult result = service.stop();
+        QCOMPARE(qsizetype(result.samples.size()), kept);
+        QVERIFY(kept >= before + 4000);
+        QCOMPARE(result.rmsLevel, 0.0f); // silence from the idle virtual microphone
+        QCoreApplication::processEvents();
+        QVERIFY(firstCalls > 0);
+        QCOMPARE(secondCalls, 0);
+
+        service.start({});
+        QVERIFY(service.stop().samples.size() < result.samples.size());
     }
 
     void noInputSource()
     {
         auto cleanup = qScopeGuard([] { pulse::restoreDefaultMicrophone(); });
         // Without sinks there are not even monitor sources to fall back on.
-        QVERIFY(pulse::unloadModule(QStringLiteral("module-remap-source")));
-        QVERIFY(pulse::unloadModule(QStringLiteral("module-null-sink")));
+        QVERIFY(pulse::removeEveryMicrophone());
 
         AudioCaptureService service(m_log.get());
         QVERIFY(!service.requestMicrophonePermission());
@@ -214,10 +192,7 @@ private Q_SLOTS:
         QFETCH(QString, expectedLog);
 
         pulse::VirtualMicrophone mic = pulse::createMicrophone(QStringLiteral("usb"), 48000, 1);
-        auto cleanup = qScopeGuard([&] {
-            pulse::removeMicrophone(mic);
-            pulse::restoreDefaultMicrophone();
-        });
+        const auto cleanup = pulse::restoredAfter(mic);
         QVERIFY(mic.ok());
         pulse::pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic")});
         pulse::pactl({QStringLiteral("set-default-source"), mic.source});
@@ -226,8 +201,7 @@ private Q_SLOTS:
         service.start({});
         QVERIFY(waitForSamples(service, 3200));
         if (removeEverything) {
-            QVERIFY(pulse::unloadModule(QStringLiteral("module-remap-source")));
-            QVERIFY(pulse::unloadModule(QStringLiteral("module-null-sink")));
+            QVERIFY(pulse::removeEveryMicrophone());
         } else {
             pulse::removeMicrophone(mic);
         }
@@ -306,16 +280,11 @@ private Q_SLOTS:
     void chosenSourceGoesAndComesBack()
     {
         pulse::VirtualMicrophone desk = pulse::createMicrophone(QStringLiteral("desk"), 48000, 1);
-        auto cleanup = qScopeGuard([&] {
-            pulse::removeMicrophone(desk);
-            pulse::restoreDefaultMicrophone();
-        });
+        const auto cleanup = pulse::restoredAfter(desk);
         QVERIFY(desk.ok());
         pulse::pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic")});
         const QString tone = m_dir.filePath(QStringLiteral("tone.wav"));
-        QVERIFY(pulse::runTool(QStringLiteral("sox"), {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"),
-            QStringLiteral("-c"), QStringLiteral("1"), tone, QStringLiteral("synth"), QStringLiteral("30"), QStringLiteral("sine"),
-            QStringLiteral("440"), QStringLiteral("vol"), QStringLiteral("0.5")}));
+        QVERIFY(pulse::synthesize(tone, 48000, 1, 30, QStringLiteral("sine 440")));
 
         AudioCaptureService service(m_log.get());
         QSignalSpy notices(&service, &AudioCaptureService::notice);

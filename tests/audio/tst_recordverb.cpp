@@ -41,12 +41,10 @@ private Q_SLOTS:
         const QString file = m_dir.filePath(QStringLiteral("x.wav"));
         QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QStringLiteral("Usage: dictora record");
         QTest::newRow("no file") << QStringList{} << 2 << QStringLiteral("missing FILE.wav");
-        QTest::newRow("seconds without value") << QStringList{file, QStringLiteral("--seconds")} << 2 << QStringLiteral("--seconds needs a number");
         QTest::newRow("negative seconds") << QStringList{QStringLiteral("--seconds=-1"), file} << 2 << QStringLiteral("above 0");
         QTest::newRow("seconds not a number") << QStringList{QStringLiteral("--seconds"), QStringLiteral("ten"), file} << 2 << QStringLiteral("'ten'");
         QTest::newRow("over the limit") << QStringList{QStringLiteral("--seconds"), QStringLiteral("1801"), file} << 2 << QStringLiteral("at most 1800");
         QTest::newRow("unknown option") << QStringList{QStringLiteral("--loud"), file} << 2 << QStringLiteral("unknown option '--loud'");
-        QTest::newRow("two files") << QStringList{file, file} << 2 << QStringLiteral("unexpected argument");
         QTest::newRow("folder as file") << QStringList{m_dir.path()} << 2 << QStringLiteral("is a folder");
         QTest::newRow("missing folder") << QStringList{m_dir.filePath(QStringLiteral("none/x.wav"))} << 1 << QStringLiteral("does not exist");
     }
@@ -68,10 +66,7 @@ private Q_SLOTS:
         // A pipe microphone fed in real time: a 440 Hz tone at half scale, so
         // whatever the recording catches is loud.
         const pulse::PipeMicrophone mic = pulse::createPipeMicrophone(QStringLiteral("pipemic"), m_dir.filePath(QStringLiteral("fifo")), 48000, 1);
-        auto cleanup = qScopeGuard([&] {
-            pulse::unloadModule(QString::number(mic.module));
-            pulse::restoreDefaultMicrophone();
-        });
+        const auto cleanup = pulse::restoredAfter(mic);
         QVERIFY(mic.ok());
         QFile fifo(mic.fifo);
         QVERIFY(fifo.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
@@ -125,8 +120,7 @@ private Q_SLOTS:
     void noMicrophone()
     {
         auto cleanup = qScopeGuard([] { pulse::restoreDefaultMicrophone(); });
-        QVERIFY(pulse::unloadModule(QStringLiteral("module-remap-source")));
-        QVERIFY(pulse::unloadModule(QStringLiteral("module-null-sink")));
+        QVERIFY(pulse::removeEveryMicrophone());
         const QString file = m_dir.filePath(QStringLiteral("none.wav"));
         const Run run = runDictora({QStringLiteral("--seconds"), QStringLiteral("1"), file});
         QCOMPARE(run.exitCode, 1);

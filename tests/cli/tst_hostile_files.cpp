@@ -4,7 +4,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QtTest>
 #include <QtEndian>
 
@@ -39,25 +38,6 @@ QString recordLine(const char *id, const char *text)
         .arg(QLatin1String(id), QLatin1String(text));
 }
 
-// Ogg pages carry a CRC-32 (polynomial 0x04c11db7, no reflection) over the
-// page with its own field zeroed; an edited header needs a fresh one.
-void refreshOggPageCrc(QByteArray &bytes, qsizetype page)
-{
-    const int segments = quint8(bytes.at(page + 26));
-    qsizetype length = 27 + segments;
-    for (int i = 0; i < segments; ++i)
-        length += quint8(bytes.at(page + 27 + i));
-    for (int i = 22; i < 26; ++i)
-        bytes[page + i] = 0;
-    quint32 crc = 0;
-    for (qsizetype i = 0; i < length; ++i) {
-        crc ^= quint32(quint8(bytes.at(page + i))) << 24;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 0x80000000u) ? (crc << 1) ^ 0x04c11db7u : crc << 1;
-    }
-    qToLittleEndian<quint32>(crc, bytes.data() + page + 22);
-}
-
 } // namespace
 
 // Every file Dictora reads, replaced by something hostile, read through the
@@ -66,19 +46,16 @@ void refreshOggPageCrc(QByteArray &bytes, qsizetype page)
 class HostileFilesTest : public QObject {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> m_home;
+    std::unique_ptr<dictora::test::IsolatedHome> m_home;
     QString m_contract;
 
-    QString dataDir() const { return m_home->filePath(QStringLiteral("data/Dictora")); }
-    QString settingsPath() const { return m_home->filePath(QStringLiteral("config/Dictora/Dictora.ini")); }
+    QString at(const QString &name) const { return m_home->path() + u'/' + name; }
+    QString dataDir() const { return at(QStringLiteral("data/Dictora")); }
+    QString settingsPath() const { return at(QStringLiteral("config/Dictora/Dictora.ini")); }
 
     ProgramRun dictora(const QStringList &arguments, const QByteArray &input = {}, const QString &contract = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_DATA_HOME"), m_home->filePath(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home->filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_home->filePath(QStringLiteral("runtime")));
-        env.insert(QStringLiteral("HOME"), m_home->path());
         env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract.isEmpty() ? m_contract : contract);
         return dictora::test::runProgram(QStringLiteral(DICTORA_BINARY), arguments, input, env);
     }
@@ -95,15 +72,13 @@ class HostileFilesTest : public QObject {
 private Q_SLOTS:
     void init()
     {
-        m_home = std::make_unique<QTemporaryDir>();
-        QDir root(m_home->path());
-        for (const char *sub : {"data/Dictora/Models", "config/Dictora", "runtime"})
-            root.mkpath(QLatin1String(sub));
-        QFile::setPermissions(root.filePath(QStringLiteral("runtime")), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        m_home = std::make_unique<dictora::test::IsolatedHome>();
+        for (const char *sub : {"data/Dictora/Models", "config/Dictora"})
+            QDir().mkpath(at(QLatin1String(sub)));
         // The empty-weight test model: it loads and runs, and recognises nothing.
         const QString model = dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.en.bin");
         QVERIFY(QFile::copy(model, dataDir() + QStringLiteral("/Models/for-tests-ggml-tiny.en.bin")));
-        m_contract = m_home->filePath(QStringLiteral("contract.json"));
+        m_contract = at(QStringLiteral("contract.json"));
         const QByteArray contract = "{\"fileName\":\"for-tests-ggml-tiny.en.bin\",\"bytes\":586836,"
                                     "\"sha256\":\"dd6b7796204a1cdf7164666423034e6e1a7a3e9f5c22327b4b7974c4584bd82d\","
                                     "\"url\":\"http://127.0.0.1:9/for-tests-ggml-tiny.en.bin\"}";
@@ -169,13 +144,13 @@ private Q_SLOTS:
     {
         QFETCH(QString, kind);
         QFETCH(QString, message);
-        const QString contract = m_home->filePath(QStringLiteral("hostile-contract.json"));
+        const QString contract = at(QStringLiteral("hostile-contract.json"));
         QVERIFY(plant(contract, kind, 1LL << 30));
         const QString wav = dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav");
         const ProgramRun run = dictora({QStringLiteral("transcribe"), wav}, {}, contract);
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains(QStringLiteral("The model contract %1 is unusable: ").arg(contract) + message), qPrintable(run.err));
-        QCOMPARE(QFileInfo(m_home->filePath(QStringLiteral("data/Dictora/Models/for-tests-ggml-tiny.en.bin"))).size(), 586836);
+        QCOMPARE(QFileInfo(at(QStringLiteral("data/Dictora/Models/for-tests-ggml-tiny.en.bin"))).size(), 586836);
     }
 
     void journal_data()
@@ -227,7 +202,6 @@ private Q_SLOTS:
         QTest::newRow("flac lies about its length") << "flac" << "lie" << 0 << shortfall;
         QTest::newRow("flac stream info zeroed") << "flac" << "zero channels" << 1 << "could not be read as audio";
         QTest::newRow("ogg truncated") << "ogg" << "truncate" << 1 << "holds no audio that could be decoded";
-        QTest::newRow("ogg zero channels") << "ogg" << "zero channels" << 1 << "could not be read as audio";
     }
     void audioFiles()
     {
@@ -238,7 +212,7 @@ private Q_SLOTS:
         if (QStandardPaths::findExecutable(QStringLiteral("sox")).isEmpty())
             QSKIP("sox is not installed (Debian package sox)");
         const QString source = dictora::test::sharedTestData() + QStringLiteral("/speech/jfk.wav");
-        const QString path = m_home->filePath(QStringLiteral("speech.") + format);
+        const QString path = at(QStringLiteral("speech.") + format);
         QCOMPARE(QProcess::execute(QStringLiteral("sox"), {source, QStringLiteral("-r"), QStringLiteral("16000"),
                                                               QStringLiteral("-c"), QStringLiteral("1"), path, QStringLiteral("trim"),
                                                               QStringLiteral("0"), QStringLiteral("2")}),
@@ -254,7 +228,7 @@ private Q_SLOTS:
                 qToLittleEndian<quint32>(0xFFFFFFF0u, bytes.data() + 40);
             else
                 qToLittleEndian<quint16>(0, bytes.data() + 22);
-        } else if (format == QLatin1String("flac")) {
+        } else {
             // STREAMINFO follows "fLaC" and its block header: 20 bits rate,
             // 3 bits channels - 1, 5 bits bits - 1, 36 bits total samples.
             QCOMPARE(bytes.left(4), QByteArray("fLaC"));
@@ -268,12 +242,6 @@ private Q_SLOTS:
                 for (int i = 18; i < 26; ++i)
                     bytes[i] = 0;
             }
-        } else {
-            // The Vorbis identification header: "\x01vorbis", version (4), channels (1).
-            const qsizetype header = bytes.indexOf("\x01vorbis");
-            QVERIFY(header > 0);
-            bytes[header + 11] = 0;
-            refreshOggPageCrc(bytes, bytes.lastIndexOf("OggS", header));
         }
         QVERIFY(writeFile(path, bytes));
 

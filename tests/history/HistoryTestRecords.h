@@ -18,6 +18,14 @@ inline TranscriptRecord recordSavedAt(const QDateTime &savedAt, const QString &t
     return r;
 }
 
+inline QStringList texts(const QList<TranscriptRecord> &records)
+{
+    QStringList out;
+    for (const auto &r : records)
+        out << r.transcript;
+    return out;
+}
+
 inline QDateTime utc(const char *iso)
 {
     return QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODateWithMs).toUTC();

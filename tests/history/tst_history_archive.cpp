@@ -96,16 +96,6 @@ private Q_SLOTS:
         QCOMPARE(TranscriptHistoryArchive::fromJson(bytes), std::optional<TranscriptHistoryArchive>(archive));
     }
 
-    void unwritableDestinationLeavesJournal()
-    {
-        m_journal.append(recordSavedAt(utc("2026-01-02T03:04:05Z"), QStringLiteral("keep me")));
-        const QByteArray before = readFile(m_journal.filePath());
-        const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
-        QVERIFY(writeFile(blocker, {}));
-        QVERIFY_THROWS_EXCEPTION(Error, archiveAndClear(m_journal, blocker + QStringLiteral("/a.json"), QDateTime::currentDateTimeUtc()));
-        QCOMPARE(readFile(m_journal.filePath()), before);
-    }
-
     void verificationFailureLeavesJournalAndFile()
     {
         m_journal.append(recordSavedAt(utc("2026-01-02T03:04:05Z"), QStringLiteral("first")));

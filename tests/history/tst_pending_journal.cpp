@@ -14,19 +14,8 @@ using namespace dictora;
 using dictora::test::FileSizeLimit;
 using dictora::test::readFile;
 using dictora::test::recordSavedAt;
+using dictora::test::texts;
 using dictora::test::utc;
-
-namespace {
-
-QStringList texts(const QList<TranscriptRecord> &records)
-{
-    QStringList out;
-    for (const auto &r : records)
-        out << r.transcript;
-    return out;
-}
-
-} // namespace
 
 // Dictations the journal refuses wait in memory and go in, in order, once it
 // accepts writes again; the journal is refused here by a file-size limit,

@@ -34,36 +34,22 @@ class TranscriptJournalTest : public QObject {
 private Q_SLOTS:
     void init() { QDir(m_dir.filePath(QStringLiteral("Dictora"))).removeRecursively(); }
 
-    void missingFileReadsEmptyAndStaysMissing()
+    // Reading never creates the file; prepare and clearing leave it empty and
+    // private to the user.
+    void fileIsCreatedPrivateAndClearedEmpty()
     {
         TranscriptJournal journal(journalPath());
         QVERIFY(journal.readAll().isEmpty());
         QVERIFY(!QFile::exists(journalPath()));
-    }
-
-    void prepareCreatesPrivateFolderAndFile()
-    {
-        TranscriptJournal journal(journalPath());
         journal.prepare();
-        QVERIFY(QFile::exists(journalPath()));
         QCOMPARE(QFileInfo(journalPath()).size(), 0);
         QCOMPARE(int(QFile::permissions(journalPath()) & 0x0077), 0);
         QVERIFY(QFile::permissions(journalPath()).testFlags(QFile::ReadOwner | QFile::WriteOwner));
-        const QString folder = m_dir.filePath(QStringLiteral("Dictora"));
-        QCOMPARE(int(QFile::permissions(folder) & 0x0077), 0);
-    }
-
-    void appendRecreatesDeletedFolder()
-    {
-        TranscriptJournal journal(journalPath());
+        QCOMPARE(int(QFile::permissions(m_dir.filePath(QStringLiteral("Dictora"))) & 0x0077), 0);
         journal.append(makeRecord(1));
-        QVERIFY(QDir(m_dir.filePath(QStringLiteral("Dictora"))).removeRecursively());
-        const TranscriptRecord r = makeRecord(2);
-        journal.append(r);
-        const auto records = journal.readAll();
-        QCOMPARE(records.size(), 1);
-        QCOMPARE(records.first(), r);
-        QVERIFY(readFile(journalPath()).endsWith('\n'));
+        journal.lock().replaceAll({});
+        QCOMPARE(QFileInfo(journalPath()).size(), 0);
+        QCOMPARE(int(QFile::permissions(journalPath()) & 0x0077), 0);
     }
 
     void damagedLinesAreSkippedAndKept_data()
@@ -147,16 +133,6 @@ private Q_SLOTS:
         const QByteArray bytes = readFile(journalPath());
         QCOMPARE(bytes.count('\n'), threads * perThread);
         QCOMPARE(journal.readAll().size(), threads * perThread);
-    }
-
-    void replaceAllWithEmptyLeavesEmptyFile()
-    {
-        TranscriptJournal journal(journalPath());
-        journal.append(makeRecord(1));
-        journal.lock().replaceAll({});
-        QVERIFY(QFile::exists(journalPath()));
-        QCOMPARE(QFileInfo(journalPath()).size(), 0);
-        QCOMPARE(int(QFile::permissions(journalPath()) & 0x0077), 0);
     }
 
     void unwritablePathIsAnErrorWithReason()

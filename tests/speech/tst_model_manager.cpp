@@ -100,8 +100,6 @@ private Q_SLOTS:
         QTest::addColumn<bool>("hashed");
         QTest::newRow("exact") << m_model << true << true;
         QTest::newRow("one byte short is never hashed") << m_model.chopped(1) << false << false;
-        QTest::newRow("one byte long is never hashed") << m_model + 'x' << false << false;
-        QTest::newRow("empty") << QByteArray() << false << false;
         QTest::newRow("right size, one byte changed") << corrupted(m_model) << false << true;
     }
     void validity()
@@ -285,12 +283,10 @@ private Q_SLOTS:
         QTest::newRow("array") << QByteArray("[]") << "expected a JSON object";
         QTest::newRow("missing name") << with("fileName", QJsonValue::Undefined) << "\"fileName\"";
         QTest::newRow("name with folder") << with("fileName", "../m.bin") << "\"fileName\"";
-        QTest::newRow("bytes as text") << with("bytes", "575451") << "\"bytes\"";
         QTest::newRow("bytes zero") << with("bytes", 0) << "\"bytes\"";
         QTest::newRow("hash upper case")
             << with("sha256", "C486FB9F14A28B1C1DC252741A431646CC573450C900B9D9C406E10294AA01E6") << "\"sha256\"";
         QTest::newRow("ftp url") << with("url", "ftp://127.0.0.1/m.bin") << "\"url\"";
-        QTest::newRow("no url") << with("url", QJsonValue::Undefined) << "\"url\"";
     }
     void contractFile()
     {

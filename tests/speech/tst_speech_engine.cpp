@@ -38,28 +38,10 @@ class SpeechEngineTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void threadCount_data()
-    {
-        QTest::addColumn<int>("processors");
-        QTest::addColumn<int>("threads");
-        QTest::newRow("1 core") << 1 << 2;
-        QTest::newRow("4 cores") << 4 << 2;
-        QTest::newRow("5 cores") << 5 << 3;
-        QTest::newRow("10 cores") << 10 << 8;
-        QTest::newRow("128 cores") << 128 << 8;
-    }
-    void threadCount()
-    {
-        QFETCH(int, processors);
-        QFETCH(int, threads);
-        QCOMPARE(AccurateSpeechEngine::threadCountFor(processors), threads);
-    }
-
     void joinSegments_data()
     {
         QTest::addColumn<QList<QByteArray>>("segments");
         QTest::addColumn<QString>("text");
-        QTest::newRow("none") << QList<QByteArray>{} << "";
         QTest::newRow("leading spaces kept between") << QList<QByteArray>{" Hello", " world."} << "Hello world.";
         QTest::newRow("no separator added") << QList<QByteArray>{" Hel", "lo"} << "Hello";
         QTest::newRow("newlines trimmed") << QList<QByteArray>{"\n  Ready.\n", " \t"} << "Ready.";
@@ -76,7 +58,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("rate");
         QTest::addColumn<bool>("loaded");
-        for (int rate : {48000, 44100, 8000, 16001, 0, -16000}) {
+        for (int rate : {48000, 16001, 0}) {
             QTest::addRow("%d without model", rate) << rate << false;
             QTest::addRow("%d with model", rate) << rate << true;
         }

@@ -37,8 +37,6 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("expected");
 
         const QStringList none;
-        QTest::newRow("formats") << none << QByteArray("um hello ,world .how are you\n") << QByteArray() << ""
-                                 << QByteArray("Hello, world. How are you\n");
         QTest::newRow("UTF-8 through") << none << QByteArray("ça va. über alles 🎉") << QByteArray() << ""
                                        << QByteArray("Ça va. Über alles 🎉\n");
         QTest::newRow("snippets after formatting") << none << QByteArray("btw it works. thanks sig.") << kSnippets << ""
@@ -47,8 +45,6 @@ private Q_SLOTS:
                                        << "" << QByteArray("Btw it works.\n");
         QTest::newRow("--no-format only trims") << QStringList{"--no-format"} << QByteArray(" \n um btw ,x \n\n")
                                                 << kSnippets << "" << QByteArray("um by the way ,x\n");
-        QTest::newRow("both switches") << QStringList{"--no-format", "--no-snippets"} << QByteArray("\tum btw ,x  ")
-                                       << kSnippets << "" << QByteArray("um btw ,x\n");
         QTest::newRow("formatting preference off") << none << QByteArray(" um btw ,x ") << kSnippets
                                                    << "formatting=false" << QByteArray("um by the way ,x\n");
         QTest::newRow("snippets preference off") << none << QByteArray("btw ,x") << kSnippets << "snippets=false"
@@ -98,8 +94,6 @@ private Q_SLOTS:
 
         QTest::newRow("help") << QStringList{"--help"} << QByteArray() << 0 << QByteArray("Usage: dictora format")
                               << QByteArray();
-        QTest::newRow("help wins") << QStringList{"--bogus", "--help"} << QByteArray() << 0
-                                   << QByteArray("--no-snippets") << QByteArray();
         QTest::newRow("unknown option") << QStringList{"--bogus"} << QByteArray("text") << 2 << QByteArray()
                                         << QByteArray("dictora format: unknown option '--bogus'");
         QTest::newRow("stray argument") << QStringList{"hello"} << QByteArray("text") << 2 << QByteArray()

@@ -6,7 +6,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include "support/TestSupport.h"
 
@@ -52,7 +51,6 @@ private Q_SLOTS:
         QTest::newRow("punctuation merge") << "Thanks. Sig." << one("sig", "Best regards.") << "Thanks. Best regards.";
         QTest::newRow("merge with other marks") << "ok sig?" << one("sig", "Cheers!") << "ok Cheers?";
         QTest::newRow("no merge without final mark") << "sig." << one("sig", "Cheers") << "Cheers.";
-        QTest::newRow("no merge at the end") << "sig" << one("sig", "Best regards.") << "Best regards.";
         QTest::newRow("no merge before a letter") << "sigx" << one("sig", "Hi.") << "Hi.x";
         QTest::newRow("expansion of one mark before a mark") << "a sig, b" << one("sig", ";") << "a , b";
         QTest::newRow("inside words") << "signal" << one("sig", "X") << "Xnal";
@@ -60,8 +58,6 @@ private Q_SLOTS:
         QTest::newRow("expansion contains trigger") << "lol ok lol" << one("lol", "lol lol") << "lol lol ok lol lol";
         QTest::newRow("empty expansion is skipped") << "sig here" << one("sig", "") << "sig here";
         QTest::newRow("blank trigger is skipped") << "a b" << one(" \t ", "x") << "a b";
-        QTest::newRow("no occurrence") << "hello" << one("bye", "x") << "hello";
-        QTest::newRow("empty text") << "" << one("a", "b") << "";
         QTest::newRow("no entries, spaces kept") << "  as is  " << TriggerList{} << "  as is  ";
         QTest::newRow("expansion kept as stored") << "x sig y" << one("sig", "  two  spaces ") << "x   two  spaces  y";
         QTest::newRow("accented upper case") << QString::fromUtf8("mon ÉCOLE") << one("école", "school") << "mon school";
@@ -76,8 +72,6 @@ private Q_SLOTS:
         QTest::newRow("overlap, shorter first")
             << "New York and york" << TriggerList{{"york", "Yorkshire"}, {"new york", "NYC"}}
             << "NYCshire and Yorkshire"; // the later trigger matches inside the earlier expansion
-        QTest::newRow("later entry matches inside earlier expansion")
-            << "sig" << TriggerList{{"sig", "Best regards"}, {"regards", "wishes"}} << "Best wishes";
         QTest::newRow("empty entry ignored among others")
             << "btw" << TriggerList{{"", ""}, {"btw", "by the way"}} << "by the way";
     }
@@ -90,34 +84,13 @@ private Q_SLOTS:
         QCOMPARE(SnippetExpander::apply(text, entriesOf(snippets)), expected);
     }
 
-    void storeSavesEveryChange()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("a/Dictora/snippets.json"));
-        SnippetStore store(path);
-        QVERIFY(store.entries().isEmpty());
-        QVERIFY(store.loadProblem().isEmpty());
-        QVERIFY(!QFile::exists(path)); // reading never creates the file
-        QSignalSpy changed(&store, &SnippetStore::entriesChanged);
-
-        const SnippetEntry added = store.add();
-        QCOMPARE(store.entries(), SnippetEntries{added});
-        QVERIFY(store.lastSaveError().isEmpty());
-        QCOMPARE(SnippetStore::load(path).entries, store.entries()); // empty entry kept on disk
-
-        QVERIFY(store.setTrigger(added.id, QStringLiteral("btw")));
-        QCOMPARE(SnippetStore::load(path).entries.first().trigger, QStringLiteral("btw"));
-        QVERIFY(store.setExpansion(added.id, QStringLiteral("by the way")));
-        QCOMPARE(SnippetStore::load(path).entries, store.entries());
-        QVERIFY(!store.setTrigger(QUuid::createUuid(), QStringLiteral("x")));
-        QCOMPARE(changed.count(), 3);
-    }
-
     void storeFileFormat()
     {
         QTemporaryDir dir;
         const QString path = dir.filePath(QStringLiteral("snippets.json"));
         SnippetStore store(path);
+        QVERIFY(store.entries().isEmpty() && store.loadProblem().isEmpty());
+        QVERIFY(!QFile::exists(path)); // reading never creates the file
         const SnippetEntry entry{QUuid::fromString(QString::fromLatin1(kValidId).toLower()), QStringLiteral("sig"),
                                  QStringLiteral("Best \"regards\"\nJo")};
         store.setEntries({entry});
@@ -131,20 +104,7 @@ private Q_SLOTS:
         QCOMPARE(object.value("expansion").toString(), entry.expansion);
         QVERIFY(bytes.contains('\n')); // pretty-printed
         QCOMPARE(QFile::permissions(path) & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
-    }
-
-    void storeReadsItsOwnFile()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("snippets.json"));
-        const SnippetEntries entries = entriesOf({{"btw", "by the way"}, {QString::fromUtf8("😀"), QString::fromUtf8("ümlaut\t")}, {"", ""}});
-        {
-            SnippetStore store(path);
-            store.setEntries(entries);
-        }
-        SnippetStore reread(path);
-        QCOMPARE(reread.entries(), entries);
-        QVERIFY(reread.loadProblem().isEmpty());
+        QCOMPARE(SnippetStore(path).entries(), SnippetEntries{entry}); // and reads back what it wrote
     }
 
     void storeAcceptsExtraKeysAndLowerCaseIds()
