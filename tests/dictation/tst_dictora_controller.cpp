@@ -368,9 +368,13 @@ private Q_SLOTS:
         QTest::addColumn<bool>("grabWorks");
         QTest::addColumn<int>("kind");
         QTest::addColumn<QString>("message");
-        QTest::newRow("valid and grabbed") << 6 << true << int(ShortcutUpdateResult::Kind::updated) << "";
-        QTest::newRow("one modifier") << 1 << true << int(ShortcutUpdateResult::Kind::failed) << "Use at least two modifier keys so normal typing stays untouched.";
-        QTest::newRow("grab refused rolls back") << 6 << false << int(ShortcutUpdateResult::Kind::failed) << "That shortcut could not be activated. Your previous shortcut still works.";
+        QTest::addColumn<QString>("desktopAnswer"); // a desktop that binds later: "binds" or "refuses"
+        QTest::newRow("valid and grabbed") << 6 << true << int(ShortcutUpdateResult::Kind::updated) << "" << "";
+        QTest::newRow("one modifier") << 1 << true << int(ShortcutUpdateResult::Kind::failed) << "Use at least two modifier keys so normal typing stays untouched." << "";
+        QTest::newRow("grab refused rolls back") << 6 << false << int(ShortcutUpdateResult::Kind::failed) << "That shortcut could not be activated. Your previous shortcut still works." << "";
+        const int waiting = int(ShortcutUpdateResult::Kind::waitingForDesktop);
+        QTest::newRow("the desktop asks, then binds") << 6 << false << waiting << "" << "binds";
+        QTest::newRow("the desktop asks, then refuses: the old key stays") << 6 << false << waiting << "" << "refuses";
     }
     void updateShortcut()
     {
@@ -378,16 +382,26 @@ private Q_SLOTS:
         QFETCH(bool, grabWorks);
         QFETCH(int, kind);
         QFETCH(QString, message);
+        QFETCH(QString, desktopAnswer);
         ControllerRig rig;
         rig.controller->start();
         const GlobalShortcut candidate{40, {std::uint8_t(modifiers)}, QStringLiteral("K")};
         rig.shortcut.accepts = grabWorks;
+        rig.shortcut.awaiting = !desktopAnswer.isEmpty();
         const ShortcutUpdateResult result = rig.controller->updateKeyboardShortcut(candidate);
         QCOMPARE(int(result.kind), kind);
         QCOMPARE(result.message, message);
-        const bool updated = kind == int(ShortcutUpdateResult::Kind::updated);
+        if (rig.shortcut.awaiting) {
+            QCOMPARE(rig.preferences.keyboardShortcut(), GlobalShortcut::defaultShortcut());
+            rig.shortcut.awaiting = false;
+            rig.shortcut.accepts = true;
+            if (desktopAnswer == QLatin1String("refuses"))
+                rig.shortcut.refused = candidate;
+            Q_EMIT rig.shortcut.installationChanged();
+        }
+        const bool updated = kind == int(ShortcutUpdateResult::Kind::updated) || desktopAnswer == QLatin1String("binds");
         QCOMPARE(rig.preferences.keyboardShortcut(), updated ? candidate : GlobalShortcut::defaultShortcut());
-        if (!grabWorks)
+        if (!updated)
             QCOMPARE(rig.shortcut.installed.last(), GlobalShortcut::defaultShortcut());
     }
 

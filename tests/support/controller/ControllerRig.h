@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace dictora::test {
 
@@ -77,13 +78,19 @@ public:
 class FakeShortcut : public ShortcutBackend {
 public:
     bool accepts = true;
+    bool awaiting = false;                  // a desktop that answers later
+    std::optional<GlobalShortcut> refused;  // what that desktop turned down
     QList<GlobalShortcut> installed;
     bool install(const GlobalShortcut &shortcut) override
     {
         installed << shortcut;
-        return accepts;
+        return verifyInstalled(shortcut);
     }
-    bool verifyInstalled(const GlobalShortcut &) const override { return accepts; }
+    bool verifyInstalled(const GlobalShortcut &shortcut) const override
+    {
+        return accepts && !(refused && *refused == shortcut);
+    }
+    bool isAwaitingDesktop() const override { return awaiting; }
     void uninstall() override {}
     QString failureReason() const override
     {
