@@ -1,6 +1,7 @@
 // The capture service against a real PulseAudio server (run under with-pulse).
 #include "PulseTestTools.h"
 #include "audio/AudioCaptureService.h"
+#include "audio/AudioCaptureThread.h"
 #include "audio/WavFile.h"
 #include "core/RuntimeLog.h"
 #include "support/TestSupport.h"
@@ -288,6 +289,14 @@ private Q_SLOTS:
 
         AudioCaptureService service(m_log.get());
         QSignalSpy notices(&service, &AudioCaptureService::notice);
+        // What an open settings sheet lists follows the inputs as they go and come.
+        AudioCaptureThread sheet;
+        QStringList listed;
+        sheet.watchSources([&listed](const QList<PulseCaptureEngine::Source> &now) {
+            listed.clear();
+            for (const PulseCaptureEngine::Source &source : now)
+                listed << source.name;
+        });
         const QList<PulseCaptureEngine::Source> sources = service.sources();
         QVERIFY(std::any_of(sources.begin(), sources.end(), [](const auto &s) { return s.name == QLatin1String("desk"); }));
         QVERIFY(std::none_of(sources.begin(), sources.end(), [](const auto &s) { return s.name.endsWith(QLatin1String(".monitor")); }));
@@ -301,6 +310,7 @@ private Q_SLOTS:
         pulse::removeMicrophone(desk);
         desk = {};
         QTRY_COMPARE_WITH_TIMEOUT(notices.size(), 1, 20000);
+        QTRY_VERIFY(listed.contains(QStringLiteral("vmic")) && !listed.contains(QStringLiteral("desk")));
         QCOMPARE(notices.at(0).at(0).toString(), QStringLiteral("The chosen microphone went away; recording goes on from vmic."));
         const qsizetype before = service.finalCapture().sampleCount();
         QVERIFY(waitForSamples(service, before + 3200)); // the default goes on recording
@@ -316,6 +326,7 @@ private Q_SLOTS:
         QCOMPARE(notices.size(), 1);
         desk = pulse::createMicrophone(QStringLiteral("desk"), 48000, 1);
         QVERIFY(desk.ok());
+        QTRY_VERIFY(listed.contains(QStringLiteral("desk")));
         pulse::pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic")});
         service.start({});
         service.stop();
