@@ -211,6 +211,20 @@ private Q_SLOTS:
         QCOMPARE(engine.transcribe(QList<float>(16000, 0.0f), 16000).result().text, QString());
         qInfo("1 s of silence recognised on %s in %lld ms", qPrintable(engine.deviceName()), timer.elapsed());
         QVERIFY(engine.usesGpu());
+
+        // Switched in Settings, without a restart: the model loads again on
+        // the CPU, then back on the GPU, in the same process.
+        const QString gpu = engine.deviceName();
+        engine.setDevicePreference(SpeechDevicePreference::cpu, -1);
+        engine.load(test::sharedTestData() + QStringLiteral("/models/") + model).waitForFinished();
+        QCOMPARE(engine.deviceName(), QStringLiteral("cpu"));
+        QCOMPARE(engine.transcribe(QList<float>(16000, 0.0f), 16000).result().text, QString());
+        engine.setDevicePreference(preference, -1);
+        timer.restart();
+        engine.load(test::sharedTestData() + QStringLiteral("/models/") + model).waitForFinished();
+        qInfo("switched back to %s in %lld ms", qPrintable(engine.deviceName()), timer.elapsed());
+        QCOMPARE(engine.deviceName(), gpu);
+        QCOMPARE(engine.transcribe(QList<float>(16000, 0.0f), 16000).result().text, QString());
     }
 
     // A device whose buffers cannot hold the model (CTest caps lavapipe's with
