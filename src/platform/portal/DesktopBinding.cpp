@@ -58,6 +58,32 @@ GsettingsResult gsettings(const QStringList &arguments)
     return {ok, QString::fromUtf8(ok ? process.readAllStandardOutput() : process.readAllStandardError()).trimmed()};
 }
 
+} // namespace
+
+QHash<QString, QStringList> gnomePortalShortcuts(const QString &appId)
+{
+    // "[('dictate-0x31', {'shortcuts': <['0x31']>, 'description': <'…'>})]"
+    const GsettingsResult read = gsettings({QStringLiteral("get"),
+        QStringLiteral("org.gnome.settings-daemon.global-shortcuts.application:/org/gnome/settings-daemon/global-shortcuts/%1/")
+            .arg(appId),
+        QStringLiteral("shortcuts")});
+    QHash<QString, QStringList> shortcuts;
+    if (!read.ok)
+        return shortcuts;
+    static const QRegularExpression entry(QStringLiteral(R"(\('([^']+)',\s*\{'shortcuts':\s*<\[([^\]]*)\]>)"));
+    static const QRegularExpression quoted(QStringLiteral("'([^']*)'"));
+    for (auto match = entry.globalMatch(read.output); match.hasNext();) {
+        const QRegularExpressionMatch one = match.next();
+        QStringList triggers;
+        for (auto trigger = quoted.globalMatch(one.captured(2)); trigger.hasNext();)
+            triggers << trigger.next().captured(1);
+        shortcuts.insert(one.captured(1), triggers);
+    }
+    return shortcuts;
+}
+
+namespace {
+
 QString entrySchema()
 {
     return QLatin1String(GnomeKeybinding::kEntrySchema) + QLatin1Char(':') + QLatin1String(GnomeKeybinding::kEntryPath);

@@ -2,6 +2,7 @@
 
 #include "platform/ShortcutBackend.h"
 
+#include <QHash>
 #include <QString>
 #include <QStringList>
 
@@ -26,6 +27,11 @@ QString hyprlandGlobalLine(const GlobalShortcut &shortcut);
 
 // GNOME's own accelerator syntax: "<Control><Alt>k", "grave".
 QString gnomeAccelerator(const GlobalShortcut &shortcut);
+
+// The triggers GNOME's settings daemon keeps for an application's portal
+// shortcuts, by shortcut id: what its portal grabs once a session binds
+// them. Empty where gsettings or the store has none. Blocking; any thread.
+QHash<QString, QStringList> gnomePortalShortcuts(const QString &appId);
 
 // A GNOME custom keybinding (media-keys settings) that runs "dictora toggle".
 // Uses the gsettings tool: the settings daemon reads the same dconf store,

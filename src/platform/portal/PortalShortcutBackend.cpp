@@ -14,6 +14,7 @@
 #include <QPointer>
 #include <QSet>
 #include <QThread>
+#include <QtConcurrent/QtConcurrentRun>
 
 #include <memory>
 
@@ -206,6 +207,24 @@ QString PortalShortcutBackend::attentionAction() const
     return userMustAct ? QString::fromLatin1(PermissionAction::portalShortcut) : QString();
 }
 
+namespace {
+
+// The keys a desktop names for our entries, keycodes named as the key itself.
+ShortcutBackend::BindingReport boundKeys(const QStringList &described, const GlobalShortcut &shortcut)
+{
+    QStringList keys;
+    for (QString key : described) {
+        key = key.trimmed().replace(QRegularExpression(QStringLiteral("\\b0x[0-9a-fA-F]+\\b")), shortcut.keyLabel);
+        if (!key.isEmpty() && !keys.contains(key))
+            keys << key;
+    }
+    if (keys.isEmpty())
+        return {true, false, {}, QStringLiteral("The desktop lists no key for Dictora yet.")};
+    return {true, true, keys.join(QStringLiteral(" or ")), {}};
+}
+
+} // namespace
+
 void PortalShortcutBackend::reportBinding(const GlobalShortcut &shortcut, std::function<void(BindingReport)> done)
 {
     if (m_version == 0) {
@@ -230,23 +249,31 @@ void PortalShortcutBackend::reportBinding(const GlobalShortcut &shortcut, std::f
                 [self, finish, shortcut, session](ResponseCode code, const QVariantMap &results) {
                     self->m_connection.asyncCall(QDBusMessage::createMethodCall(QLatin1String(kService), session,
                         QLatin1String(kSessionInterface), QStringLiteral("Close")));
-                    BindingReport report{true, false, {}, {}};
                     if (code != ResponseCode::success) {
-                        report.problem = QStringLiteral("The desktop did not list its shortcuts%1.").arg(errorSuffix(results));
-                    } else {
-                        QStringList keys;
-                        for (const ShortcutEntry &entry : readShortcutList(results.value(QStringLiteral("shortcuts")))) {
-                            QString key = entry.properties.value(QStringLiteral("trigger_description")).toString().trimmed();
-                            key.replace(QRegularExpression(QStringLiteral("\\b0x[0-9a-fA-F]+\\b")), shortcut.keyLabel);
-                            if (isOurId(entry.id) && !key.isEmpty() && !keys.contains(key))
-                                keys << key;
-                        }
-                        report.bound = !keys.isEmpty();
-                        report.description = keys.join(QStringLiteral(" or "));
-                        if (!report.bound)
-                            report.problem = QStringLiteral("The desktop lists no key for Dictora yet.");
+                        (*finish)({true, false, {},
+                            QStringLiteral("The desktop did not list its shortcuts%1.").arg(errorSuffix(results))});
+                        return;
                     }
-                    (*finish)(report);
+                    QStringList keys;
+                    for (const ShortcutEntry &entry : readShortcutList(results.value(QStringLiteral("shortcuts")))) {
+                        if (isOurId(entry.id))
+                            keys << entry.properties.value(QStringLiteral("trigger_description")).toString();
+                    }
+                    if (!keys.isEmpty() || currentDesktop() != Desktop::gnome) {
+                        (*finish)(boundKeys(keys, shortcut));
+                        return;
+                    }
+                    // GNOME lists a session's keys only once a bind in it has
+                    // grabbed them; its settings daemon keeps what a bind would grab.
+                    QtConcurrent::run([] { return gnomePortalShortcuts(QLatin1String(kAppId)); })
+                        .then(self, [finish, shortcut](const QHash<QString, QStringList> &stored) {
+                            QStringList keys;
+                            for (auto entry = stored.cbegin(); entry != stored.cend(); ++entry) {
+                                if (isOurId(entry.key()))
+                                    keys << entry.value();
+                            }
+                            (*finish)(boundKeys(keys, shortcut));
+                        });
                 });
         });
 }
@@ -299,11 +326,15 @@ void PortalShortcutBackend::begin(bool forceBind)
 }
 
 // One entry per trigger, named after it, so a layout added later is a new
-// entry the desktop binds beside the ones it keeps; the US name is the plain id.
+// entry the desktop binds beside the ones it keeps. The default key's US name
+// is the plain id; a shortcut chosen in Dictora is a new entry too, since
+// Plasma keeps an entry's old key and takes a preferred trigger only for one it has not seen.
 QString PortalShortcutBackend::idFor(const QString &trigger) const
 {
     const std::optional<QString> usName = preferredTrigger(*m_wanted);
-    if (!usName || trigger == *usName || trigger.isEmpty())
+    const GlobalShortcut usual = GlobalShortcut::defaultShortcut();
+    const bool defaultKey = m_wanted->keyCode == usual.keyCode && m_wanted->modifiers == usual.modifiers;
+    if (!usName || trigger.isEmpty() || (trigger == *usName && defaultKey))
         return QString::fromLatin1(kShortcutId);
     QString id = QLatin1String(kShortcutId) + QLatin1Char('-');
     for (const QChar c : trigger)
