@@ -4,11 +4,12 @@
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QMimeData>
+#include <QtConcurrent/QtConcurrentRun>
 
 namespace dictora {
 
-QtClipboard::QtClipboard(std::unique_ptr<ClipboardReadWatcher> reads, QObject *parent)
-    : Clipboard(parent), m_reads(std::move(reads))
+QtClipboard::QtClipboard(std::unique_ptr<ClipboardReadWatcher> reads, ContentsReader readElsewhere, QObject *parent)
+    : Clipboard(parent), m_reads(std::move(reads)), m_readElsewhere(std::move(readElsewhere))
 {
     if (m_reads) {
         connect(m_reads.get(), &ClipboardReadWatcher::textRead, this, &ClipboardReadWatcher::textRead);
@@ -45,6 +46,13 @@ void QtClipboard::readContents(ContentsRead done)
         done(contents);
         return;
     }
+    if (m_readElsewhere && QGuiApplication::platformName() == QLatin1String("xcb")) {
+        QtConcurrent::run(m_readElsewhere).then(this, [done = std::move(done)](const ClipboardContents &read) {
+            done(read);
+        });
+        return;
+    }
+    // Another owner's formats come over the display connection, one blocking request each.
     if (const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard)) {
         for (const QString &format : data->formats()) {
             if (ClipboardContents::keeps(format))

@@ -55,12 +55,15 @@ public:
 class QtClipboard final : public Clipboard {
     Q_OBJECT
 public:
-    explicit QtClipboard(std::unique_ptr<ClipboardReadWatcher> reads, QObject *parent = nullptr);
+    // `readElsewhere`, where given, reads another owner's formats off the GUI
+    // thread (blocking, over a connection of its own) while Qt's windows run on X11.
+    using ContentsReader = std::function<ClipboardContents()>;
+    explicit QtClipboard(std::unique_ptr<ClipboardReadWatcher> reads, ContentsReader readElsewhere = {},
+        QObject *parent = nullptr);
     ~QtClipboard() override;
 
     bool isWatching() const override { return m_reads && m_reads->isWatching(); }
     bool setText(const QString &text, bool alsoPrimary) override;
-    // Another owner's formats come over the display connection, one blocking request each.
     void readContents(ContentsRead done) override;
     bool restore(const ClipboardContents &contents) override;
     bool handsOver() const override;
@@ -70,6 +73,7 @@ public:
 
 private:
     std::unique_ptr<ClipboardReadWatcher> m_reads;
+    ContentsReader m_readElsewhere;
 };
 
 } // namespace dictora

@@ -159,7 +159,9 @@ private Q_SLOTS:
 
         const QList<QPair<QString, QByteArray>> copied{{QStringLiteral("text/plain"), "copied before"},
             {QStringLiteral("text/html"), "<b>copied</b> before"},
-            {QStringLiteral("application/x-dictora-test"), QByteArray("\x00\x01\xff binary", 10)}};
+            {QStringLiteral("application/x-dictora-test"), QByteArray("\x00\x01\xff binary", 10)},
+            // More than one X request holds: it comes and goes in pieces (INCR).
+            {QStringLiteral("image/x-dictora-big"), QByteArray(3 * 1024 * 1024, 'x')}};
         auto *data = new QMimeData;
         for (const auto &[format, bytes] : copied)
             data->setData(format, bytes);

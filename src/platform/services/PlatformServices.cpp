@@ -7,6 +7,7 @@
 #include "platform/portal/PortalDesktopIntegration.h"
 #include "platform/portal/PortalPlatform.h"
 #include "platform/portal/UinputKeystrokeSender.h"
+#include "platform/x11/X11ClipboardContents.h"
 #include "platform/x11/X11Platform.h"
 #ifdef DICTORA_HAVE_WAYLAND
 #include "platform/wayland/WaylandPlatform.h"
@@ -283,7 +284,8 @@ std::unique_ptr<Clipboard> createClipboard(QObject *parent)
             [parent](QString *why) { return WaylandPlatform::createClipboard(parent, why); }},
 #endif
         {"qt-clipboard", always, [parent](QString *) {
-            return std::make_unique<QtClipboard>(X11Platform::createClipboardReadWatcher(nullptr), parent);
+            return std::make_unique<QtClipboard>(X11Platform::createClipboardReadWatcher(nullptr),
+                [] { return x11::readClipboardContents(std::chrono::milliseconds(800)); }, parent);
         }},
     });
 }
