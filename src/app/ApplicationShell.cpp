@@ -296,6 +296,7 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
         const DesktopIntegration::BindingHint hint =
             desktop->bindingHint(preferences.keyboardShortcut(), preferences.holdToTalk());
         sheet->setDesktopBinding(hint.text, hint.actionLabel, hint.action);
+        QObject::connect(&controller, &DictoraController::shortcutUpdateRefused, sheet, &ShortcutSettingsView::updateRefused);
         sheet->setAttribute(Qt::WA_DeleteOnClose);
         sheet->open();
     });

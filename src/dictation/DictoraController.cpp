@@ -114,6 +114,7 @@ DictoraController::DictoraController(DictoraState &state, ProductPreferences &pr
           {m_c.shortcutRetryMs, m_c.permissionPollMs})
     , m_gesture(state, [&preferences] { return preferences.holdToTalk(); })
 {
+    connect(&m_readiness, &ReadinessMonitor::shortcutUpdateRefused, this, &DictoraController::shortcutUpdateRefused);
     connect(&m_readiness, &ReadinessMonitor::shortcutInstalled, this,
         [this] { transition(DictationEvent::shortcutInstalled); });
     connect(&m_readiness, &ReadinessMonitor::shortcutMissing, this, [this] {

@@ -90,6 +90,8 @@ public:
 Q_SIGNALS:
     // A dictation ended, with or without a record (tests and the windows listen).
     void dictationFinished();
+    // The desktop refused a changed shortcut it had been asked to bind; the old one stays.
+    void shortcutUpdateRefused(const QString &reason);
 
 private:
     // What a dictation holds from the press to its record; each phase that

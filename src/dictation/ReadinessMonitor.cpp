@@ -79,6 +79,7 @@ void ReadinessMonitor::installCurrentShortcutSilently()
                                            + m_shortcut.failureReason();
         m_pendingShortcutUpdate.reset();
         m_rollbackOnRefusal = false;
+        Q_EMIT shortcutUpdateRefused(m_shortcut.failureReason());
         installCurrentShortcutSilently();
         return;
     }

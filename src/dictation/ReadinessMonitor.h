@@ -65,6 +65,8 @@ Q_SIGNALS:
     void shortcutInstalled();
     // It could not be installed (the phase becomes needsAccessibility).
     void shortcutMissing();
+    // A shortcut change the desktop was asked to bind was refused; the old one stays.
+    void shortcutUpdateRefused(const QString &reason);
 
 private:
     void permissionsAnswered();

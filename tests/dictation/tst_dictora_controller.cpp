@@ -391,6 +391,7 @@ private Q_SLOTS:
         const ShortcutUpdateResult result = rig.controller->updateKeyboardShortcut(candidate);
         QCOMPARE(int(result.kind), kind);
         QCOMPARE(result.message, message);
+        QSignalSpy refused(rig.controller.get(), &DictoraController::shortcutUpdateRefused);
         if (rig.shortcut.awaiting) {
             QCOMPARE(rig.preferences.keyboardShortcut(), GlobalShortcut::defaultShortcut());
             rig.shortcut.awaiting = false;
@@ -399,6 +400,7 @@ private Q_SLOTS:
                 rig.shortcut.refused = candidate;
             Q_EMIT rig.shortcut.installationChanged();
         }
+        QCOMPARE(refused.size(), desktopAnswer == QLatin1String("refuses") ? 1 : 0);
         const bool updated = kind == int(ShortcutUpdateResult::Kind::updated) || desktopAnswer == QLatin1String("binds");
         QCOMPARE(rig.preferences.keyboardShortcut(), updated ? candidate : GlobalShortcut::defaultShortcut());
         if (!updated)

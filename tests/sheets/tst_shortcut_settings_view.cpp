@@ -219,6 +219,23 @@ private Q_SLOTS:
         QCOMPARE(view.feedback(), ShortcutSettingsView::Feedback::none);
     }
 
+    // A desktop that asks first: the sheet waits, and says so when the desktop refuses.
+    void desktopRefusalEndsTheWait()
+    {
+        auto settings = freshSettings();
+        ProductPreferences preferences(*settings);
+        ShortcutSettingsView view(
+            preferences, [](const GlobalShortcut &) { return ShortcutUpdateResult::waitingForDesktop(); }, {});
+        view.show();
+        pressCtrlAltK(view);
+        view.applyCandidate();
+        QCOMPARE(view.feedback(), ShortcutSettingsView::Feedback::waitingForPermission);
+        view.updateRefused(QStringLiteral("The shortcut was declined in the desktop's dialog."));
+        QCOMPARE(view.feedback(), ShortcutSettingsView::Feedback::failure);
+        QVERIFY(view.isVisible());
+        QCOMPARE(preferences.keyboardShortcut(), GlobalShortcut::defaultShortcut());
+    }
+
     void cancelChangesNothingAndUpdateShowsNextTime()
     {
         auto settings = freshSettings();

@@ -210,6 +210,14 @@ void ShortcutSettingsView::continueAccessibility()
         m_onContinueAccessibility();
 }
 
+void ShortcutSettingsView::updateRefused(const QString &reason)
+{
+    if (m_feedback != Feedback::waitingForPermission)
+        return;
+    setFeedback(Feedback::failure, QStringLiteral("The desktop did not take that shortcut; your previous one still works.%1")
+                                       .arg(reason.isEmpty() ? QString() : QLatin1Char(' ') + reason));
+}
+
 void ShortcutSettingsView::setFeedback(Feedback feedback, const QString &failure)
 {
     m_feedback = feedback;

@@ -39,6 +39,8 @@ public:
     void applyCandidate();
     // The "Continue" button of the permission notice.
     void continueAccessibility();
+    // The desktop turned the waiting candidate down: say so, the old key stays.
+    void updateRefused(const QString &reason);
 
     // Where the desktop owns the key: what it reports as bound, or the line
     // the user adds to the compositor's configuration; an optional button
