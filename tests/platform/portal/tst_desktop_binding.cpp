@@ -46,10 +46,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("name");
         QTest::addColumn<int>("desktop");
-        QTest::newRow("gnome") << "GNOME" << int(Desktop::gnome);
+        // Plain GNOME, KDE and sway: the real sessions of tst_real_portal, tst_desktop_window_tracker, tst_e2e_wayland.
         QTest::newRow("ubuntu's gnome") << "ubuntu:GNOME" << int(Desktop::gnome);
-        QTest::newRow("kde") << "KDE" << int(Desktop::kde);
-        QTest::newRow("sway") << "sway" << int(Desktop::sway);
         QTest::newRow("hyprland") << "Hyprland" << int(Desktop::hyprland);
         QTest::newRow("river") << "river" << int(Desktop::river);
         QTest::newRow("unknown first, known second") << "Foo:sway" << int(Desktop::sway);
