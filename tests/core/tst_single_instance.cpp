@@ -70,15 +70,6 @@ private Q_SLOTS:
         QCOMPARE(app.exitCode(), 1);
         QVERIFY2(app.readAllStandardError().contains("broken.json"), "the message names the file");
     }
-
-    void toggleWithoutInstanceFails()
-    {
-        QProcess toggle;
-        toggle.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("toggle")});
-        QVERIFY(toggle.waitForFinished(20000));
-        QCOMPARE(toggle.exitCode(), 1);
-        QVERIFY(toggle.readAllStandardError().contains("not running"));
-    }
 };
 
 QTEST_GUILESS_MAIN(SingleInstanceTest)

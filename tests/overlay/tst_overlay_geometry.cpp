@@ -99,7 +99,6 @@ private Q_SLOTS:
         const AudioMeterLevels mixed = AudioMeterLevels{0.5f, 0.25f, 0.04f, 0.75f};
         const QList<double> idle{5, 5, 5, 5};
         QTest::newRow("idle") << DictoraPhase::idle() << full << idle;
-        QTest::newRow("preparing") << DictoraPhase::preparing() << full << idle;
         QTest::newRow("finalizing") << DictoraPhase::finalizing() << mixed << idle;
         QTest::newRow("recording silent floors at 0.08")
             << DictoraPhase::recording() << zero << QList<double>{5.64, 6.28, 5.96, 6.52};

@@ -57,11 +57,6 @@ QList<QRect> embeddedIcons(Display *dpy)
     return icons;
 }
 
-int countEmbeddedIcons(Display *dpy)
-{
-    return int(embeddedIcons(dpy).size());
-}
-
 void click(const QPoint &at)
 {
     QCOMPARE(QProcess::execute(QStringLiteral("xdotool"),
@@ -97,7 +92,7 @@ private Q_SLOTS:
         DictoraStatusItemController item(countingActions());
         QVERIFY(!item.install());
         QVERIFY(!item.install() && !item.isInstalled() && !item.statusItem());
-        QCOMPARE(countEmbeddedIcons(m_display.get()), 0);
+        QVERIFY(embeddedIcons(m_display.get()).isEmpty());
     }
 
     void startTray()
@@ -111,18 +106,29 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(QSystemTrayIcon::isSystemTrayAvailable(), 10000);
     }
 
-    void installTwiceShowsOneIcon()
+    // Installed twice, one icon; a click on it opens the menu, one on its first entry opens the app.
+    void clickOpensMenuThenOpenApp()
     {
         DictoraStatusItemController item(countingActions());
         QVERIFY(item.install());
-        QTRY_COMPARE_WITH_TIMEOUT(countEmbeddedIcons(m_display.get()), 1, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(embeddedIcons(m_display.get()).size(), 1, 10000);
         QSystemTrayIcon *first = item.statusItem();
         QVERIFY(item.install());
         QCOMPARE(item.statusItem(), first);
         QTest::qWait(200);
-        QCOMPARE(countEmbeddedIcons(m_display.get()), 1);
-        QCOMPARE(first->toolTip(), QStringLiteral("Dictora microphone"));
-        QCOMPARE(first->contextMenu(), item.menu());
+        QCOMPARE(embeddedIcons(m_display.get()).size(), 1);
+        // Qt does not learn where the tray put an embedded icon; ask the server.
+        QRect icon;
+        QTRY_VERIFY_WITH_TIMEOUT((icon = embeddedIcons(m_display.get()).value(0)).top() >= 0 && icon.left() > 0, 10000);
+        click(icon.center());
+        QTRY_VERIFY_WITH_TIMEOUT(item.menu()->isVisible(), 10000);
+        QCOMPARE(m_opened, 0);
+
+        QAction *open = item.menu()->actions().at(0);
+        click(item.menu()->mapToGlobal(item.menu()->actionGeometry(open).center()));
+        QTRY_COMPARE_WITH_TIMEOUT(m_opened, 1, 10000);
+        QCOMPARE(m_quit, 0);
+        QTRY_VERIFY(!item.menu()->isVisible());
     }
 
     void iconFollowsPanelColour()
@@ -139,25 +145,6 @@ private Q_SLOTS:
         QApplication::setPalette(light);
         QTRY_VERIFY(!item.usesDarkPanelIcon());
         QApplication::setPalette(original);
-    }
-
-    void clickOpensMenuThenOpenApp()
-    {
-        DictoraStatusItemController item(countingActions());
-        QVERIFY(item.install());
-        QTRY_COMPARE_WITH_TIMEOUT(countEmbeddedIcons(m_display.get()), 1, 10000);
-        // Qt does not learn where the tray put an embedded icon; ask the server.
-        QRect icon;
-        QTRY_VERIFY_WITH_TIMEOUT((icon = embeddedIcons(m_display.get()).value(0)).top() >= 0 && icon.left() > 0, 10000);
-        click(icon.center());
-        QTRY_VERIFY_WITH_TIMEOUT(item.menu()->isVisible(), 10000);
-        QCOMPARE(m_opened, 0);
-
-        QAction *open = item.menu()->actions().at(0);
-        click(item.menu()->mapToGlobal(item.menu()->actionGeometry(open).center()));
-        QTRY_COMPARE_WITH_TIMEOUT(m_opened, 1, 10000);
-        QCOMPARE(m_quit, 0);
-        QTRY_VERIFY(!item.menu()->isVisible());
     }
 
     void cleanupTestCase()

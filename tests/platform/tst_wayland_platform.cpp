@@ -119,7 +119,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("name");
         QTest::newRow("editor, named by its desktop entry") << "dictora-test-editor" << "Scratch Editor";
         QTest::newRow("terminal, named by its app id") << "dictora-test-term" << "dictora-test-term";
-        QTest::newRow("back to the editor") << "dictora-test-editor" << "Scratch Editor";
     }
 
     void trackerFollowsTheFocus()

@@ -57,21 +57,17 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("text");
-        QTest::addColumn<bool>("moveFocusAway");
         QTest::addColumn<QString>("keystroke");
-
-        QTest::newRow("xterm") << "xterm" << "hello from dictora" << false << "shift+insert";
-        QTest::newRow("editor, non-ASCII") << "l3afpad" << QString::fromUtf8("Grüße, naïve café — ✓ 東京") << false
-                                           << "ctrl+v";
-        QTest::newRow("editor, several lines") << "l3afpad" << "first line\nsecond line" << false << "ctrl+v";
-        QTest::newRow("editor, focus moved away") << "l3afpad" << "focus came back" << true << "ctrl+v";
+        // Focus moved away before the paste: tst_e2e_paste.
+        QTest::newRow("xterm") << "xterm" << "hello from dictora" << "shift+insert";
+        QTest::newRow("editor, non-ASCII, several lines")
+            << "l3afpad" << QString::fromUtf8("Grüße, naïve café — ✓ 東京\nsecond line") << "ctrl+v";
     }
 
     void landsInARealApplication()
     {
         QFETCH(QString, kind);
         QFETCH(QString, text);
-        QFETCH(bool, moveFocusAway);
         QFETCH(QString, keystroke);
         if (QStandardPaths::findExecutable(kind).isEmpty())
             DICTORA_RIG_MISSING(kind + QStringLiteral(" is not installed"));
@@ -95,17 +91,6 @@ private Q_SLOTS:
         QVERIFY(!target.window.isNull());
 
         QGuiApplication::clipboard()->setText(QStringLiteral("what the user had copied before"));
-
-        QWidget elsewhere;
-        if (moveFocusAway) {
-            elsewhere.setWindowTitle(QStringLiteral("somewhere else"));
-            elsewhere.resize(300, 200);
-            elsewhere.show();
-            QVERIFY(QTest::qWaitForWindowExposed(&elsewhere));
-            x11::X11WindowTracker tracker;
-            QVERIFY(test::activateAndWait(tracker, WindowHandle{static_cast<quint64>(elsewhere.winId())}, 10000));
-            QVERIFY(!tracker.isActive(target.window));
-        }
 
         std::optional<qint64> milliseconds;
         service.paste(text, target, [&](qint64 ms) { milliseconds = ms; });
@@ -134,7 +119,7 @@ private Q_SLOTS:
                 ++at;
             QVERIFY2(at < lines.size(), qPrintable(expected + QStringLiteral(" missing or out of order:\n") + lines.join(u'\n')));
         }
-        QCOMPARE(lines.contains(QStringLiteral("paste target reactivated ok=true")), moveFocusAway);
+        QVERIFY(lines.filter(QStringLiteral("reactivated")).isEmpty()); // still focused: nothing to bring back
     }
 
     void goneTargetNeverFails()

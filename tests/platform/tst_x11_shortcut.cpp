@@ -125,7 +125,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("repeats");
         QTest::newRow("released before repeating") << 0;
-        QTest::newRow("one repeat") << 1;
         QTest::newRow("several repeats") << 6;
     }
 

@@ -57,22 +57,6 @@ bool FakePortal::start(const QStringList &portalOptions)
         }
     }
     m_address = QString::fromUtf8(m_bus.readLine()).trimmed();
-    m_options = portalOptions;
-    return startPortal();
-}
-
-// A new portal process on the same bus, as after a desktop update or crash:
-// it knows no sessions and no app ids.
-bool FakePortal::restartPortal()
-{
-    m_portal.kill();
-    m_portal.waitForFinished(3000);
-    return startPortal();
-}
-
-bool FakePortal::startPortal()
-{
-    const QStringList portalOptions = m_options;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
     m_portal.setProcessEnvironment(env);

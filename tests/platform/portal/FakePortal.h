@@ -21,12 +21,18 @@ public:
 
     // Starts the bus and the portal with fake_portal.py's options.
     bool start(const QStringList &portalOptions = {});
-    bool restartPortal();
     QString errorText() const { return m_error; }
     QString busAddress() const { return m_address; }
 
     // A new client connection to the private bus, as the program would have.
     QDBusConnection connect(const QString &name);
+    // The same under a name no other connection of this process had (the
+    // program keeps per-connection state by name).
+    QDBusConnection client()
+    {
+        static int count = 0;
+        return connect(QStringLiteral("client-%1").arg(++count));
+    }
 
     // Control of the fake: keys, answers to the dialogs, the call log.
     // When the fake sent Activated (CLOCK_MONOTONIC, ns); 0 when the call failed.
@@ -44,12 +50,10 @@ public:
 
 private:
     void control(const QString &method, const QVariantList &arguments = {});
-    bool startPortal();
 
     QProcess m_bus;
     QProcess m_portal;
     QString m_address;
-    QStringList m_options;
     QString m_error;
     QStringList m_connections;
     QVariant m_lastReply;

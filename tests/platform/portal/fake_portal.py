@@ -231,6 +231,10 @@ class Portal(RemoteDesktopPart):
 
         return self.request(sender, options, answer)
 
+    @dbus.service.method(SHORTCUTS, in_signature="osa{sv}")
+    def ConfigureShortcuts(self, session_handle, parent_window, options):
+        self.log("GlobalShortcuts.ConfigureShortcuts", [session_handle])
+
     @dbus.service.signal(SHORTCUTS, signature="osta{sv}")
     def Activated(self, session_handle, shortcut_id, timestamp, options):
         pass

@@ -5,7 +5,6 @@
 #include "support/TestSupport.h"
 
 #include <QJsonObject>
-#include <QSignalSpy>
 #include <QtTest>
 
 using namespace dictora;
@@ -14,65 +13,74 @@ using dictora::test::FakePortal;
 using Stage = RemoteDesktopKeystrokeSender::Stage;
 
 namespace {
-struct MemoryTokens {
+bool waitFor(const std::function<bool()> &done) { return QTest::qWaitFor(done, 10000); }
+
+// The fake portal, a sender on its bus, and the token store it keeps.
+struct Rig {
+    FakePortal portal;
     QString token;
-    int saves = 0;
-    RemoteDesktopKeystrokeSender::TokenStore store()
+    std::unique_ptr<RemoteDesktopKeystrokeSender> sender;
+
+    bool start(const QStringList &options, const QString &kept = {}, int keyForV = 47)
     {
-        return {[this] { return token; }, [this](const QString &t) { token = t, ++saves; }};
+        if (!portal.start(options))
+            return false;
+        token = kept;
+        sender = std::make_unique<RemoteDesktopKeystrokeSender>(portal.client(),
+            RemoteDesktopKeystrokeSender::TokenStore{[this] { return token; }, [this](const QString &t) { token = t; }},
+            keyForV);
+        return true;
+    }
+    bool reaches(Stage stage) { return waitFor([&] { return sender->stage() == stage; }); }
+    // "29+ 47+ 47- 29-" from the keycode calls the portal received.
+    QString typed()
+    {
+        QStringList keys;
+        for (const QJsonValue &call : portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) {
+            const QJsonArray args = call.toArray();
+            keys << QString::number(args[2].toInt()) + (args[3].toInt() == 1 ? "+" : "-");
+        }
+        return keys.join(' ');
     }
 };
-
-bool waitForStage(RemoteDesktopKeystrokeSender &sender, Stage stage)
-{
-    return QTest::qWaitFor([&] { return sender.stage() == stage; }, 10000);
-}
-
-// "29+ 47+ 47- 29-" from the keycode calls the portal received.
-QString typed(const QJsonArray &calls)
-{
-    QStringList keys;
-    for (const QJsonValue &call : calls) {
-        const QJsonArray args = call.toArray();
-        keys << QString::number(args[2].toInt()) + (args[3].toInt() == 1 ? "+" : "-");
-    }
-    return keys.join(' ');
-}
 } // namespace
 
 class TestPortalKeystroke : public QObject {
     Q_OBJECT
 
-    int m_connection = 0;
-    QDBusConnection clientOf(FakePortal &portal) { return portal.connect(QStringLiteral("client-%1").arg(++m_connection)); }
-
 private Q_SLOTS:
+    // What arrives on the bus is what a compositor would type, each key
+    // awaited in order; a session's first key event is a lone Shift tap
+    // (mutter drops the first one). Version 1 (KDE Plasma 5.27) has no
+    // persistence to ask for.
     void keycodes_data()
     {
         QTest::addColumn<int>("keystroke");
         QTest::addColumn<int>("keyForV");
+        QTest::addColumn<int>("version");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("ctrl+v") << int(PasteKeystroke::controlV) << 47 << "29+ 47+ 47- 29-";
-        QTest::newRow("ctrl+shift+v") << int(PasteKeystroke::controlShiftV) << 47 << "29+ 42+ 47+ 47- 42- 29-";
-        QTest::newRow("shift+insert ignores the layout") << int(PasteKeystroke::shiftInsert) << 52 << "42+ 110+ 110- 42-";
-        QTest::newRow("ctrl+v on dvorak") << int(PasteKeystroke::controlV) << 52 << "29+ 52+ 52- 29-";
+        QTest::newRow("ctrl+v") << int(PasteKeystroke::controlV) << 47 << 2 << "29+ 47+ 47- 29-";
+        QTest::newRow("ctrl+shift+v") << int(PasteKeystroke::controlShiftV) << 47 << 2 << "29+ 42+ 47+ 47- 42- 29-";
+        QTest::newRow("shift+insert ignores the layout") << int(PasteKeystroke::shiftInsert) << 52 << 2 << "42+ 110+ 110- 42-";
+        QTest::newRow("ctrl+v on dvorak") << int(PasteKeystroke::controlV) << 52 << 2 << "29+ 52+ 52- 29-";
+        QTest::newRow("version 1") << int(PasteKeystroke::controlV) << 47 << 1 << "29+ 47+ 47- 29-";
     }
-
-    // Through the portal: what arrives on the bus is what a compositor would type.
     void keycodes()
     {
         QFETCH(int, keystroke);
         QFETCH(int, keyForV);
+        QFETCH(int, version);
         QFETCH(QString, expected);
-        FakePortal portal;
-        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store(), keyForV);
-        sender.start();
-        QVERIFY(waitForStage(sender, Stage::started));
-        QVERIFY(sender.send(PasteKeystroke(keystroke)));
-        // A session's first key event is a lone Shift tap: mutter drops the first one.
-        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "42+ 42- " + expected; }, 5000));
+        Rig rig;
+        QVERIFY2(rig.start({"--remote-version", QString::number(version)}, "stale", keyForV), qPrintable(rig.portal.errorText()));
+        rig.sender->start();
+        QVERIFY(rig.reaches(Stage::started));
+        QVERIFY(rig.sender->send(PasteKeystroke(keystroke)));
+        QVERIFY2(waitFor([&] { return rig.typed() == "42+ 42- " + expected; }), qPrintable(rig.typed()));
+        const QJsonObject select = rig.portal.calls("RemoteDesktop.SelectDevices")[0].toArray()[1].toObject();
+        QCOMPARE(select["types"].toInt(), 1);
+        QCOMPARE(select["persist_mode"].toInt(), version >= 2 ? 2 : 0);
+        QCOMPARE(select["restore_token"].toString(), QString(version >= 2 ? "stale" : ""));
     }
 
     void layoutDecidesTheKeyForV_data()
@@ -89,7 +97,6 @@ private Q_SLOTS:
         QTest::newRow("unknown layout") << "no-such-layout" << "" << 47;
         QTest::newRow("none") << "" << "" << 47;
     }
-
     void layoutDecidesTheKeyForV()
     {
         QFETCH(QString, layout);
@@ -100,54 +107,9 @@ private Q_SLOTS:
         QCOMPARE(portal::evdevCodeForV({layout, variant}), evdev);
     }
 
-    // Consent once: the token of the first run opens the second without a dialog.
-    void restoreTokenIsKeptAndSentBack()
-    {
-        FakePortal portal;
-        QVERIFY2(portal.start(), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        {
-            RemoteDesktopKeystrokeSender first(clientOf(portal), tokens.store());
-            QCOMPARE(first.portalVersion(), 2u);
-            first.start();
-            QVERIFY(waitForStage(first, Stage::started));
-        }
-        QCOMPARE(tokens.token, QStringLiteral("token-1"));
-        const QJsonObject firstSelect = portal.calls("RemoteDesktop.SelectDevices")[0].toArray()[1].toObject();
-        QCOMPARE(firstSelect["types"].toInt(), 1);
-        QCOMPARE(firstSelect["persist_mode"].toInt(), 2);
-        QVERIFY(!firstSelect.contains("restore_token"));
-
-        portal.setAnswers("accept", "cancel"); // a dialog now would be refused
-        RemoteDesktopKeystrokeSender second(clientOf(portal), tokens.store());
-        second.start();
-        QVERIFY(waitForStage(second, Stage::started));
-        const QJsonObject secondSelect = portal.calls("RemoteDesktop.SelectDevices")[1].toArray()[1].toObject();
-        QCOMPARE(secondSelect["restore_token"].toString(), QStringLiteral("token-1"));
-        QCOMPARE(tokens.token, QStringLiteral("token-2")); // tokens are single use
-    }
-
-    void refusedConsent()
-    {
-        FakePortal portal;
-        QVERIFY2(portal.start({"--consent-answer", "cancel"}), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        tokens.token = "revoked-token";
-        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
-        QVERIFY(sender.send(PasteKeystroke::controlV)); // queued while the desktop asks
-        QVERIFY(waitForStage(sender, Stage::refused));
-        QVERIFY(sender.failureReason().contains("not allowed"));
-        QVERIFY(tokens.token.isEmpty());
-        QVERIFY(portal.calls("RemoteDesktop.NotifyKeyboardKeycode").isEmpty());
-
-        // Asked again at the next paste; allowed this time, the queued keystroke goes out.
-        portal.setAnswers("accept", "accept");
-        QVERIFY(sender.send(PasteKeystroke::controlShiftV));
-        QVERIFY(waitForStage(sender, Stage::started));
-        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "42+ 42- 29+ 42+ 47+ 47- 42- 29-"; }, 5000));
-    }
-
-    // What the user answers decides what is kept and what the next paste does.
+    // What the user answers decides what is kept (a kept token is spent
+    // either way) and whether the paste waiting on the dialog goes out; the
+    // next paste always asks again, and goes out whole once allowed.
     void consentAnswers_data()
     {
         QTest::addColumn<QString>("answer");
@@ -160,71 +122,52 @@ private Q_SLOTS:
         QTest::newRow("refused") << "cancel" << int(Stage::refused) << int(Consent::refused) << false;
         QTest::newRow("dialog closed unanswered") << "close" << int(Stage::idle) << int(Consent::unknown) << false;
     }
-
     void consentAnswers()
     {
         QFETCH(QString, answer);
         QFETCH(int, stage);
         QFETCH(int, consent);
         QFETCH(bool, tokenKept);
-        FakePortal portal;
-        QVERIFY2(portal.start({"--consent-answer", answer}), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
+        Rig rig;
+        QVERIFY2(rig.start({"--consent-answer", answer}, "revoked-token"), qPrintable(rig.portal.errorText()));
         QString error = "not answered";
-        sender.sendThen(PasteKeystroke::controlV, [&](const QString &e) { error = e; });
-        QVERIFY(QTest::qWaitFor([&] { return error != "not answered"; }, 10000));
-        QCOMPARE(int(sender.stage()), stage);
-        QCOMPARE(int(sender.consent()), consent);
-        QCOMPARE(!tokens.token.isEmpty(), tokenKept);
-        QCOMPARE(error.isEmpty(), stage == int(Stage::started)); // pasted only when every key arrived
-        // Never a dead end: the next paste asks again.
-        portal.setAnswers("accept", "accept");
-        QVERIFY(sender.send(PasteKeystroke::controlV));
-        QVERIFY(waitForStage(sender, Stage::started));
+        rig.sender->sendThen(PasteKeystroke::controlV, [&](const QString &e) { error = e; });
+        QVERIFY(waitFor([&] { return error != "not answered"; }));
+        QCOMPARE(int(rig.sender->stage()), stage);
+        QCOMPARE(int(rig.sender->consent()), consent);
+        QCOMPARE(rig.token.startsWith("token-"), tokenKept);
+        QVERIFY(rig.token != "revoked-token");
+        const bool started = stage == int(Stage::started);
+        QCOMPARE(error.isEmpty(), started); // pasted only when every key arrived
+        QCOMPARE(rig.typed().isEmpty(), !started);
+
+        rig.portal.setAnswers("accept", "accept");
+        QVERIFY(rig.sender->send(PasteKeystroke::controlShiftV));
+        QVERIFY(rig.reaches(Stage::started));
+        QVERIFY(waitFor([&] { return rig.typed().endsWith("29+ 42+ 47+ 47- 42- 29-"); }));
     }
 
     // A key the desktop refuses ends the keystroke, and nothing stays pressed.
     void refusedKeyReleasesTheHeldOnes()
     {
-        FakePortal portal;
-        QVERIFY2(portal.start({"--fail-keycode", "47"}), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
-        sender.start();
-        QVERIFY(waitForStage(sender, Stage::started));
-        QString error;
-        bool done = false;
-        sender.sendThen(PasteKeystroke::controlShiftV, [&](const QString &e) { error = e, done = true; });
-        QVERIFY(QTest::qWaitFor([&] { return done; }, 5000));
+        Rig rig;
+        QVERIFY2(rig.start({"--fail-keycode", "47"}), qPrintable(rig.portal.errorText()));
+        rig.sender->start();
+        QVERIFY(rig.reaches(Stage::started));
+        QString error = "not answered";
+        rig.sender->sendThen(PasteKeystroke::controlShiftV, [&](const QString &e) { error = e; });
+        QVERIFY(waitFor([&] { return error != "not answered"; }));
         QVERIFY(error.contains("did not take"));
-        QVERIFY(QTest::qWaitFor([&] { return typed(portal.calls("RemoteDesktop.NotifyKeyboardKeycode")) == "42+ 42- 29+ 42+ 42- 29-"; }, 5000));
-    }
-
-    // KDE Plasma 5.27 offers version 1: no persistence to ask for.
-    void versionOneSendsNoPersistence()
-    {
-        FakePortal portal;
-        QVERIFY2(portal.start({"--remote-version", "1"}), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        tokens.token = "stale";
-        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
-        sender.start();
-        QVERIFY(waitForStage(sender, Stage::started));
-        const QJsonObject select = portal.calls("RemoteDesktop.SelectDevices")[0].toArray()[1].toObject();
-        QVERIFY(!select.contains("persist_mode"));
-        QVERIFY(!select.contains("restore_token"));
+        QVERIFY(waitFor([&] { return rig.typed() == "42+ 42- 29+ 42+ 42- 29-"; }));
     }
 
     void desktopWithoutRemoteDesktop()
     {
-        FakePortal portal;
-        QVERIFY2(portal.start({"--remote-version", "0"}), qPrintable(portal.errorText()));
-        MemoryTokens tokens;
-        RemoteDesktopKeystrokeSender sender(clientOf(portal), tokens.store());
-        QCOMPARE(sender.stage(), Stage::failed);
-        QVERIFY(!sender.send(PasteKeystroke::controlV));
-        QVERIFY(sender.failureReason().contains("RemoteDesktop"));
+        Rig rig;
+        QVERIFY2(rig.start({"--remote-version", "0"}), qPrintable(rig.portal.errorText()));
+        QCOMPARE(rig.sender->stage(), Stage::failed);
+        QVERIFY(!rig.sender->send(PasteKeystroke::controlV));
+        QVERIFY(rig.sender->failureReason().contains("RemoteDesktop"));
     }
 };
 
