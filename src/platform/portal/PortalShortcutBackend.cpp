@@ -10,8 +10,8 @@
 #include <QDBusMetaType>
 #include <QDBusPendingCall>
 #include <QDBusPendingCallWatcher>
-#include <QRegularExpression>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QSet>
 #include <QThread>
 #include <QtConcurrent/QtConcurrentRun>
