@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QRegularExpression>
+#include <QThread>
 
 #include <cmath>
 
@@ -121,13 +122,20 @@ PipeMicrophone createPipeMicrophone(const QString &name, const QString &fifo, in
     return mic;
 }
 
-bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats)
+bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats, int bytesPerSecond)
 {
     // Read-write, so opening never waits for the other end.
     QFile fifo(microphone.fifo);
     if (!fifo.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
         return false;
-    return fifo.write(interleavedFloats) == interleavedFloats.size();
+    const qsizetype step = qsizetype(bytesPerSecond / 100) / 8 * 8; // 10 ms, whole frames
+    for (qsizetype at = 0; at < interleavedFloats.size(); at += step) {
+        const QByteArray piece = interleavedFloats.mid(at, step);
+        if (fifo.write(piece) != piece.size())
+            return false;
+        QThread::msleep(10);
+    }
+    return true;
 }
 
 std::unique_ptr<QProcess> play(const QString &file, const QString &sink)

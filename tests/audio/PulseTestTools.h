@@ -41,8 +41,10 @@ struct PipeMicrophone {
     bool ok() const { return module >= 0; }
 };
 PipeMicrophone createPipeMicrophone(const QString &name, const QString &fifo, int rate, int channels);
-// Interleaved float32 frames into the FIFO (blocks until the server has read them).
-bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats);
+// Interleaved float32 frames into the FIFO at the pace a microphone would
+// deliver them (`bytesPerSecond`): a burst of a whole clip overruns the
+// server's source on a busy machine, which then drops a piece of it.
+bool feedPipe(const PipeMicrophone &microphone, const QByteArray &interleavedFloats, int bytesPerSecond);
 
 // At the end of the scope: the microphone (still there or not) goes and "vmic"
 // is the default again.

@@ -95,7 +95,7 @@ private Q_SLOTS:
         QFile file(tone);
         QVERIFY(file.open(QIODevice::ReadOnly));
         file.seek(file.size() - qint64(0.8 * rate) * channels * 4); // past the header: the frames only
-        QVERIFY(pulse::feedPipe(pipeMic, file.readAll()));
+        QVERIFY(pulse::feedPipe(pipeMic, file.readAll(), rate * channels * 4));
         // The last partial fragment and the resampler tail come with stop().
         QVERIFY(waitForSamples(service, qsizetype(expected.size()) - 2000));
         const CapturedAudioResult result = service.stop();
