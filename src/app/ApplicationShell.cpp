@@ -166,7 +166,9 @@ QString applyMeasuredSetting(ProductPreferences &preferences, DictoraController 
         preferences.setSnippetsEnabled(on);
     else if (key == QLatin1String(ProductPreferences::kShortcutKey) && GlobalShortcut::fromJson(value.toUtf8())) {
         const ShortcutUpdateResult result = controller.updateKeyboardShortcut(*GlobalShortcut::fromJson(value.toUtf8()));
-        if (result.kind == ShortcutUpdateResult::Kind::waitingForDesktop)
+        // Both complete later, once the desktop has answered (or is found to allow it).
+        if (result.kind == ShortcutUpdateResult::Kind::waitingForDesktop
+            || result.kind == ShortcutUpdateResult::Kind::needsAccessibility)
             return QStringLiteral("waiting");
         return result.kind == ShortcutUpdateResult::Kind::updated ? QStringLiteral("ok")
                                                                  : QStringLiteral("error: ") + result.message;
