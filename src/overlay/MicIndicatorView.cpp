@@ -4,8 +4,8 @@
 #include "overlay/MicrophoneGlyph.h"
 #include "overlay/OverlayGeometry.h"
 
+#include <QImage>
 #include <QPainter>
-#include <QPainterPath>
 
 namespace dictora {
 
@@ -56,45 +56,94 @@ void MicIndicatorView::updateAccessibleName()
     setAccessibleName(m_state.phase().label());
 }
 
+// The drawing's own coordinates (layout units) mapped onto the widget.
+static void applyLayoutTransform(QPainter &painter, const QRectF &widget, const QRectF &bounds, double scale)
+{
+    painter.translate(widget.center());
+    painter.scale(scale, scale);
+    painter.translate(-bounds.center());
+}
+
+// What does not change between level updates is drawn once into images at
+// device resolution and then only copied. Qt hands any large antialiased
+// fill to its worker threads and waits for them, and on a busy machine that
+// wait stalled the GUI thread for tens of milliseconds per frame.
+const MicIndicatorView::Layers &MicIndicatorView::layers()
+{
+    const qreal dpr = devicePixelRatioF();
+    if (m_layers.size == size() && m_layers.dpr == dpr && m_layers.showsIcon == m_showsIcon)
+        return m_layers;
+
+    const overlay::IndicatorLayout layout = overlay::indicatorLayout(m_showsIcon);
+    const double scale = overlay::overlayScale(m_size);
+    const auto layer = [&](const auto &draw) {
+        QImage image(size() * dpr, QImage::Format_ARGB32_Premultiplied);
+        image.setDevicePixelRatio(dpr);
+        image.fill(Qt::transparent);
+        QPainter painter(&image);
+        painter.setRenderHint(QPainter::Antialiasing, true);
+        applyLayoutTransform(painter, QRectF(rect()), layout.bounds, scale);
+        draw(painter);
+        return image;
+    };
+
+    m_layers = Layers();
+    m_layers.size = size();
+    m_layers.dpr = dpr;
+    m_layers.showsIcon = m_showsIcon;
+    // Capsule with a hairline outline, inset half a line so it is not clipped.
+    m_layers.capsule = layer([&](QPainter &painter) {
+        const double outline = 1.0 / scale;
+        const QRectF capsule = layout.bounds.adjusted(outline / 2, outline / 2, -outline / 2, -outline / 2);
+        painter.setPen(QPen(kCapsuleOutline, outline));
+        painter.setBrush(kCapsuleFill);
+        painter.drawRoundedRect(capsule, capsule.height() / 2.0, capsule.height() / 2.0);
+    });
+    if (m_showsIcon) {
+        const auto circle = [&](const QColor &fill) {
+            return layer([&](QPainter &painter) {
+                painter.setPen(Qt::NoPen);
+                painter.setBrush(fill);
+                painter.drawEllipse(layout.circle);
+            });
+        };
+        m_layers.idleCircle = circle(kIdleCircle);
+        m_layers.recordingCircle = circle(kRecordingCircle);
+        m_layers.glyph = layer([&](QPainter &painter) {
+            const double glyph = layout.circle.width() * 0.55;
+            overlay::paintMicrophoneGlyph(painter,
+                QRectF(layout.circle.center() - QPointF(glyph / 2, glyph / 2), QSizeF(glyph, glyph)), kGlyphColor);
+        });
+    }
+    return m_layers;
+}
+
 void MicIndicatorView::paintEvent(QPaintEvent *)
 {
     const DictoraPhase phase = m_state.phase();
     const AudioMeterLevels levels = m_state.meterLevels();
-    const overlay::IndicatorLayout layout = overlay::indicatorLayout(m_showsIcon);
-    const double scale = overlay::overlayScale(m_size);
+    const Layers &cached = layers();
+    const QRectF area(rect());
 
     QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing, true);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
     painter.fillRect(rect(), Qt::transparent);
     painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
     painter.setOpacity(m_opacity);
-
-    // Scale the base drawing around the centre of the widget.
-    const QPointF centre = QRectF(rect()).center();
-    painter.translate(centre);
-    painter.scale(scale, scale);
-    painter.translate(-layout.bounds.center());
-
-    // Capsule with a hairline outline, inset half a line so it is not clipped.
-    const double outline = 1.0 / scale;
-    const QRectF capsule = layout.bounds.adjusted(outline / 2, outline / 2, -outline / 2, -outline / 2);
-    painter.setPen(QPen(kCapsuleOutline, outline));
-    painter.setBrush(kCapsuleFill);
-    painter.drawRoundedRect(capsule, capsule.height() / 2.0, capsule.height() / 2.0);
+    painter.drawImage(area, cached.capsule);
 
     if (m_showsIcon) {
         const bool recording = phase.is(DictoraPhase::Kind::recording);
-        QColor fill = recording ? kRecordingCircle : kIdleCircle;
-        fill.setAlphaF(float(overlay::microphoneCircleOpacity(phase, levels)));
-        painter.setPen(Qt::NoPen);
-        painter.setBrush(fill);
-        painter.drawEllipse(layout.circle);
-        const double glyph = layout.circle.width() * 0.55;
-        overlay::paintMicrophoneGlyph(painter,
-            QRectF(layout.circle.center() - QPointF(glyph / 2, glyph / 2), QSizeF(glyph, glyph)), kGlyphColor);
+        painter.setOpacity(m_opacity * overlay::microphoneCircleOpacity(phase, levels));
+        painter.drawImage(area, recording ? cached.recordingCircle : cached.idleCircle);
+        painter.setOpacity(m_opacity);
+        painter.drawImage(area, cached.glyph);
     }
 
+    // The bars are small enough to draw directly.
+    const overlay::IndicatorLayout layout = overlay::indicatorLayout(m_showsIcon);
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    applyLayoutTransform(painter, area, layout.bounds, overlay::overlayScale(m_size));
     painter.setPen(Qt::NoPen);
     painter.setBrush(kBarColor);
     for (int i = 0; i < int(overlay::kMaximumBarHeights.size()); ++i) {

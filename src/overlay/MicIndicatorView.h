@@ -2,6 +2,7 @@
 
 #include "core/ProductPreferences.h"
 
+#include <QImage>
 #include <QWidget>
 
 namespace dictora {
@@ -30,12 +31,24 @@ protected:
     void paintEvent(QPaintEvent *event) override;
 
 private:
+    // The parts that stay still while the levels move, drawn once per size.
+    struct Layers {
+        QSize size;
+        qreal dpr = 0;
+        bool showsIcon = false;
+        QImage capsule;
+        QImage idleCircle;
+        QImage recordingCircle;
+        QImage glyph;
+    };
+    const Layers &layers();
     void updateAccessibleName();
 
     DictoraState &m_state;
     OverlaySize m_size = OverlaySize::medium;
     bool m_showsIcon = true;
     double m_opacity = 0.9;
+    Layers m_layers;
 };
 
 } // namespace dictora
