@@ -158,29 +158,40 @@ std::unique_ptr<T> choose(const char *service, const std::vector<Backend<T>> &ta
 } // namespace
 
 namespace {
-std::optional<QByteArray> inheritedQtPlatform;
-}
+// What chooseQtPlatform() changed, and the value each had before (nullopt: unset).
+std::vector<std::pair<const char *, std::optional<QByteArray>>> inheritedEnvironment;
 
-// A session-wide QT_QPA_PLATFORM=wayland (Plasma sets one) would put the
-// indicator where Wayland lets no client place a window.
+void setForQt(const char *name, const QByteArray &value)
+{
+    inheritedEnvironment.emplace_back(name, qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt);
+    qputenv(name, value);
+}
+} // namespace
+
 void chooseQtPlatform()
 {
+    // A session-wide QT_QPA_PLATFORM=wayland (Plasma sets one) would put the
+    // indicator where Wayland lets no client place a window.
     const DesktopSession session = DesktopSession::fromEnvironment();
-    if (!session.wayland || !session.x11 || qgetenv("QT_QPA_PLATFORM") == "xcb")
-        return;
-    inheritedQtPlatform = qgetenv("QT_QPA_PLATFORM");
-    qputenv("QT_QPA_PLATFORM", "xcb");
+    if (session.wayland && session.x11 && qgetenv("QT_QPA_PLATFORM") != "xcb")
+        setForQt("QT_QPA_PLATFORM", "xcb");
+    // Over shared memory, Qt asks the X server for a round trip before each
+    // repaint of a window it painted lately; the indicator repaints with
+    // every level, and a busy X server (XWayland above all) then held the GUI
+    // thread for tens of milliseconds. Its pixels are few: send them instead.
+    if (session.x11 && !qEnvironmentVariableIsSet("QT_XCB_NO_MITSHM"))
+        setForQt("QT_XCB_NO_MITSHM", "1");
 }
 
 void restoreInheritedEnvironment()
 {
-    if (!inheritedQtPlatform)
-        return;
-    if (inheritedQtPlatform->isEmpty())
-        qunsetenv("QT_QPA_PLATFORM");
-    else
-        qputenv("QT_QPA_PLATFORM", *inheritedQtPlatform);
-    inheritedQtPlatform.reset();
+    for (const auto &[name, value] : inheritedEnvironment) {
+        if (value)
+            qputenv(name, *value);
+        else
+            qunsetenv(name);
+    }
+    inheritedEnvironment.clear();
 }
 
 void probeDesktopSoon()
