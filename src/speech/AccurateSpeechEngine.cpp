@@ -43,57 +43,31 @@ AccurateSpeechError AccurateSpeechError::invalidAudioSampleRate()
     return {Case::invalidAudioSampleRate, 0, QStringLiteral("Captured microphone audio was not 16 kHz mono PCM.")};
 }
 
-SerialWorkQueue::SerialWorkQueue(const char *threadName)
-    : m_thread([this] { run(); })
-{
-    // Linux keeps at most 15 characters of a thread name: keep the distinctive end.
-    std::string name(threadName);
-    if (name.size() > 15)
-        name = name.substr(name.size() - 15);
-    pthread_setname_np(m_thread.native_handle(), name.c_str());
-}
-
-SerialWorkQueue::~SerialWorkQueue()
-{
-    {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_wake.notify_one();
-    m_thread.join();
-}
-
-void SerialWorkQueue::post(std::function<void()> work)
-{
-    {
-        std::lock_guard lock(m_mutex);
-        m_items.push_back(std::move(work));
-    }
-    m_wake.notify_one();
-}
-
-void SerialWorkQueue::run()
-{
-    for (;;) {
-        std::function<void()> work;
-        {
-            std::unique_lock lock(m_mutex);
-            m_wake.wait(lock, [this] { return m_stopping || !m_items.empty(); });
-            if (m_items.empty())
-                return; // stopping and drained
-            work = std::move(m_items.front());
-            m_items.pop_front();
-        }
-        work();
-    }
-}
-
 AccurateSpeechEngine::AccurateSpeechEngine(SpeechDevicePreference preference, LogSink log, DeviceLister devices)
-    : m_preference(preference), m_log(std::move(log)), m_devices(std::move(devices)), m_queue(kQueueLabel)
+    : m_preference(preference), m_log(std::move(log)), m_devices(std::move(devices))
 {
+    // One thread, kept for the engine's life: whisper calls never overlap and
+    // run in the order they were asked for. Work goes in with start(), never
+    // as a QtConcurrent task: a thread waiting on such a task's future would
+    // run it itself, beside the one under way.
+    m_queue.setMaxThreadCount(1);
+    m_queue.setExpiryTimeout(-1);
     if (preference == SpeechDevicePreference::software)
         exposeSoftwareVulkanDevice();
     loadGgmlBackends(); // once per process; nothing to do in a native build
+}
+
+void AccurateSpeechEngine::post(std::function<void()> work)
+{
+    m_queue.start([work = std::move(work)] {
+        // Linux keeps at most 15 characters of a thread name: keep the distinctive end.
+        static thread_local const bool named = [] {
+            const std::string label(kQueueLabel);
+            return pthread_setname_np(pthread_self(), label.substr(label.size() - 15).c_str()) == 0;
+        }();
+        Q_UNUSED(named);
+        work();
+    });
 }
 
 void AccurateSpeechEngine::log(const QString &message) const
@@ -150,8 +124,8 @@ bool AccurateSpeechEngine::fallBackToCpu(const QString &why)
 
 AccurateSpeechEngine::~AccurateSpeechEngine()
 {
-    // Runs after every queued item; the queue's destructor then joins.
-    m_queue.post([this] {
+    // Runs after every queued item; the pool's destructor waits for it.
+    post([this] {
         if (m_context) {
             whisper_free(m_context);
             m_context = nullptr;
@@ -165,7 +139,7 @@ QFuture<void> AccurateSpeechEngine::load(const QString &modelPath)
     QFuture<void> future = promise->future();
     promise->start();
     const QByteArray path = modelPath.toLocal8Bit();
-    m_queue.post([this, promise, path] {
+    post([this, promise, path] {
         if (m_context) {
             whisper_free(m_context);
             m_context = nullptr;
@@ -293,7 +267,7 @@ QFuture<AccurateSpeechEngine::PromptFit> AccurateSpeechEngine::measurePrompt(con
     auto promise = std::make_shared<QPromise<PromptFit>>();
     QFuture<PromptFit> future = promise->future();
     promise->start();
-    m_queue.post([this, promise, bytes = text.trimmed().toUtf8()] {
+    post([this, promise, bytes = text.trimmed().toUtf8()] {
         PromptFit fit;
         if (m_context) {
             fit.limit = whisper_n_text_ctx(m_context) / 2;
@@ -324,7 +298,7 @@ QFuture<AccurateSpeechResult> AccurateSpeechEngine::enqueue(std::shared_ptr<cons
         promise->finish();
         return future;
     }
-    m_queue.post([this, promise, owner, samples, sampleCount, skip] {
+    post([this, promise, owner, samples, sampleCount, skip] {
         if (skip && skip->load()) {
             promise->addResult(AccurateSpeechResult{});
             promise->finish();

@@ -6,14 +6,12 @@
 #include <QFuture>
 #include <QList>
 #include <QString>
+#include <QThreadPool>
 
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 struct whisper_context;
@@ -64,29 +62,8 @@ struct SpeechLanguage {
 };
 QList<SpeechLanguage> speechLanguages();
 
-// Runs work items one at a time, in submission order, on one named thread.
-// The destructor lets queued items finish, so every waiting caller is resumed.
-class SerialWorkQueue {
-public:
-    explicit SerialWorkQueue(const char *threadName);
-    ~SerialWorkQueue();
-    SerialWorkQueue(const SerialWorkQueue &) = delete;
-    SerialWorkQueue &operator=(const SerialWorkQueue &) = delete;
-
-    void post(std::function<void()> work);
-
-private:
-    void run();
-
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::deque<std::function<void()>> m_items;
-    bool m_stopping = false;
-    std::thread m_thread;
-};
-
 // Local recognition over whisper.cpp. One model at a time; every library call
-// happens on the private queue, so loads and recognitions never overlap.
+// happens on the engine's one-thread pool, so loads and recognitions never overlap.
 // The futures may be awaited from any thread; each finishes exactly once,
 // with a value or an AccurateSpeechError.
 //
@@ -166,6 +143,8 @@ private:
     bool isNoSpeechSegment(int segment) const;
     void setDevice(const QString &name, bool gpu);
     void log(const QString &message) const;
+    // Runs `work` on the engine's thread after everything posted before it.
+    void post(std::function<void()> work);
 
     SpeechDevicePreference m_preference; // guarded by m_optionsMutex, like m_gpuIndex
     int m_gpuIndex = -1;
@@ -180,7 +159,7 @@ private:
     mutable std::mutex m_deviceMutex;
     QString m_deviceName;
     bool m_onGpu = false;
-    SerialWorkQueue m_queue;              // declared last: drained before the context is freed
+    QThreadPool m_queue;                  // declared last: drained before the context is freed
 };
 
 } // namespace dictora
