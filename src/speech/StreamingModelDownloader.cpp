@@ -34,12 +34,13 @@ class ModelDownloadSession : public QObject {
 public:
     ModelDownloadSession(QString destination, qint64 contractBytes, StreamingModelDownloader::Progress progress,
         StreamingModelDownloader::TimeLimits limits)
-        : m_destination(std::move(destination)), m_contractBytes(contractBytes), m_progress(std::move(progress)),
+        : m_destination(std::move(destination)), m_contractBytes(contractBytes), m_defaultProgress(std::move(progress)),
           m_limits(limits)
     {
     }
 
-    void begin(const QUrl &url, std::shared_ptr<QPromise<void>> promise);
+    // `progress`, when set, replaces the constructor's for this transfer.
+    void begin(const QUrl &url, std::shared_ptr<QPromise<void>> promise, StreamingModelDownloader::Progress progress);
     void cancel();
 
 private:
@@ -54,7 +55,8 @@ private:
 
     const QString m_destination;
     const qint64 m_contractBytes;
-    const StreamingModelDownloader::Progress m_progress;
+    const StreamingModelDownloader::Progress m_defaultProgress;
+    StreamingModelDownloader::Progress m_progress;
     const StreamingModelDownloader::TimeLimits m_limits;
 
     QNetworkAccessManager *m_network = nullptr;
@@ -69,7 +71,8 @@ private:
     bool m_cancelled = false;
 };
 
-void ModelDownloadSession::begin(const QUrl &url, std::shared_ptr<QPromise<void>> promise)
+void ModelDownloadSession::begin(
+    const QUrl &url, std::shared_ptr<QPromise<void>> promise, StreamingModelDownloader::Progress progress)
 {
     if (m_promise) {
         promise->setException(std::make_exception_ptr(Error(QStringLiteral("A model download is already running."))));
@@ -77,6 +80,7 @@ void ModelDownloadSession::begin(const QUrl &url, std::shared_ptr<QPromise<void>
         return;
     }
     m_promise = std::move(promise);
+    m_progress = progress ? std::move(progress) : m_defaultProgress;
     m_received = 0;
     m_expected = 0;
     m_responseAccepted = false;
@@ -287,26 +291,30 @@ StreamingModelDownloader::StreamingModelDownloader(
 
 StreamingModelDownloader::~StreamingModelDownloader()
 {
-    ModelDownloadSession *session = m_session;
-    QMetaObject::invokeMethod(
-        session,
-        [session] {
-            session->cancel();
-            delete session;
-        },
-        Qt::BlockingQueuedConnection);
-    m_thread.quit();
+    // Queued behind any request still on its way, and the thread's last
+    // event; the wait is for the owner's end only.
+    QMetaObject::invokeMethod(m_session, [session = m_session] {
+        session->cancel();
+        delete session;
+        QThread::currentThread()->quit();
+    }, Qt::QueuedConnection);
     m_thread.wait();
 }
 
-QFuture<void> StreamingModelDownloader::download(const QUrl &url)
+QFuture<void> StreamingModelDownloader::download(const QUrl &url, Progress progress)
 {
     auto promise = std::make_shared<QPromise<void>>();
     QFuture<void> future = promise->future();
     promise->start();
-    ModelDownloadSession *session = m_session;
-    QMetaObject::invokeMethod(session, [session, url, promise] { session->begin(url, promise); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(m_session, [session = m_session, url, promise, progress = std::move(progress)]() mutable {
+        session->begin(url, promise, std::move(progress));
+    }, Qt::QueuedConnection);
     return future;
+}
+
+void StreamingModelDownloader::cancel()
+{
+    QMetaObject::invokeMethod(m_session, [session = m_session] { session->cancel(); }, Qt::QueuedConnection);
 }
 
 } // namespace dictora

@@ -32,13 +32,19 @@ public:
     // contractBytes is the length expected when the server gives none.
     StreamingModelDownloader(QString destinationPath, qint64 contractBytes, Progress progress, TimeLimits limits);
     StreamingModelDownloader(QString destinationPath, qint64 contractBytes, Progress progress);
-    // Cancels a running transfer (its future fails) and stops the thread.
+    // Cancels a running transfer (its future fails) and waits for the thread
+    // to end: for the owner's own end, not while the program runs on.
     ~StreamingModelDownloader();
     StreamingModelDownloader(const StreamingModelDownloader &) = delete;
     StreamingModelDownloader &operator=(const StreamingModelDownloader &) = delete;
 
     // Replaces the destination with an empty file and downloads from byte 0.
-    QFuture<void> download(const QUrl &url);
+    // Requests run on the downloader's thread in the order they were made,
+    // so a transfer cancelled before another begins has closed its file by
+    // then. `progress`, when set, stands in for the constructor's this once.
+    QFuture<void> download(const QUrl &url, Progress progress = {});
+    // Ends the running transfer, if any (its future fails); never waits.
+    void cancel();
 
 private:
     QThread m_thread;
