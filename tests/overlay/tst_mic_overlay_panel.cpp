@@ -23,6 +23,7 @@
 #include <memory>
 
 using namespace dictora;
+using namespace dictora::overlay;
 
 Q_DECLARE_METATYPE(dictora::ScreenAnchor)
 Q_DECLARE_METATYPE(dictora::OverlaySize)
@@ -47,50 +48,42 @@ protected:
     }
 };
 
+// A panel on its own preferences file.
+struct PanelRig {
+    test::IsolatedHome home;
+    QSettings settings{QDir(home.path()).filePath(QStringLiteral("prefs.ini")), QSettings::IniFormat};
+    ProductPreferences preferences{settings};
+    DictoraState state;
+    MicOverlayPanel panel{state, preferences};
+};
+
 } // namespace
 
 class MicOverlayPanelTest : public QObject {
     Q_OBJECT
 
-    std::unique_ptr<test::IsolatedHome> m_home;
-    std::unique_ptr<QSettings> m_settings;
-    std::unique_ptr<ProductPreferences> m_preferences;
-    std::unique_ptr<DictoraState> m_state;
-    std::unique_ptr<MicOverlayPanel> m_panel;
+    std::unique_ptr<PanelRig> m_rig;
 
-    QWidget *window() const { return m_panel->panel(); }
+    QWidget *window() const { return m_rig->panel.panel(); }
 
 private Q_SLOTS:
     void init()
     {
         QCursor::setPos(kFirstScreen.center());
-        m_home = std::make_unique<test::IsolatedHome>();
-        m_settings = std::make_unique<QSettings>(QDir(m_home->path()).filePath(QStringLiteral("prefs.ini")),
-            QSettings::IniFormat);
-        m_preferences = std::make_unique<ProductPreferences>(*m_settings);
-        m_state = std::make_unique<DictoraState>();
-        m_panel = std::make_unique<MicOverlayPanel>(*m_state, *m_preferences);
+        m_rig = std::make_unique<PanelRig>();
     }
-    void cleanup()
-    {
-        m_panel.reset();
-        m_state.reset();
-        m_preferences.reset();
-        m_settings.reset();
-        m_home.reset();
-    }
+    void cleanup() { m_rig.reset(); }
 
     void closeRequestsAreRefused()
     {
-        m_panel->show();
+        m_rig->panel.show();
         QVERIFY(QTest::qWaitForWindowExposed(window()));
         QVERIFY(!window()->testAttribute(Qt::WA_QuitOnClose));
         QVERIFY(!window()->close());
         QVERIFY(window()->isVisible());
     }
 
-    // The text so far shows beside the indicator, on the side with room,
-    // only while recording; it takes neither focus nor clicks.
+    // The text so far shows beside the indicator, on the side with room, only while recording; no focus.
     void previewBubbleFollowsTheRecording_data()
     {
         QTest::addColumn<ScreenAnchor>("anchor");
@@ -100,11 +93,11 @@ private Q_SLOTS:
     void previewBubbleFollowsTheRecording()
     {
         QFETCH(ScreenAnchor, anchor);
-        m_preferences->setMicrophoneLocation(anchor);
-        m_panel->show();
-        QLabel *bubble = m_panel->previewBubble();
-        m_state->setPhase(DictoraPhase::recording());
-        m_state->setPreviewText(QStringLiteral("so far so good"));
+        m_rig->preferences.setMicrophoneLocation(anchor);
+        m_rig->panel.show();
+        QLabel *bubble = m_rig->panel.previewBubble();
+        m_rig->state.setPhase(DictoraPhase::recording());
+        m_rig->state.setPreviewText(QStringLiteral("so far so good"));
         QVERIFY(QTest::qWaitForWindowExposed(bubble));
         QCOMPARE(bubble->text(), QStringLiteral("so far so good"));
         QVERIFY(bubble->windowFlags().testFlag(Qt::WindowDoesNotAcceptFocus));
@@ -112,22 +105,19 @@ private Q_SLOTS:
         QVERIFY(!bubble->frameGeometry().intersects(indicator));
         QVERIFY(kFirstScreen.contains(bubble->frameGeometry()));
         QCOMPARE(bubble->frameGeometry().center().x() < indicator.center().x(), anchor == ScreenAnchor::bottomRight);
-        m_state->setPhase(DictoraPhase::finalizing());
+        m_rig->state.setPhase(DictoraPhase::finalizing());
         QVERIFY(!bubble->isVisible());
     }
 
+    // Values already in the store apply before anything changes.
     void startsAtStoredPlaceAndSize()
     {
-        // Values already in the store apply before anything changes.
-        m_panel.reset();
-        m_preferences.reset();
-        m_settings->setValue(QLatin1String(ProductPreferences::kLocationKey), QStringLiteral("topRight"));
-        m_settings->setValue(QLatin1String(ProductPreferences::kSizeKey), QStringLiteral("large"));
-        m_settings->setValue(QLatin1String(ProductPreferences::kShowsIconKey), false);
-        m_preferences = std::make_unique<ProductPreferences>(*m_settings);
-        m_panel = std::make_unique<MicOverlayPanel>(*m_state, *m_preferences);
-        QCOMPARE(window()->size(), QSize(48, 50));
-        QCOMPARE(window()->pos(), QPoint(1920 - 48 - 8, 8));
+        m_rig->settings.setValue(QLatin1String(ProductPreferences::kLocationKey), QStringLiteral("topRight"));
+        m_rig->settings.setValue(QLatin1String(ProductPreferences::kSizeKey), QStringLiteral("large"));
+        m_rig->settings.setValue(QLatin1String(ProductPreferences::kShowsIconKey), false);
+        ProductPreferences preferences(m_rig->settings);
+        MicOverlayPanel panel(m_rig->state, preferences);
+        QCOMPARE(panel.panel()->geometry(), QRect(1920 - 48 - 8, 8, 48, 50));
     }
 
     void followsSizeAndIcon_data()
@@ -144,12 +134,12 @@ private Q_SLOTS:
         QFETCH(OverlaySize, size);
         QFETCH(bool, icon);
         QFETCH(QSize, expected);
-        m_panel->show();
-        m_preferences->setMicrophoneLocation(ScreenAnchor::bottomRight);
-        QPointer<MicIndicatorView> view = m_panel->hostingView();
+        m_rig->panel.show();
+        m_rig->preferences.setMicrophoneLocation(ScreenAnchor::bottomRight);
+        QPointer<MicIndicatorView> view = m_rig->panel.hostingView();
 
-        m_preferences->setMicrophoneSize(size);
-        m_preferences->setShowsMicrophoneIcon(icon);
+        m_rig->preferences.setMicrophoneSize(size);
+        m_rig->preferences.setShowsMicrophoneIcon(icon);
 
         QCOMPARE(window()->size(), expected);
         QCOMPARE(view->geometry(), QRect(QPoint(0, 0), expected));
@@ -157,68 +147,44 @@ private Q_SLOTS:
         QCOMPARE(window()->geometry().right() + 1, kFirstScreen.right() + 1 - 8);
         QCOMPARE(window()->geometry().bottom() + 1, kFirstScreen.bottom() + 1 - 8);
         QVERIFY(view);
-        QCOMPARE(m_panel->hostingView(), view.data());
+        QCOMPARE(m_rig->panel.hostingView(), view.data());
     }
 
-    void followsAnchorOnScreenUnderPointer_data()
-    {
-        QTest::addColumn<ScreenAnchor>("anchor");
-        QTest::addColumn<QPoint>("pointer");
-        QTest::addColumn<QPoint>("expected");
-        // Medium with icon: 69 × 39.
-        const QPoint first = kFirstScreen.center();
-        const QPoint second = kSecondScreen.center();
-        const QPoint nowhere(5000, 5000);
-        QTest::newRow("bottomMiddle first") << ScreenAnchor::bottomMiddle << first << QPoint(925, 1033);
-        QTest::newRow("topRight second") << ScreenAnchor::topRight << second << QPoint(3123, 8);
-        QTest::newRow("bottomLeft second") << ScreenAnchor::bottomLeft << second << QPoint(1928, 977);
-        QTest::newRow("pointer off every screen uses the primary")
-            << ScreenAnchor::bottomRight << nowhere << QPoint(1843, 1033);
-    }
-    void followsAnchorOnScreenUnderPointer()
-    {
-        QFETCH(ScreenAnchor, anchor);
-        QFETCH(QPoint, pointer);
-        QFETCH(QPoint, expected);
-        m_panel->show();
-        QCursor::setPos(pointer);
-        QCOMPARE(QCursor::pos(), pointer);
-        m_preferences->setMicrophoneLocation(anchor);
-        QCOMPARE(window()->pos(), expected);
-    }
-
+    // The screen under the pointer (medium with icon: 69 × 39), chosen again
+    // on every preference change but not when the pointer alone moves.
     void screenIsChosenAgainOnEveryChange()
     {
-        m_preferences->setMicrophoneLocation(ScreenAnchor::bottomLeft);
-        QCOMPARE(window()->pos(), QPoint(8, 1033));
-        // Moving the pointer alone does not move the panel...
+        m_rig->panel.show();
+        m_rig->preferences.setMicrophoneLocation(ScreenAnchor::bottomMiddle);
+        QCOMPARE(window()->pos(), QPoint(925, 1033));
         QCursor::setPos(kSecondScreen.center());
-        QCOMPARE(window()->pos(), QPoint(8, 1033));
-        // ...but any preference change does, even one unrelated to the place.
-        m_preferences->setMicrophoneOpacity(0.5);
+        QCOMPARE(window()->pos(), QPoint(925, 1033));
+        // Any change does, even one unrelated to the place.
+        m_rig->preferences.setMicrophoneOpacity(0.5);
+        QCOMPARE(window()->pos(), QPoint(2525, 977));
+        m_rig->preferences.setMicrophoneLocation(ScreenAnchor::bottomLeft);
         QCOMPARE(window()->pos(), QPoint(1928, 977));
         // An explicit reposition takes the anchor it is given over the stored one.
-        m_panel->reposition(ScreenAnchor::topRight);
+        m_rig->panel.reposition(ScreenAnchor::topRight);
         QCOMPARE(window()->pos(), QPoint(3123, 8));
+        // A pointer off every screen: the primary one.
+        QCursor::setPos(5000, 5000);
+        m_rig->panel.reposition(ScreenAnchor::bottomRight);
+        QCOMPARE(window()->pos(), QPoint(1843, 1033));
     }
 
-    void opacityAppliesToTheWholeIndicator_data()
-    {
-        QTest::addColumn<double>("applied");
-        QTest::newRow("half") << 0.5;
-    }
     void opacityAppliesToTheWholeIndicator()
     {
-        QFETCH(double, applied);
-        m_preferences->setMicrophoneOpacity(1.0);
-        const QImage opaque = m_panel->hostingView()->grab().toImage();
-        m_preferences->setMicrophoneOpacity(applied);
-        QCOMPARE(m_panel->hostingView()->indicatorOpacity(), applied);
-        const QImage faded = m_panel->hostingView()->grab().toImage();
+        const double applied = 0.5;
+        m_rig->preferences.setMicrophoneOpacity(1.0);
+        const QImage opaque = m_rig->panel.hostingView()->grab().toImage();
+        m_rig->preferences.setMicrophoneOpacity(applied);
+        QCOMPARE(m_rig->panel.hostingView()->indicatorOpacity(), applied);
+        const QImage faded = m_rig->panel.hostingView()->grab().toImage();
 
         // A pixel of the capsule between the circle and the bars.
-        const QPoint probe(int(std::lround(m_panel->hostingView()->width() * 0.61)),
-            int(std::lround(m_panel->hostingView()->height() * 0.15)));
+        const QPoint probe(int(std::lround(m_rig->panel.hostingView()->width() * 0.61)),
+            int(std::lround(m_rig->panel.hostingView()->height() * 0.15)));
         const int fullAlpha = opaque.pixelColor(probe).alpha();
         QVERIFY(fullAlpha > 200);
         QVERIFY2(std::abs(faded.pixelColor(probe).alpha() - fullAlpha * applied) <= 3,
@@ -229,23 +195,23 @@ private Q_SLOTS:
 
     void levelsRepaintWithoutRebuilding()
     {
-        m_panel->show();
+        m_rig->panel.show();
         QVERIFY(QTest::qWaitForWindowExposed(window()));
-        QPointer<MicIndicatorView> view = m_panel->hostingView();
+        QPointer<MicIndicatorView> view = m_rig->panel.hostingView();
         PaintCounter counter;
         view->installEventFilter(&counter);
 
-        m_state->setPhase(DictoraPhase::recording());
+        m_rig->state.setPhase(DictoraPhase::recording());
         QTRY_VERIFY(counter.paints >= 1);
         const QImage quiet = view->grab().toImage();
 
         const int before = counter.paints;
-        m_state->setMeterLevels(AudioMeterLevels{1, 1, 1, 1});
+        m_rig->state.setMeterLevels(AudioMeterLevels{1, 1, 1, 1});
         QTRY_VERIFY(counter.paints > before);
         const QImage loud = view->grab().toImage();
 
         QVERIFY(view);
-        QCOMPARE(m_panel->hostingView(), view.data());
+        QCOMPARE(m_rig->panel.hostingView(), view.data());
         QCOMPARE(view->parentWidget(), window());
         QVERIFY(quiet != loud);
 
@@ -262,12 +228,131 @@ private Q_SLOTS:
     // Screen readers hear the phase's own label, on the view and its window alike.
     void accessibleNameFollowsPhase()
     {
-        QCOMPARE(m_panel->hostingView()->accessibleName(), DictoraPhase::idle().label());
+        QCOMPARE(m_rig->panel.hostingView()->accessibleName(), DictoraPhase::idle().label());
         for (const DictoraPhase &phase : {DictoraPhase::recording(), DictoraPhase::error(QStringLiteral("Allow Microphone")),
                  DictoraPhase::idle()}) {
-            m_state->setPhase(phase);
-            QCOMPARE(m_panel->hostingView()->accessibleName(), phase.label());
+            m_rig->state.setPhase(phase);
+            QCOMPARE(m_rig->panel.hostingView()->accessibleName(), phase.label());
             QCOMPARE(window()->accessibleName(), phase.label());
+        }
+    }
+
+    // Every anchor × size × icon on a plain screen and on one that starts
+    // away from the origin (a second display, a top panel).
+    void anchors_data()
+    {
+        QTest::addColumn<ScreenAnchor>("anchor");
+        QTest::addColumn<OverlaySize>("size");
+        QTest::addColumn<bool>("icon");
+        QTest::addColumn<QRectF>("available");
+        const QList<QRectF> screens{QRectF(0, 0, 1920, 1080), QRectF(1920, 32, 1440, 868)};
+        for (const QRectF &available : screens)
+            for (ScreenAnchor anchor : allScreenAnchors())
+                for (OverlaySize size : allOverlaySizes())
+                    for (bool icon : {true, false})
+                        QTest::addRow("%s %s %s @%d,%d", qPrintable(rawValue(anchor)), qPrintable(rawValue(size)),
+                            icon ? "icon" : "bare", int(available.x()), int(available.y()))
+                            << anchor << size << icon << available;
+    }
+    void anchors()
+    {
+        QFETCH(ScreenAnchor, anchor);
+        QFETCH(OverlaySize, size);
+        QFETCH(bool, icon);
+        QFETCH(QRectF, available);
+        const QSizeF panel = overlayPanelSize(size, icon);
+        const QString raw = rawValue(anchor);
+        const double x = raw.endsWith(QLatin1String("Left")) ? available.left() + 8
+            : raw.endsWith(QLatin1String("Right"))            ? available.right() - 8 - panel.width()
+                                                               : available.center().x() - panel.width() / 2;
+        const double y = raw.startsWith(QLatin1String("top")) ? available.top() + 8 : available.bottom() - 8 - panel.height();
+        QCOMPARE(anchoredTopLeft(anchor, available, panel), QPointF(x, y));
+    }
+
+    void screenUnderPointer_data()
+    {
+        QTest::addColumn<QList<QRect>>("screens");
+        QTest::addColumn<QPoint>("pointer");
+        QTest::addColumn<int>("expected");
+        const QList<QRect> two{QRect(0, 0, 1920, 1080), QRect(1920, 0, 1280, 1024)};
+        QTest::newRow("first") << two << QPoint(10, 10) << 0;
+        QTest::newRow("second") << two << QPoint(2000, 500) << 1;
+        QTest::newRow("last pixel of first") << two << QPoint(1919, 1079) << 0;
+        QTest::newRow("first pixel of second") << two << QPoint(1920, 0) << 1;
+        QTest::newRow("below the shorter screen") << two << QPoint(2000, 1050) << -1;
+        QTest::newRow("no screens") << QList<QRect>() << QPoint(0, 0) << -1;
+        const QList<QRect> overlapping{QRect(0, 0, 1920, 1080), QRect(0, 0, 1280, 1024)};
+        QTest::newRow("mirrored: first in list wins") << overlapping << QPoint(5, 5) << 0;
+    }
+    void screenUnderPointer()
+    {
+        QFETCH(QList<QRect>, screens);
+        QFETCH(QPoint, pointer);
+        QFETCH(int, expected);
+        QCOMPARE(screenIndexAt(screens, pointer), expected);
+    }
+
+    // The four bars' heights and the circle's opacity.
+    void meter_data()
+    {
+        QTest::addColumn<DictoraPhase>("phase");
+        QTest::addColumn<AudioMeterLevels>("levels");
+        QTest::addColumn<QList<double>>("bars");
+        QTest::addColumn<double>("circle");
+        const AudioMeterLevels full = AudioMeterLevels{1, 1, 1, 1};
+        const AudioMeterLevels mixed = AudioMeterLevels{0.5f, 0.25f, 0.04f, 0.75f};
+        const QList<double> idle{5, 5, 5, 5};
+        const DictoraPhase recording = DictoraPhase::recording();
+        QTest::newRow("idle") << DictoraPhase::idle() << full << idle << 0.2;
+        QTest::newRow("finalizing") << DictoraPhase::finalizing() << mixed << idle << 0.2;
+        QTest::newRow("recording silent floors at 0.08")
+            << recording << AudioMeterLevels() << QList<double>{5.64, 6.28, 5.96, 6.52} << 0.18;
+        QTest::newRow("recording full") << recording << full << QList<double>{13, 21, 17, 24} << 0.38;
+        QTest::newRow("recording, loudest is fourth") << recording << mixed << QList<double>{9.0, 9.0, 5.96, 19.25} << 0.33;
+        QTest::newRow("recording, loudest is first")
+            << recording << AudioMeterLevels{1.0f, 0.2f, 0.3f, 0.5f} << QList<double>{13, 8.2, 8.6, 14.5} << 0.38;
+        QTest::newRow("recording out of range") << recording << AudioMeterLevels{2.0f, -1.0f, std::nanf(""), 1.0f}
+                                                << QList<double>{13, 6.28, 5.96, 24} << 0.38;
+    }
+    void meter()
+    {
+        QFETCH(DictoraPhase, phase);
+        QFETCH(AudioMeterLevels, levels);
+        QFETCH(QList<double>, bars);
+        QFETCH(double, circle);
+        for (int i = 0; i < 4; ++i) {
+            const double got = indicatorBarHeight(phase, levels, i);
+            QVERIFY2(std::abs(got - bars.at(i)) < 1e-5, qPrintable(QStringLiteral("bar %1: %2").arg(i).arg(got)));
+        }
+        QVERIFY(std::abs(microphoneCircleOpacity(phase, levels) - circle) < 1e-6);
+    }
+
+    // Circle and bars sit inside the capsule, centred on its middle line, the
+    // bars 3 apart and filling their box; the capsule's ends as far from the
+    // content on both sides.
+    void layout()
+    {
+        for (bool icon : {true, false}) {
+            const IndicatorLayout l = indicatorLayout(icon);
+            QVERIFY(l.bounds.contains(l.barBox));
+            QCOMPARE(l.barBox.center().y(), l.bounds.center().y());
+            if (icon) {
+                QVERIFY(l.bounds.contains(l.circle) && l.circle.right() <= l.barBox.left());
+                QCOMPARE(l.circle.center().y(), l.bounds.center().y());
+                QCOMPARE(l.circle.left() - l.bounds.left(), l.bounds.right() - l.barBox.right());
+            } else {
+                QVERIFY(l.circle.isEmpty());
+                QCOMPARE(l.barBox.center().x(), l.bounds.center().x());
+            }
+            double left = l.barBox.left() - 3.0;
+            for (int i = 0; i < 4; ++i) {
+                const QRectF bar = barRect(l.barBox, i, kMaximumBarHeights[size_t(i)]);
+                QCOMPARE(bar.center().y(), l.barBox.center().y());
+                QVERIFY(bar.top() >= l.barBox.top() && bar.bottom() <= l.barBox.bottom());
+                QVERIFY(std::abs(bar.left() - left - 3.0) < 1e-9);
+                left = bar.right();
+            }
+            QVERIFY(std::abs(left - l.barBox.right()) < 1e-9);
         }
     }
 };

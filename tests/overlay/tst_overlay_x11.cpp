@@ -3,16 +3,12 @@
 #include "core/ProductPreferences.h"
 #include "overlay/MicOverlayPanel.h"
 #include "platform/x11/X11OverlayWindowHints.h"
-#include "support/TestSupport.h"
 
-#include <QApplication>
 #include <QDir>
 #include <QProcess>
 #include <QSettings>
-#include <QStandardPaths>
 #include <QtTest>
 
-#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/shape.h>
 
@@ -26,7 +22,8 @@ namespace tx = dictora::test::x11;
 class OverlayX11Test : public QObject {
     Q_OBJECT
 
-    Display *m_dpy = nullptr;
+    dictora::x11::XConnection m_x;
+    Display *m_dpy = m_x.display();
     std::unique_ptr<tx::ChildProgram> m_xterm;
     Window m_xtermWindow = None;
     test::IsolatedHome m_home;
@@ -36,24 +33,6 @@ class OverlayX11Test : public QObject {
     std::unique_ptr<x11::X11OverlayWindowHints> m_hints;
     std::unique_ptr<MicOverlayPanel> m_panel;
     Window m_panelWindow = None;
-
-    QList<unsigned long> property(Window w, const char *name, Atom type) const
-    {
-        XSync(m_dpy, False);
-        Atom actualType = None;
-        int format = 0;
-        unsigned long count = 0, after = 0;
-        unsigned char *raw = nullptr;
-        QList<unsigned long> out;
-        if (XGetWindowProperty(m_dpy, w, XInternAtom(m_dpy, name, False), 0, 1024, False, type, &actualType, &format,
-                &count, &after, &raw) == Success && raw && format == 32) {
-            for (unsigned long i = 0; i < count; ++i)
-                out.append(reinterpret_cast<const unsigned long *>(raw)[i] & 0xFFFFFFFFUL); // Xlib widens to long
-        }
-        if (raw)
-            XFree(raw);
-        return out;
-    }
 
     bool isInside(Window w, Window ancestor) const
     {
@@ -98,7 +77,7 @@ class OverlayX11Test : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY((m_dpy = XOpenDisplay(nullptr)));
+        QVERIFY(m_dpy);
         m_xterm = std::make_unique<tx::ChildProgram>(QStringLiteral("xterm"),
             QStringList{QStringLiteral("-geometry"), QStringLiteral("120x40+0+0")});
         QVERIFY(m_xterm->waitStarted());
@@ -121,8 +100,6 @@ private Q_SLOTS:
     {
         m_panel.reset();
         m_xterm.reset();
-        if (m_dpy)
-            XCloseDisplay(m_dpy);
     }
 
     // Shown, and shown again, the indicator leaves the focus with the xterm;
@@ -130,8 +107,8 @@ private Q_SLOTS:
     void neverTakesFocus()
     {
         for (const char *state : {"_NET_WM_STATE_ABOVE", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"})
-            QTRY_VERIFY2(property(m_panelWindow, "_NET_WM_STATE", XA_ATOM).contains(XInternAtom(m_dpy, state, False)), state);
-        QCOMPARE(property(m_panelWindow, "_NET_WM_DESKTOP", XA_CARDINAL).value(0), 0xFFFFFFFFUL);
+            QTRY_VERIFY2(tx::windowProperty(m_panelWindow, "_NET_WM_STATE").contains(XInternAtom(m_dpy, state, False)), state);
+        QCOMPARE(tx::windowProperty(m_panelWindow, "_NET_WM_DESKTOP"), QList<quint64>{0xFFFFFFFFUL});
         m_panel->show();
         QTest::qWait(300); // every chance for the window manager to hand focus over
         QCOMPARE(tx::activeWindow(), quint64(m_xtermWindow));
@@ -162,17 +139,6 @@ private Q_SLOTS:
     }
 };
 
-int main(int argc, char **argv)
-{
-    if (qEnvironmentVariableIsEmpty("DISPLAY") || qgetenv("QT_QPA_PLATFORM") != "xcb")
-        return test::rigMissing("needs an X server (run through tests/support/x11/with-x)");
-    for (const char *tool : {"xterm", "xdotool"})
-        if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty())
-            return test::rigMissing(qPrintable(QLatin1String(tool) + QLatin1String(" is not installed")));
-    QApplication app(argc, argv);
-    OverlayX11Test test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
-}
+int main(int argc, char **argv) { return tx::testMain<OverlayX11Test>(argc, argv, {"xterm", "xdotool"}); }
 
 #include "tst_overlay_x11.moc"

@@ -6,50 +6,28 @@
 #include <QTest>
 
 #include <X11/XKBlib.h>
-#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
 
 namespace dictora::test::x11 {
 
-struct FakeKeyboard::Private {
-    Display *display = nullptr;
-};
-
-FakeKeyboard::FakeKeyboard()
-    : d(std::make_unique<Private>())
-{
-    d->display = XOpenDisplay(nullptr);
-}
-
-FakeKeyboard::~FakeKeyboard()
-{
-    if (d->display)
-        XCloseDisplay(d->display);
-}
-
-bool FakeKeyboard::isOpen() const
-{
-    return d->display != nullptr;
-}
-
 int FakeKeyboard::keycode(const char *keysymName) const
 {
     const KeySym sym = XStringToKeysym(keysymName);
-    return sym == NoSymbol ? 0 : XKeysymToKeycode(d->display, sym);
+    return sym == NoSymbol ? 0 : XKeysymToKeycode(m_x.display(), sym);
 }
 
 void FakeKeyboard::press(int keycode)
 {
-    XTestFakeKeyEvent(d->display, keycode, True, CurrentTime);
-    XSync(d->display, False);
+    XTestFakeKeyEvent(m_x.display(), keycode, True, CurrentTime);
+    XSync(m_x.display(), False);
 }
 
 void FakeKeyboard::release(int keycode)
 {
-    XTestFakeKeyEvent(d->display, keycode, False, CurrentTime);
-    XSync(d->display, False);
+    XTestFakeKeyEvent(m_x.display(), keycode, False, CurrentTime);
+    XSync(m_x.display(), False);
 }
 
 void FakeKeyboard::chord(const QStringList &modifierKeysyms, int keycode)
@@ -66,108 +44,69 @@ void FakeKeyboard::chord(const QStringList &modifierKeysyms, int keycode)
         release(code);
 }
 
-void FakeKeyboard::setCapsLock(bool on)
+void FakeKeyboard::setLocks(bool on)
 {
-    XkbLockModifiers(d->display, XkbUseCoreKbd, LockMask, on ? LockMask : 0);
-    XSync(d->display, False);
-}
-
-void FakeKeyboard::setNumLock(bool on)
-{
-    const int index = numLockModifierIndex();
-    if (index < 0)
-        return;
-    const unsigned int mask = 1u << index;
-    XkbLockModifiers(d->display, XkbUseCoreKbd, mask, on ? mask : 0);
-    XSync(d->display, False);
+    const int numLock = numLockModifierIndex();
+    const unsigned int mask = LockMask | (numLock < 0 ? 0u : 1u << numLock);
+    XkbLockModifiers(m_x.display(), XkbUseCoreKbd, mask, on ? mask : 0);
+    XSync(m_x.display(), False);
 }
 
 QString FakeKeyboard::windowTitle(quint64 window) const
 {
-    Atom type = 0;
-    int format = 0;
-    unsigned long count = 0, remaining = 0;
-    unsigned char *data = nullptr;
-    QString title;
-    XSync(d->display, False);
-    XErrorHandler previous = XSetErrorHandler([](Display *, XErrorEvent *) { return 0; });
-    if (XGetWindowProperty(d->display, window, XInternAtom(d->display, "_NET_WM_NAME", False), 0, 1024, False,
-                           AnyPropertyType, &type, &format, &count, &remaining, &data) == Success
-        && data && format == 8) {
-        title = QString::fromUtf8(reinterpret_cast<const char *>(data), static_cast<qsizetype>(count));
-    }
-    if (data)
-        XFree(data);
-    XSync(d->display, False);
-    XSetErrorHandler(previous);
-    return title;
+    return QString::fromUtf8(m_x.property8(window, m_x.atom("_NET_WM_NAME")).value_or(QByteArray()));
 }
+
+namespace {
+// Num_Lock's key in the modifier map: the modifier index of its last entry, or -1; cleared if asked.
+int findNumLock(XModifierKeymap *map, KeyCode numLock, bool clear)
+{
+    int found = -1;
+    for (int slot = 0; numLock && slot < 8 * map->max_keypermod; ++slot) {
+        if (map->modifiermap[slot] == numLock) {
+            found = slot / map->max_keypermod;
+            if (clear)
+                map->modifiermap[slot] = 0;
+        }
+    }
+    return found;
+}
+} // namespace
 
 int FakeKeyboard::numLockModifierIndex() const
 {
-    XModifierKeymap *map = XGetModifierMapping(d->display);
-    const KeyCode numLock = XKeysymToKeycode(d->display, XK_Num_Lock);
-    int found = -1;
-    for (int modifier = 0; modifier < 8 && numLock; ++modifier) {
-        for (int i = 0; i < map->max_keypermod; ++i) {
-            if (map->modifiermap[modifier * map->max_keypermod + i] == numLock)
-                found = modifier;
-        }
-    }
+    XModifierKeymap *map = XGetModifierMapping(m_x.display());
+    const int found = findNumLock(map, XKeysymToKeycode(m_x.display(), XK_Num_Lock), false);
     XFreeModifiermap(map);
     return found;
 }
 
 bool FakeKeyboard::moveNumLockTo(int modifierIndex)
 {
-    const KeyCode numLock = XKeysymToKeycode(d->display, XK_Num_Lock);
-    XModifierKeymap *map = XGetModifierMapping(d->display);
-    for (int modifier = 0; modifier < 8; ++modifier) {
-        for (int i = 0; i < map->max_keypermod; ++i) {
-            if (map->modifiermap[modifier * map->max_keypermod + i] == numLock)
-                map->modifiermap[modifier * map->max_keypermod + i] = 0;
-        }
-    }
+    const KeyCode numLock = XKeysymToKeycode(m_x.display(), XK_Num_Lock);
+    XModifierKeymap *map = XGetModifierMapping(m_x.display());
+    findNumLock(map, numLock, true);
     map = XInsertModifiermapEntry(map, numLock, modifierIndex);
-    const int status = XSetModifierMapping(d->display, map);
+    const int status = XSetModifierMapping(m_x.display(), map);
     XFreeModifiermap(map);
-    XSync(d->display, False);
+    XSync(m_x.display(), False);
     return status == MappingSuccess;
 }
-
-namespace {
-int g_foreignGrabError = 0;
-int recordError(Display *, XErrorEvent *event)
-{
-    g_foreignGrabError = event->error_code;
-    return 0;
-}
-} // namespace
 
 ForeignGrab::ForeignGrab(int keycode, unsigned int modifiers)
     : m_keycode(keycode), m_modifiers(modifiers)
 {
-    Display *display = XOpenDisplay(nullptr);
-    m_display = display;
-    if (!display)
+    if (!m_x.isOpen())
         return;
-    XSync(display, False);
-    g_foreignGrabError = 0;
-    XErrorHandler previous = XSetErrorHandler(recordError);
-    XGrabKey(display, keycode, modifiers, DefaultRootWindow(display), False, GrabModeAsync, GrabModeAsync);
-    XSync(display, False);
-    XSetErrorHandler(previous);
-    m_held = g_foreignGrabError == 0;
+    dictora::x11::XErrorTrap trap(m_x.display());
+    XGrabKey(m_x.display(), keycode, modifiers, m_x.rootWindow(), False, GrabModeAsync, GrabModeAsync);
+    m_held = trap.sync() == 0;
 }
 
 ForeignGrab::~ForeignGrab()
 {
-    auto *display = static_cast<Display *>(m_display);
-    if (!display)
-        return;
     if (m_held)
-        XUngrabKey(display, m_keycode, m_modifiers, DefaultRootWindow(display));
-    XCloseDisplay(display);
+        XUngrabKey(m_x.display(), m_keycode, m_modifiers, m_x.rootWindow());
 }
 
 ChildProgram::ChildProgram(const QString &program, const QStringList &arguments)
@@ -197,36 +136,36 @@ QString ChildProgram::errorOutput()
     return QString::fromLocal8Bit(m_process.readAllStandardError());
 }
 
-namespace {
-
-// One 32-bit item of a window property, 0 when it is absent.
-quint64 cardinalProperty(quint64 window, const char *name, Atom type, bool root = false)
+QList<quint64> windowProperty(quint64 window, const char *name)
 {
     static Display *display = XOpenDisplay(nullptr);
+    QList<quint64> items;
     if (!display)
-        return 0;
-    Atom actualType = None;
+        return items;
+    Atom type = None;
     int format = 0;
     unsigned long count = 0, after = 0;
     unsigned char *data = nullptr;
-    quint64 value = 0;
-    const Window w = root ? DefaultRootWindow(display) : Window(window);
-    if (XGetWindowProperty(display, w, XInternAtom(display, name, False), 0, 1, False, type, &actualType, &format,
-            &count, &after, &data) == Success
-        && data && format == 32 && count == 1)
-        value = *reinterpret_cast<unsigned long *>(data) & 0xFFFFFFFFUL;
+    XSync(display, False);
+    if (XGetWindowProperty(display, window ? Window(window) : DefaultRootWindow(display),
+            XInternAtom(display, name, False), 0, 1024, False, AnyPropertyType, &type, &format, &count, &after, &data)
+            == Success
+        && data && format == 32) {
+        for (unsigned long i = 0; i < count; ++i)
+            items.append(reinterpret_cast<const unsigned long *>(data)[i] & 0xFFFFFFFFUL); // Xlib widens to long
+    }
     if (data)
         XFree(data);
-    return value;
+    return items;
 }
 
+quint64 activeWindow() { return windowProperty(0, "_NET_ACTIVE_WINDOW").value(0); }
+
+qint64 windowPid(quint64 window) { return window ? qint64(windowProperty(window, "_NET_WM_PID").value(0)) : 0; }
+
+namespace {
 QString readText(const QString &path) { return QString::fromUtf8(readFile(path)); }
-
 } // namespace
-
-quint64 activeWindow() { return cardinalProperty(0, "_NET_ACTIVE_WINDOW", XA_WINDOW, true); }
-
-qint64 windowPid(quint64 window) { return window ? qint64(cardinalProperty(window, "_NET_WM_PID", XA_CARDINAL)) : 0; }
 
 TextEditor::TextEditor(FakeKeyboard &keyboard, const QString &file) : m_keyboard(keyboard), m_file(file) {}
 

@@ -1,27 +1,27 @@
 #pragma once
 
+#include "platform/WindowTracker.h"
+#include "platform/x11/XConnection.h"
+#include "support/TestSupport.h"
+
+#include <QApplication>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QString>
 #include <QStringList>
 
+#include <initializer_list>
 #include <memory>
 
-// Helpers that drive the test X server from outside the code under test:
-// a keyboard typing through XTEST on its own connection, a second client
-// that can hold a key grab, and real applications to paste into. Xlib stays
-// out of this header.
+// The test X server driven from outside the code under test: XTEST typing, a
+// second client's grabs, real applications to paste into. No Xlib in this header.
 struct _XDisplay;
 
 namespace dictora::test::x11 {
 
 class FakeKeyboard {
 public:
-    FakeKeyboard();
-    ~FakeKeyboard();
-    FakeKeyboard(const FakeKeyboard &) = delete;
-    FakeKeyboard &operator=(const FakeKeyboard &) = delete;
-
-    bool isOpen() const;
+    bool isOpen() const { return m_x.isOpen(); }
     // X keycode of a keysym name ("Control_L", "v", "F5"); 0 if the layout has none.
     int keycode(const char *keysymName) const;
     static int keycodeFromEvdev(int evdev) { return evdev + 8; }
@@ -31,19 +31,18 @@ public:
     // Holds the modifiers, taps the key, lets go in reverse order.
     void chord(const QStringList &modifierKeysyms, int keycode);
 
-    void setCapsLock(bool on);
-    void setNumLock(bool on);
+    // Caps Lock and Num Lock together.
+    void setLocks(bool on);
     // Moves Num_Lock to another modifier bit (3 = Mod3); returns false if busy.
     bool moveNumLockTo(int modifierIndex);
-    // A window's title (_NET_WM_NAME, else WM_NAME).
+    // A window's title (_NET_WM_NAME).
     QString windowTitle(quint64 window) const;
 
     // The modifier index Num_Lock has now (usually 4 = Mod2), or -1.
     int numLockModifierIndex() const;
 
 private:
-    struct Private;
-    std::unique_ptr<Private> d;
+    dictora::x11::XConnection m_x;
 };
 
 // A second X client holding a passive grab, as another program would.
@@ -55,7 +54,7 @@ public:
     bool isHeld() const { return m_held; }
 
 private:
-    void *m_display = nullptr;
+    dictora::x11::XConnection m_x;
     int m_keycode;
     unsigned int m_modifiers;
     bool m_held = false;
@@ -74,6 +73,17 @@ private:
     QProcess m_process;
 };
 
+// A window's 32-bit property items (atoms, windows, cardinals); window 0 is the root.
+QList<quint64> windowProperty(quint64 window, const char *name);
+// Asks the tracker for the window and waits, serving the event loop, until it is active.
+inline bool activateAndWait(WindowTracker &tracker, WindowHandle window, int timeoutMs)
+{
+    if (window.isNull())
+        return false;
+    if (!tracker.isActive(window))
+        tracker.requestActivation(window);
+    return QTest::qWaitFor([&] { return tracker.isActive(window); }, timeoutMs);
+}
 // The window that has the focus (_NET_ACTIVE_WINDOW), 0 when none.
 quint64 activeWindow();
 // _NET_WM_PID of a window, 0 when it has none.
@@ -117,8 +127,22 @@ private:
     std::unique_ptr<ChildProgram> m_program;
 };
 
-// Asks the server to unmap a window that does not exist: one BadWindow error
-// on that connection.
+// Unmaps a window that does not exist: one BadWindow error on that connection.
 void unmapMissingWindow(_XDisplay *display);
+
+// main() of a test run under tests/support/x11/with-x that drives the named programs.
+template <typename Test>
+int testMain(int argc, char **argv, std::initializer_list<const char *> programs = {})
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY") || qgetenv("QT_QPA_PLATFORM") != "xcb")
+        return rigMissing("needs an X display: run under tests/support/x11/with-x");
+    for (const char *program : programs) {
+        if (QStandardPaths::findExecutable(QLatin1String(program)).isEmpty())
+            return rigMissing(qPrintable(QLatin1String(program) + QLatin1String(" is not installed")));
+    }
+    QApplication app(argc, argv);
+    Test test;
+    return QTest::qExec(&test, argc, argv);
+}
 
 } // namespace dictora::test::x11

@@ -1,4 +1,5 @@
 #include "platform/services/PlatformServices.h"
+#include "support/TestSupport.h"
 #include "text/paste/PasteService.h"
 
 #include <QTemporaryDir>
@@ -69,22 +70,18 @@ private Q_SLOTS:
         auto keys = Platform::createKeystrokeSender();
         PasteService service(log, *tracker, *keys, Platform::createClipboard());
         QVERIFY(!service.captureTarget().has_value());
-        PasteTarget target;
-        target.application = TargetApplication{QStringLiteral("Editor"), QStringLiteral("Mousepad"), 1234};
-        target.window = WindowHandle{0x400003};
+        const PasteTarget target{TargetApplication{QStringLiteral("Editor"), QStringLiteral("Mousepad"), 1234}, WindowHandle{0x400003}};
         std::optional<qint64> dispatched;
         service.paste(QStringLiteral("text"), target, [&](qint64 ms) { dispatched = ms; });
         // The window never becomes active: the sequence gives up after its bound.
         QTRY_VERIFY_WITH_TIMEOUT(dispatched.has_value(), 5000);
         QVERIFY(*dispatched >= 0);
-        QFile file(log.filePath());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QString content = QString::fromUtf8(file.readAll());
-        QVERIFY(content.contains(QStringLiteral("] paste begin target=Editor chars=4\n")));
-        QVERIFY(content.contains(QStringLiteral("] paste target reactivated ok=false\n")));
-        QVERIFY(content.contains(QStringLiteral("] pasteboard transcript installed\n")));
-        QVERIFY(content.contains(QStringLiteral("] paste keystroke failed keystroke=ctrl+v error=")));
-        QVERIFY(content.contains(QStringLiteral("] command-v posted to pid=1234\n")));
+        const QStringList lines = test::logMessages(QString::fromUtf8(test::readFile(log.filePath())));
+        QVERIFY2(lines.size() == 5 && lines.at(3).startsWith(QStringLiteral("paste keystroke failed keystroke=ctrl+v error=")),
+            qPrintable(lines.join(u'\n')));
+        QCOMPARE(lines.first(), QStringLiteral("paste begin target=Editor chars=4"));
+        QCOMPARE(lines.mid(1, 2), (QStringList{QStringLiteral("paste target reactivated ok=false"), QStringLiteral("pasteboard transcript installed")}));
+        QCOMPARE(lines.last(), QStringLiteral("command-v posted to pid=1234"));
     }
 };
 

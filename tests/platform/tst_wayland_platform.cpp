@@ -1,5 +1,4 @@
-// The wlroots backends against a real headless Sway, with foot as the
-// native application they serve: run under tests/support/wayland/with-sway.
+// The wlroots backends against a real headless Sway and foot (tests/support/wayland/with-sway).
 #include "SwaySupport.h"
 #include "support/TestSupport.h"
 
@@ -29,9 +28,7 @@ class TestWaylandPlatform : public QObject {
     QTemporaryDir m_dir;
     std::unique_ptr<sway::Foot> m_editor;   // app id dictora-test-editor, has a desktop entry
     std::unique_ptr<sway::Foot> m_terminal; // app id dictora-test-term, has none
-    // Made once before any client starts, as the program does at login:
-    // a seat that gains its first keyboard makes clients bind it anew, and
-    // keys sent meanwhile are lost.
+    // Made before any client starts, as at login: clients rebind a seat's first keyboard, losing keys meanwhile.
     std::unique_ptr<WaylandKeystrokeSender> m_keys;
 
     QString path(const char *name) const { return m_dir.filePath(QLatin1String(name)); }
@@ -39,13 +36,7 @@ class TestWaylandPlatform : public QObject {
     // Waits for the tracker to see what Sway itself reports as focused.
     static bool trackerSees(WaylandWindowTracker &tracker, const QString &appId)
     {
-        for (int i = 0; i < 500; ++i) {
-            const auto window = tracker.frontmostWindow();
-            if (window && window->windowClass == appId)
-                return true;
-            QTest::qWait(10);
-        }
-        return false;
+        return QTest::qWaitFor([&] { return tracker.frontmostWindow().value_or(FrontmostWindow{}).windowClass == appId; }, 5000);
     }
 
 private Q_SLOTS:
@@ -109,8 +100,7 @@ private Q_SLOTS:
     void keymapTextThatIsNotAKeymapIsRefused()
     {
         QString why;
-        QVERIFY(!XkbKeymap::fromText("xkb_keymap { this is not one", &why));
-        QVERIFY(!why.isEmpty());
+        QVERIFY(!XkbKeymap::fromText("xkb_keymap { this is not one", &why) && !why.isEmpty());
     }
 
     void trackerFollowsTheFocus_data()
@@ -152,8 +142,7 @@ private Q_SLOTS:
         QVERIFY(!tracker.isActive(handle));
     }
 
-    // The text we serve reaches a native client through the keystroke, and
-    // the read is reported.
+    // The text we serve reaches a native client through the keystroke, and the read is reported.
     void pasteReachesFoot_data()
     {
         QTest::addColumn<QString>("text");
@@ -193,8 +182,7 @@ private Q_SLOTS:
         }
     }
 
-    // "Keep my clipboard": another client's copy, every format, is read
-    // through the compositor, and is there again after our paste.
+    // "Keep my clipboard": another client's copy, every format, is read and is there again after our paste.
     void copiedFormatsComeBack()
     {
         const auto sorted = [](ClipboardContents c) {

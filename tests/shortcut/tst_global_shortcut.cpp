@@ -1,4 +1,5 @@
 #include "shortcut/GlobalShortcut.h"
+#include "shortcut/KeyCodes.h"
 #include "shortcut/ShortcutKeyLabel.h"
 
 #include <QtTest>
@@ -74,7 +75,7 @@ private Q_SLOTS:
         QTest::newRow("trimmed") << qint64(41) << true << "\t;\n" << ";";
         QTest::newRow("backtick") << qint64(50) << true << QString::fromUtf8("§") << kBacktick;
 
-        // The whole table's size is checked against the key codes in tst_key_codes.
+        // The whole table's size is checked against the key codes in coversUsLayout.
         const QList<QPair<qint64, QString>> special{{36, "Return"}, {117, "Forward Delete"},
             {123, QString::fromUtf8("←")}, {122, "F1"}, {111, "F12"}, {90, "F20"}};
         for (const auto &[code, name] : special)
@@ -186,6 +187,51 @@ private Q_SLOTS:
         // Writers keep the documented key order.
         QVERIFY(json.indexOf("\"keyCode\"") < json.indexOf("\"modifiers\""));
         QVERIFY(json.indexOf("\"modifiers\"") < json.indexOf("\"keyLabel\""));
+    }
+
+    void roundTrip()
+    {
+        int mapped = 0;
+        for (std::int64_t code = -1; code <= 300; ++code) {
+            const auto evdev = KeyCodes::evdevFromKeyCode(code);
+            if (!evdev)
+                continue;
+            ++mapped;
+            QCOMPARE(KeyCodes::keyCodeFromEvdev(*evdev), std::optional<std::int64_t>(code));
+        }
+        int reverse = 0;
+        for (int evdev = -1; evdev <= 800; ++evdev) {
+            const auto code = KeyCodes::keyCodeFromEvdev(evdev);
+            if (!code)
+                continue;
+            ++reverse;
+            QCOMPARE(KeyCodes::evdevFromKeyCode(*code), std::optional<int>(evdev));
+        }
+        QCOMPARE(reverse, mapped); // a bijection: no two keys share a code
+    }
+
+    void coversUsLayout()
+    {
+        // Every key with a fixed label, plus every letter, digit and punctuation key.
+        QList<std::int64_t> codes;
+        for (std::int64_t code = 0; code < 256; ++code) {
+            if (ShortcutKeyLabel::specialKeyLabel(code))
+                codes.append(code);
+        }
+        QCOMPARE(codes.size(), 35);
+        for (std::int64_t code = 0; code <= 51; ++code) // letters, digits and punctuation sit in 0…51
+            codes.append(code);
+        for (const std::int64_t code : codes)
+            QVERIFY2(KeyCodes::evdevFromKeyCode(code).has_value(), qPrintable(QString::number(code)));
+    }
+
+    void unknownCodes()
+    {
+        QCOMPARE(KeyCodes::evdevFromKeyCode(-1), std::nullopt);
+        QCOMPARE(KeyCodes::evdevFromKeyCode(1000), std::nullopt);
+        QCOMPARE(KeyCodes::evdevFromKeyCode(55), std::nullopt); // Command itself is no shortcut key
+        QCOMPARE(KeyCodes::keyCodeFromEvdev(0), std::nullopt);
+        QCOMPARE(KeyCodes::keyCodeFromEvdev(42), std::nullopt); // left Shift
     }
 };
 

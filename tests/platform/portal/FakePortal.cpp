@@ -91,10 +91,11 @@ void FakePortal::control(const QString &method, const QVariantList &arguments)
 
 qint64 FakePortal::press(const QString &shortcutId)
 {
-    m_lastReply.clear();
-    control(QStringLiteral("Press"), {shortcutId});
-    return m_lastReply.toLongLong();
+    QDBusPendingReply<qint64> reply = pressAsync(shortcutId);
+    reply.waitForFinished();
+    return reply.isValid() ? reply.value() : 0;
 }
+
 QDBusPendingCall FakePortal::pressAsync(const QString &shortcutId)
 {
     QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(kPortalService), QLatin1String(kPortalPath),

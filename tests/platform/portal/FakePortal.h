@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/TestSupport.h"
+
 #include <QDBusConnection>
 #include <QDBusPendingCall>
 #include <QJsonArray>
@@ -7,10 +9,11 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 namespace dictora::test {
 
-// A private session bus (dbus-daemon) with fake_portal.py on it, standing in
-// for xdg-desktop-portal and the consent dialogs a real desktop would show.
+// A private session bus with fake_portal.py standing in for xdg-desktop-portal and its dialogs.
 class FakePortal {
 public:
     FakePortal() = default;
@@ -26,8 +29,7 @@ public:
 
     // A new client connection to the private bus, as the program would have.
     QDBusConnection connect(const QString &name);
-    // The same under a name no other connection of this process had (the
-    // program keeps per-connection state by name).
+    // The same under a fresh name (the program keeps per-connection state by name).
     QDBusConnection client()
     {
         static int count = 0;
@@ -37,8 +39,7 @@ public:
     // Control of the fake: keys, answers to the dialogs, the call log.
     // When the fake sent Activated (CLOCK_MONOTONIC, ns); 0 when the call failed.
     qint64 press(const QString &shortcutId = QStringLiteral("dictate"));
-    // The same without waiting, so the caller's event loop stays free; the
-    // reply carries the time.
+    // The same without waiting; the reply carries the time.
     QDBusPendingCall pressAsync(const QString &shortcutId = QStringLiteral("dictate"));
     void release(const QString &shortcutId = QStringLiteral("dictate"));
     void changeTrigger(const QString &trigger, const QString &shortcutId = QStringLiteral("dictate"));
@@ -58,5 +59,19 @@ private:
     QStringList m_connections;
     QVariant m_lastReply;
 };
+
+// Waits, serving the event loop, for as long as the fake's answers may take.
+inline bool waitFor(const std::function<bool()> &done) { return QTest::qWaitFor(done, 10000); }
+
+// main() of a test on the fake portal: skipped visibly where it cannot run.
+template <typename Test>
+int fakePortalMain(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    if (const QString reason = FakePortal::unavailableReason(); !reason.isEmpty())
+        return skipAll(qPrintable(reason));
+    Test test;
+    return QTest::qExec(&test, argc, argv);
+}
 
 } // namespace dictora::test

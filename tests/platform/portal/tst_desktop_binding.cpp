@@ -4,8 +4,13 @@
 #include "platform/portal/UinputKeystrokeSender.h"
 #include "support/TestSupport.h"
 
-#include <QProcess>
+#include <QFile>
 #include <QtTest>
+
+#include <fcntl.h>
+#include <linux/input.h>
+#include <poll.h>
+#include <unistd.h>
 
 using namespace dictora;
 using namespace dictora::portal;
@@ -19,14 +24,29 @@ constexpr std::uint8_t kCtrlAlt = GlobalShortcutModifiers::control | GlobalShort
 
 QString gsettingsGet(const QString &schema, const QString &key)
 {
-    QProcess p;
-    p.start("gsettings", {"get", schema, key});
-    p.waitForFinished(5000);
-    return QString::fromUtf8(p.readAllStandardOutput()).trimmed();
+    return dictora::test::runProgram(QStringLiteral("gsettings"), {"get", schema, key}).out.trimmed();
 }
 bool gsettingsSet(const QString &schema, const QString &key, const QString &value)
 {
-    return QProcess::execute("gsettings", {"set", schema, key, value}) == 0;
+    return dictora::test::runProgram(QStringLiteral("gsettings"), {"set", schema, key, value}).exitCode == 0;
+}
+// The event node the kernel made for our virtual keyboard, from the input device list.
+QString eventNodeOf(const QString &deviceName)
+{
+    QFile devices(QStringLiteral("/proc/bus/input/devices"));
+    if (!devices.open(QIODevice::ReadOnly))
+        return {};
+    bool ours = false;
+    for (const QByteArray &line : devices.readAll().split('\n')) {
+        if (line.startsWith("N: Name="))
+            ours = line.contains(deviceName.toUtf8());
+        if (ours && line.startsWith("H: Handlers=")) {
+            for (const QByteArray &handler : line.mid(12).split(' '))
+                if (handler.startsWith("event"))
+                    return QStringLiteral("/dev/input/") + QString::fromLatin1(handler);
+        }
+    }
+    return {};
 }
 } // namespace
 
@@ -42,40 +62,22 @@ private Q_SLOTS:
         qputenv("GSETTINGS_BACKEND", "keyfile");
     }
 
-    void desktopNames_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<int>("desktop");
-        // Plain GNOME, KDE and sway: the real sessions of tst_real_portal, tst_desktop_window_tracker, tst_e2e_wayland.
-        QTest::newRow("ubuntu's gnome") << "ubuntu:GNOME" << int(Desktop::gnome);
-        QTest::newRow("hyprland") << "Hyprland" << int(Desktop::hyprland);
-        QTest::newRow("river") << "river" << int(Desktop::river);
-        QTest::newRow("unknown first, known second") << "Foo:sway" << int(Desktop::sway);
-        QTest::newRow("empty") << "" << int(Desktop::other);
-    }
-
-    void desktopNames()
-    {
-        QFETCH(QString, name);
-        QFETCH(int, desktop);
-        QCOMPARE(int(desktopFromName(name)), desktop);
-    }
-
-    // What the user is told to add to the compositor's configuration; on
-    // GNOME, with no file to edit, the accelerator of its keybinding.
+    // What the user is told to add to the compositor's configuration, by $XDG_CURRENT_DESKTOP; on
+    // GNOME, with no file to edit, the accelerator of its keybinding. Plain GNOME, KDE and sway
+    // sessions are tst_real_portal's, tst_desktop_window_tracker's and tst_e2e_wayland's.
     void bindingLines_data()
     {
-        QTest::addColumn<int>("desktop");
+        QTest::addColumn<QString>("desktop");
         QTest::addColumn<qint64>("keyCode");
         QTest::addColumn<int>("modifiers");
         QTest::addColumn<bool>("hold");
         QTest::addColumn<QStringList>("lines");
-        const int sway = int(Desktop::sway), hypr = int(Desktop::hyprland), river = int(Desktop::river), gnome = int(Desktop::gnome);
+        const QString sway = "sway", hypr = "Hyprland", river = "river", gnome = "GNOME";
         QTest::newRow("sway toggle") << sway << qint64(50) << 0 << false << QStringList{"bindsym grave exec dictora toggle"};
         QTest::newRow("sway hold") << sway << qint64(50) << 0 << true
                                    << QStringList{"bindsym grave exec dictora press", "bindsym --release grave exec dictora release"};
-        QTest::newRow("sway ctrl+alt+k") << sway << qint64(40) << int(kCtrlAlt) << false
-                                         << QStringList{"bindsym Ctrl+Mod1+k exec dictora toggle"};
+        QTest::newRow("sway second, ctrl+alt+k") << "Foo:sway" << qint64(40) << int(kCtrlAlt) << false
+                                                 << QStringList{"bindsym Ctrl+Mod1+k exec dictora toggle"};
         QTest::newRow("hyprland toggle") << hypr << qint64(50) << 0 << false << QStringList{"bind = , grave, exec, dictora toggle"};
         QTest::newRow("hyprland hold ctrl+alt+k") << hypr << qint64(40) << int(kCtrlAlt) << true
                                                   << QStringList{"bind = CTRL ALT, k, exec, dictora press",
@@ -85,23 +87,24 @@ private Q_SLOTS:
         QTest::newRow("river hold super+f5") << river << qint64(96) << int(GlobalShortcutModifiers::command) << true
                                              << QStringList{"riverctl map normal Super F5 spawn 'dictora press'",
                                                     "riverctl map -release normal Super F5 spawn 'dictora release'"};
-        QTest::newRow("gnome backtick") << gnome << qint64(50) << 0 << false << QStringList{"grave"};
+        QTest::newRow("ubuntu's gnome backtick") << "ubuntu:GNOME" << qint64(50) << 0 << false << QStringList{"grave"};
         QTest::newRow("gnome ctrl+alt+k") << gnome << qint64(40) << int(kCtrlAlt) << false << QStringList{"<Control><Alt>k"};
         QTest::newRow("gnome shift+super+f5") << gnome << qint64(96)
                                               << int(GlobalShortcutModifiers::shift | GlobalShortcutModifiers::command) << false
                                               << QStringList{"<Shift><Super>F5"};
+        QTest::newRow("unknown desktop: nothing to add") << "Foo" << qint64(50) << 0 << false << QStringList{};
     }
 
     void bindingLines()
     {
-        QFETCH(int, desktop);
+        QFETCH(QString, desktop);
         QFETCH(qint64, keyCode);
         QFETCH(int, modifiers);
         QFETCH(bool, hold);
         QFETCH(QStringList, lines);
         const GlobalShortcut s = shortcut(keyCode, std::uint8_t(modifiers), "x");
-        QStringList got = portal::bindingLines(Desktop(desktop), s, hold);
-        if (Desktop(desktop) == Desktop::gnome) {
+        QStringList got = portal::bindingLines(desktopFromName(desktop), s, hold);
+        if (desktopFromName(desktop) == Desktop::gnome) {
             QVERIFY(got.isEmpty());
             got = {gnomeAccelerator(s)};
         }
@@ -154,6 +157,43 @@ private Q_SLOTS:
         UinputKeystrokeSender plain(m_home.path() + "/not-a-device");
         QVERIFY(!plain.isOpen());
         QVERIFY(plain.failureReason().contains("could not be created"));
+    }
+
+    // The kernel's view of what the virtual keyboard typed: the same events a
+    // compositor reads through libinput.
+    void typesThePasteChord_data()
+    {
+        QTest::addColumn<int>("keystroke");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("ctrl+v") << int(PasteKeystroke::controlV) << "29+ 47+ 47- 29-";
+        QTest::newRow("ctrl+shift+v") << int(PasteKeystroke::controlShiftV) << "29+ 42+ 47+ 47- 42- 29-";
+    }
+
+    void typesThePasteChord()
+    {
+        QFETCH(int, keystroke);
+        QFETCH(QString, expected);
+        if (const QString why = UinputKeystrokeSender::accessProblem(); !why.isEmpty())
+            QSKIP(qPrintable(why));
+        UinputKeystrokeSender sender;
+        QVERIFY2(sender.isOpen(), qPrintable(sender.failureReason()));
+        QString node;
+        QVERIFY(QTest::qWaitFor([&] { return !(node = eventNodeOf(UinputKeystrokeSender::kDeviceName)).isEmpty(); }, 5000));
+        QVERIFY(QTest::qWaitFor([&] { return QFile::exists(node); }, 5000));
+        const int fd = ::open(QFile::encodeName(node).constData(), O_RDONLY | O_NONBLOCK);
+        QVERIFY2(fd >= 0, "the event node cannot be read");
+        QVERIFY(sender.send(PasteKeystroke(keystroke)));
+        QStringList keys;
+        pollfd p{fd, POLLIN, 0};
+        while (keys.size() < expected.count(' ') + 1 && ::poll(&p, 1, 2000) > 0) {
+            input_event event{};
+            while (::read(fd, &event, sizeof event) == sizeof event) {
+                if (event.type == EV_KEY)
+                    keys << QString::number(event.code) + (event.value ? "+" : "-");
+            }
+        }
+        ::close(fd);
+        QCOMPARE(keys.join(' '), expected);
     }
 
     // What a KDE/GNOME session needs before typing works.

@@ -1,7 +1,6 @@
 #include "FakePortal.h"
 #include "platform/portal/PortalShortcutBackend.h"
 #include "platform/portal/PortalTrigger.h"
-#include "support/TestSupport.h"
 
 #include <QJsonObject>
 #include <QSignalSpy>
@@ -10,10 +9,10 @@
 using namespace dictora;
 using dictora::portal::PortalShortcutBackend;
 using dictora::test::FakePortal;
+using dictora::test::waitFor;
 using Stage = PortalShortcutBackend::Stage;
 
-// The desktops end to end are the lab's (tests/e2e/lab); here, on a fake
-// portal, the turns of the conversation a real desktop is slow to take.
+// On a fake portal, the turns of the conversation a real desktop (tests/e2e/lab) is slow to take.
 namespace {
 GlobalShortcut shortcut(std::int64_t keyCode, std::uint8_t modifiers, const QString &label)
 {
@@ -21,8 +20,6 @@ GlobalShortcut shortcut(std::int64_t keyCode, std::uint8_t modifiers, const QStr
 }
 const GlobalShortcut kCtrlAltK = shortcut(40, GlobalShortcutModifiers::control | GlobalShortcutModifiers::option, "K");
 const GlobalShortcut kBacktick = shortcut(50, 0, "`"); // the default, built here: no static order to rely on
-
-bool waitFor(const std::function<bool()> &done) { return QTest::qWaitFor(done, 10000); }
 
 // The fake portal and a backend on its bus.
 struct Rig {
@@ -55,9 +52,7 @@ class TestPortalShortcut : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    // The triggers a shortcut is described by: the US name alone, one per
-    // symbol the key types on the user's layouts, or (GNOME) the physical
-    // key's code, the same on every layout.
+    // The US name alone, one per symbol the key types on the user's layouts, or (GNOME) the key's code.
     void triggers_data()
     {
         QTest::addColumn<GlobalShortcut>("shortcut");
@@ -99,8 +94,7 @@ private Q_SLOTS:
         QCOMPARE(portal::preferredTriggers(shortcut, names), triggers);
     }
 
-    // Bound by keycode, the sheet still shows the key's own name; a key held
-    // down (the desktop repeats) is one press.
+    // Bound by keycode, the key's own name is shown; a key held down (the desktop repeats) is one press.
     void bindsThenReportsPressAndRelease()
     {
         Rig rig;
@@ -146,9 +140,7 @@ private Q_SLOTS:
         QCOMPARE(rig.calls("BindShortcuts"), 2);
     }
 
-    // Each desktop's answers, with install() called as often as the
-    // readiness monitor would (on every change and every second); a second
-    // run finds what the first one bound.
+    // Each desktop's answers, installed as often as the readiness monitor would; a second run finds the first's binding.
     void desktopAnswers_data()
     {
         QTest::addColumn<QStringList>("options");
@@ -184,8 +176,7 @@ private Q_SLOTS:
         QCOMPARE(portal.calls("GlobalShortcuts.BindShortcuts").size(), binds);
     }
 
-    // The user asks for the dialog again: where the desktop has one for
-    // changing a known shortcut (version 2), that one, else a fresh bind.
+    // Asked for again: the desktop's own dialog for a known shortcut (version 2), else a fresh bind.
     void askAgain_data()
     {
         QTest::addColumn<QString>("version");
@@ -208,9 +199,8 @@ private Q_SLOTS:
         QVERIFY(rig.bound(kBacktick));
     }
 
-    // Changed in the desktop's settings, then the session ended by the
-    // desktop: keys of a closed session do nothing, and one fresh session
-    // opens once the pause is over; uninstalling closes it.
+    // Changed in the desktop's settings, then the session ended by it: its keys do nothing,
+    // one fresh session opens after the pause, and uninstalling closes that.
     void desktopChangesAndSessionEnd()
     {
         Rig rig;
@@ -238,9 +228,8 @@ private Q_SLOTS:
         QVERIFY(waitFor([&] { return rig.portal.calls("Session.Close").size() == 1; }));
     }
 
-    // A layout added while Dictora runs: the old session closes and a fresh
-    // one binds the full set (the key keeps working meanwhile); an unchanged
-    // list binds nothing. GNOME lists nothing to a new session and answers the bind.
+    // A layout added later: a fresh session binds the full set, the key working meanwhile; an
+    // unchanged list binds nothing. GNOME lists nothing to a new session and answers the bind.
     void layoutAddedLater_data()
     {
         QTest::addColumn<QString>("answer");
@@ -282,13 +271,6 @@ private Q_SLOTS:
     }
 };
 
-int main(int argc, char **argv)
-{
-    QCoreApplication app(argc, argv);
-    if (const QString reason = FakePortal::unavailableReason(); !reason.isEmpty())
-        return dictora::test::skipAll(qPrintable(reason));
-    TestPortalShortcut tc;
-    return QTest::qExec(&tc, argc, argv);
-}
+int main(int argc, char **argv) { return dictora::test::fakePortalMain<TestPortalShortcut>(argc, argv); }
 
 #include "tst_portal_shortcut.moc"

@@ -8,7 +8,7 @@
 #include <QDBusInterface>
 #include <QDBusReply>
 #include <QSignalSpy>
-#include <QXmlStreamReader>
+#include <QRegularExpression>
 #include <QtTest>
 
 using namespace dictora;
@@ -16,8 +16,7 @@ using dictora::portal::PortalShortcutBackend;
 using dictora::portal::RemoteDesktopKeystrokeSender;
 
 namespace {
-// The objects the portal holds for us under `kind` ("request" or "session"):
-// an open session, and a request still waiting for its Response.
+// The portal's objects of ours: "session"s open, "request"s still awaiting their Response.
 QStringList portalObjects(const QString &kind)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
@@ -25,21 +24,15 @@ QStringList portalObjects(const QString &kind)
     QDBusInterface node(QLatin1String(portal::kService), path, QStringLiteral("org.freedesktop.DBus.Introspectable"), bus);
     const QDBusReply<QString> xml = node.call(QStringLiteral("Introspect"));
     QStringList children;
-    QXmlStreamReader reader(xml.value());
-    while (reader.readNextStartElement()) {
-        if (reader.name() == QLatin1String("node") && reader.attributes().hasAttribute(QStringLiteral("name")))
-            children << reader.attributes().value(QStringLiteral("name")).toString();
-        if (reader.name() != QLatin1String("node"))
-            reader.skipCurrentElement();
-    }
+    static const QRegularExpression child(QStringLiteral("<node name=\"([^\"]+)\""));
+    for (const QRegularExpressionMatch &match : child.globalMatch(xml.value()))
+        children << match.captured(1);
     return children;
 }
 } // namespace
 
-// The real xdg-desktop-portal with the desktop's backend, in a headless KWin
-// or Mutter. Consent dialogs cannot be clicked here, so each conversation is
-// followed up to the dialog: every step before it must be answered by the
-// real portal.
+// The real xdg-desktop-portal in a headless KWin or Mutter, each conversation
+// followed up to the consent dialog nobody can click here.
 class TestRealPortal : public QObject {
     Q_OBJECT
 
@@ -52,10 +45,8 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitFor([&] { return bus.interface()->isServiceRegistered(portal::kService).value(); }, 20000));
     }
 
-    // CreateSession and ListShortcuts are answered through Request objects at
-    // the paths we predicted. BindShortcuts then either waits for the user's
-    // dialog, binds at once, or, as KDE Plasma 5.27 does, registers the
-    // shortcut without a key and points the user to its shortcut settings.
+    // CreateSession and ListShortcuts answer through Request objects at the predicted paths; the bind
+    // then waits for the dialog, binds at once, or (KDE Plasma 5.27) registers no key.
     void shortcutSessionBindsOrReachesTheDialog()
     {
         using Stage = PortalShortcutBackend::Stage;
@@ -87,8 +78,7 @@ private Q_SLOTS:
         }
     }
 
-    // KDE Plasma 5.27 starts a keyboard-only session headless without a
-    // dialog; elsewhere the start waits for the user. Either way nothing fails.
+    // KDE Plasma 5.27 starts a keyboard session without a dialog; elsewhere the start waits for the user.
     void remoteDesktopSessionStartsOrReachesTheDialog()
     {
         using Stage = RemoteDesktopKeystrokeSender::Stage;
