@@ -71,18 +71,18 @@ bool synthesize(const QString &file, int rate, int channels, double seconds, con
 std::unique_ptr<QProcess> play(const QString &file, const QString &sink);
 bool runTool(const QString &program, const QStringList &arguments, QString *output = nullptr);
 
-// Index in haystack where needle fits best (normalised cross-correlation),
-// searched from a negative lag (the needle's head missing) up to where the
-// needle ends with the haystack; the whole needle's correlation at that lag
-// through *best.
-qsizetype bestLag(const std::vector<float> &haystack, const std::vector<float> &needle, double *best);
-// The needle compared one window at a time from `lag` on, each window free to
-// move up to `slack` samples from where the previous one matched (a loaded
-// server may stretch playback by a few milliseconds). The worst correlation
-// over windows that carry sound; *drift: where the last window matched
-// relative to `lag`.
-double worstWindowCorrelation(const std::vector<float> &haystack, const std::vector<float> &needle, qsizetype lag,
-                              qsizetype *drift = nullptr, qsizetype window = 16000, qsizetype slack = 800);
+// Normalised correlation of the needle with the haystack from `lag` on.
 double correlationAt(const std::vector<float> &haystack, qsizetype lag, const std::vector<float> &needle);
 
 } // namespace dictora::test::pulse
+
+// A test's main(): without the wrapper's server the rig is missing.
+#define DICTORA_PULSE_TEST_MAIN(TestClass)                                                                  \
+    int main(int argc, char **argv)                                                                         \
+    {                                                                                                       \
+        if (!dictora::test::pulse::serverConfigured())                                                      \
+            return dictora::test::rigMissing("needs a PulseAudio server: run under tests/support/pulse/with-pulse"); \
+        QCoreApplication app(argc, argv);                                                                   \
+        TestClass test;                                                                                     \
+        return QTest::qExec(&test, argc, argv);                                                             \
+    }

@@ -26,6 +26,20 @@ inline QStringList texts(const QList<TranscriptRecord> &records)
     return out;
 }
 
+// What a journal must yield: every line decoded on its own by the general
+// decoder (a line ending in CR is not ours).
+inline QList<TranscriptRecord> referenceRead(const QByteArray &bytes)
+{
+    QList<TranscriptRecord> records;
+    for (const QByteArray &line : bytes.split('\n')) {
+        if (line.isEmpty() || line.endsWith('\r'))
+            continue;
+        if (auto r = TranscriptRecord::fromJson(line))
+            records.append(*r);
+    }
+    return records;
+}
+
 inline QDateTime utc(const char *iso)
 {
     return QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODateWithMs).toUTC();

@@ -57,22 +57,6 @@ private Q_SLOTS:
         g_journalPath = m_journal.filePath();
     }
 
-    void emptyOrMissingJournalHasNothingToArchive()
-    {
-        for (bool createFile : {false, true}) {
-            if (createFile)
-                m_journal.prepare();
-            try {
-                archiveAndClear(m_journal, destination(), QDateTime::currentDateTimeUtc());
-                QFAIL("archived an empty History");
-            } catch (const TranscriptHistoryArchiveError &e) {
-                QCOMPARE(e.kind(), TranscriptHistoryArchiveError::Kind::noHistory);
-                QCOMPARE(e.description(), QStringLiteral("There is no History to archive."));
-            }
-            QVERIFY(!QFile::exists(destination()));
-        }
-    }
-
     void archivesGoodRecordsAndClearsEverything()
     {
         const TranscriptRecord a = recordSavedAt(utc("2026-01-02T03:04:05.006Z"), QStringLiteral("first / line"));

@@ -1,12 +1,9 @@
-// The fast ways of reading the journal against the reference: the canonical
-// line decoder against the general one (tricky lines, every one-byte edit of
-// a full line; the fuzz harnesses run both over their seeds), the
-// newest-first scan against readAll, and the History store against a
-// line-by-line decode, on generated journals full of damaged lines.
+// The fast ways of reading the journal (canonical line decoder, newest-first
+// scan, History store) against the general decoder line by line: tricky
+// lines, every one-byte edit of a full line, generated damaged journals.
 #include "HistoryTestRecords.h"
 #include "history/HistoryStore.h"
 #include "history/JournalLineDecoder.h"
-#include "history/TranscriptHistoryArchive.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -19,14 +16,13 @@
 #include <QtTest>
 
 using namespace dictora;
-using dictora::test::readFile;
+using dictora::test::referenceRead;
 using dictora::test::writeFile;
 
 namespace {
 
-// Empty when the journal's decoders read `line` as the general one does: the
-// canonical path, where it answers, with the same record, and the reader's
-// decode always with the general decoder's answer.
+// Empty when the canonical path (where it answers) and the journal's decoder
+// read `line` as the general decoder does.
 QString decoderMismatch(const QByteArray &line)
 {
     const auto general = TranscriptRecord::fromJson(line);
@@ -75,19 +71,6 @@ QByteArray minimalLine(const char *replaceKey = nullptr, const char *replacement
         line = QJsonDocument(o).toJson(QJsonDocument::Compact);
     }
     return line;
-}
-
-// What the journal must yield: every line decoded on its own by the general decoder.
-QList<TranscriptRecord> referenceRead(const QByteArray &bytes)
-{
-    QList<TranscriptRecord> records;
-    for (const QByteArray &line : bytes.split('\n')) {
-        if (line.isEmpty() || line.endsWith('\r'))
-            continue;
-        if (auto r = TranscriptRecord::fromJson(line))
-            records.append(*r);
-    }
-    return records;
 }
 
 // The display order as first written: sort by savedAt, ties by id string.
@@ -180,10 +163,8 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("line");
         QTest::addColumn<bool>("decodes");
         QTest::addColumn<bool>("canonical");
-        TranscriptRecord r = test::recordSavedAt(test::utc("2026-11-15T10:00:00.123Z"), QString::fromUtf8("café"));
-        r.targetApplication = TargetApplication{QStringLiteral("Text Editor"), QStringLiteral("gedit"), 42};
-        r.earsDurationMilliseconds = 640;
-        const QByteArray good = r.toJsonLine();
+        const QByteArray good = fullLine();
+        const QByteArray id = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
         const auto with = [&](const char *from, const char *to) { return QByteArray(good).replace(from, to); };
         const auto text = [&](const char *to) { return with("caf\xc3\xa9", to); };
         const auto ears = [&](const char *to) { return with("\"earsDurationMilliseconds\":640", QByteArray("\"earsDurationMilliseconds\":") + to); };
@@ -196,7 +177,7 @@ private Q_SLOTS:
         add("unknown key ignored", minimalLine("futureField", "{\"a\":1}"), true, false);
         add("null optional", minimalLine("error", "null"), true, false);
         add("fractional date", minimalLine("savedAt", "2000.75"), true, false);
-        add("id lower case", QByteArray(good).replace(uuidString(r.id).toLatin1(), uuidString(r.id).toLower().toLatin1()), true, true);
+        add("id lower case", with(id, id.toLower()), true, true);
         add("target without bundle", with("\"bundleIdentifier\":\"gedit\",", ""), true, true);
         add("missing total", minimalLine("totalDurationMilliseconds"), false, false);
         add("missing transcript", minimalLine("transcript"), false, false);
@@ -204,7 +185,7 @@ private Q_SLOTS:
         add("outcome wrong case", minimalLine("outcome", "\"Pasted\""), false, false);
         add("outcome unknown", minimalLine("outcome", "\"skipped\""), false, false);
         add("braced uuid", minimalLine("id", "\"{6f1c2b9a-3d4e-4f50-8a61-72b3c4d5e6f7}\""), false, false);
-        add("nil id", QByteArray(good).replace(uuidString(r.id).toLatin1(), "00000000-0000-0000-0000-000000000000"), false, false);
+        add("nil id", with(id, "00000000-0000-0000-0000-000000000000"), false, false);
         add("duration fractional", minimalLine("recordingDurationMilliseconds", "2.5"), false, false);
         add("date as ISO text", minimalLine("savedAt", "\"2026-01-01T00:00:00Z\""), false, false);
         add("transcript null", minimalLine("transcript", "null"), false, false);
@@ -216,12 +197,9 @@ private Q_SLOTS:
         add("control escapes, upper-case hex", text("\\b\\f\\r\\u001F"), true, true);
         add("raw four-byte UTF-8", text("\xf0\x9f\x98\x80"), true, true);
         add("largest code point", text("\xf4\x8f\xbf\xbf"), true, true);
-        add("surrogate pair escape", text("\\ud83d\\ude00"), true, false);
-        add("lone surrogate escape", text("\\ud800"), true, false);
         add("overlong", text("\xc0\xaf"), false, false);
         add("encoded surrogate", text("\xed\xa0\x80"), false, false);
         add("beyond U+10FFFF", text("\xf4\x90\x80\x80"), false, false);
-        add("raw control", text("a\x01" "b"), true, false);
         add("short unicode escape", text("\\u00e"), false, false);
         add("escaped key", with("\"outcome\"", "\"o\\u0075tcome\""), true, false);
         // Numbers.
@@ -229,11 +207,9 @@ private Q_SLOTS:
         add("15 digits", ears("999999999999999"), true, true);
         add("16 digits", ears("1234567890123456"), true, false);
         add("pid beyond int32", with("\"processIdentifier\":42", "\"processIdentifier\":2147483648"), false, false);
-        // Shape.
-        add("out of order", with("{\"earsDurationMilliseconds\":640,", "{").chopped(1) + ",\"earsDurationMilliseconds\":640}", true, false);
-        add("spaces", with(":", ": "), true, false);
+        // Shape. (Spaces, key order, duplicate keys, surrogate escapes and raw
+        // controls in valid JSON: fuzz_record's seeds, read alike by both decoders.)
         add("CRLF", good + '\r', true, false);
-        add("duplicate key, same value", with("\"outcome\":\"pasted\"", "\"outcome\":\"pasted\",\"outcome\":\"pasted\""), true, false);
         add("duplicate key in target", with("\"name\":\"Text Editor\"", "\"name\":\"A\",\"name\":\"Text Editor\""), true, false);
         add("unknown key in target", with("\"processIdentifier\":42}", "\"processIdentifier\":42,\"zz\":{}}"), true, false);
         add("target without name", with("\"name\":\"Text Editor\",", ""), false, false);
@@ -243,13 +219,10 @@ private Q_SLOTS:
         QFETCH(QByteArray, line);
         QFETCH(bool, decodes);
         QFETCH(bool, canonical);
-        const auto general = TranscriptRecord::fromJson(line);
-        const auto fast = JournalLineDecoder::decodeCanonical(line);
-        QCOMPARE(general.has_value(), decodes);
-        QCOMPARE(fast.has_value(), canonical);
-        if (fast)
-            QCOMPARE(*fast, *general);
-        QCOMPARE(JournalLineDecoder::decode(line), general);
+        QCOMPARE(TranscriptRecord::fromJson(line).has_value(), decodes);
+        QCOMPARE(JournalLineDecoder::decodeCanonical(line).has_value(), canonical);
+        const QString mismatch = decoderMismatch(line);
+        QVERIFY2(mismatch.isEmpty(), qPrintable(mismatch));
     }
 
     // One byte of a full line changed, dropped or doubled, at every position.
@@ -280,16 +253,18 @@ private Q_SLOTS:
         }
     }
 
-    void readerEqualsLineByLineDecode_data()
+    // Generated journals over 1 MiB (decoded on every core) and large enough
+    // that History shows the newest page before the rest.
+    void readersEqualLineByLineDecode_data()
     {
         QTest::addColumn<quint32>("seed");
         for (quint32 seed : {1u, 2u, 3u, 4u, 5u})
             QTest::addRow("seed %u", seed) << seed;
     }
-    void readerEqualsLineByLineDecode()
+    void readersEqualLineByLineDecode()
     {
         QFETCH(quint32, seed);
-        const QByteArray bytes = generatedJournal(seed, 3000); // over 1 MiB: decoded on every core
+        const QByteArray bytes = generatedJournal(seed, 4000);
         QVERIFY(writeFile(journalPath(), bytes));
         const QList<TranscriptRecord> expected = referenceRead(bytes);
         QVERIFY(expected.size() > 2000);
@@ -312,18 +287,8 @@ private Q_SLOTS:
             QCOMPARE(scanned, expected);
             QVERIFY(last && !afterLast); // only the oldest batch says nothing more is coming
         }
-    }
 
-    void storeEqualsJournal_data() { readerEqualsLineByLineDecode_data(); }
-    void storeEqualsJournal()
-    {
-        QFETCH(quint32, seed);
-        // Large enough that the newest page is shown before the rest.
-        const QByteArray bytes = generatedJournal(seed + 100, 4000);
-        QVERIFY(writeFile(journalPath(), bytes));
-        const QList<TranscriptRecord> expected = referenceRead(bytes);
-
-        HistoryStore store{TranscriptJournal(journalPath())};
+        HistoryStore store{journal};
         QList<QList<TranscriptRecord>> seen;
         QList<bool> partial;
         connect(&store, &HistoryStore::recordsChanged, this, [&] {
@@ -348,20 +313,6 @@ private Q_SLOTS:
         store.setQuery(QString::fromUtf8("CAFE"));
         QCOMPARE(store.filteredRecords(), HistoryFilter::apply(expected, HistoryQuery{QStringLiteral("cafe")}));
         QVERIFY(!store.filteredRecords().isEmpty());
-    }
-
-    void escapedHalfSurrogateStillArchives()
-    {
-        // "\ud800" cannot be written back as UTF-8: read as U+FFFD, it verifies.
-        const TranscriptRecord r = test::recordSavedAt(test::utc("2026-01-01T00:00:00Z"), QStringLiteral("x"));
-        const QByteArray line = r.toJsonLine().replace("\"transcript\":\"x\"", "\"transcript\":\"a\\ud800b\\udc00\"");
-        QVERIFY(writeFile(journalPath(), line + '\n'));
-        const QList<TranscriptRecord> read = TranscriptJournal(journalPath()).readAll();
-        QCOMPARE(read.size(), 1);
-        QCOMPARE(read.first().transcript, QString::fromUtf8("a\uFFFDb\uFFFD"));
-        const auto archive = archiveAndClear(TranscriptJournal(journalPath()),
-            m_dir.filePath(QStringLiteral("archive.json")), QDateTime::currentDateTimeUtc());
-        QCOMPARE(archive.recordCount, 1);
     }
 
     void reloadsAskedDuringALoadSeeTheLatestFile()

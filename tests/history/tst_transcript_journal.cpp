@@ -135,22 +135,6 @@ private Q_SLOTS:
         QCOMPARE(journal.readAll().size(), threads * perThread);
     }
 
-    void unwritablePathIsAnErrorWithReason()
-    {
-        // A plain file where the folder should be: fails for root too, unlike a read-only folder.
-        const QString blocker = m_dir.filePath(QStringLiteral("blocker"));
-        QVERIFY(writeFile(blocker, "x"));
-        TranscriptJournal journal(blocker + QStringLiteral("/transcripts.jsonl"));
-        try {
-            journal.append(makeRecord(1));
-            QFAIL("append into a file did not throw");
-        } catch (const JournalError &e) {
-            QVERIFY2(e.description().contains(QStringLiteral("blocker")), qPrintable(e.description()));
-        }
-        QVERIFY_THROWS_EXCEPTION(JournalError, journal.prepare());
-        QCOMPARE(readFile(blocker), QByteArray("x"));
-    }
-
     // A file-size limit refuses the append part-way, as a full disk does: the
     // journal is left byte for byte as it was, torn tail included, so a later
     // append neither duplicates nor fuses anything.

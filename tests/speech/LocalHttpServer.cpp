@@ -19,18 +19,6 @@ namespace {
 
 constexpr qint64 kChunk = 256 * 1024;
 
-QByteArray reason(int status)
-{
-    switch (status) {
-    case 200: return "OK";
-    case 301: return "Moved Permanently";
-    case 302: return "Found";
-    case 404: return "Not Found";
-    case 500: return "Internal Server Error";
-    default: return "Status";
-    }
-}
-
 } // namespace
 
 LocalHttpServer::LocalHttpServer()
@@ -103,7 +91,8 @@ void LocalHttpServer::answer(Connection *connection, const QString &path)
             qFatal("cannot serve %s", qPrintable(answer.bodyFile));
         length = connection->file->size();
     }
-    QByteArray head = "HTTP/1.1 " + QByteArray::number(answer.status) + ' ' + reason(answer.status) + "\r\n";
+    // Clients go by the code, never the reason phrase.
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(answer.status) + " Status\r\n";
     head += "Content-Type: application/octet-stream\r\nConnection: close\r\n";
     if (answer.sendLength)
         head += "Content-Length: " + QByteArray::number(answer.claimedLength >= 0 ? answer.claimedLength : length) + "\r\n";

@@ -108,49 +108,6 @@ private Q_SLOTS:
         QCOMPARE(chooseCutFrame(levels).value_or(-1), cut);
     }
 
-    // Whatever the capture's block size, the chunks are the recording, in
-    // order, without a sample lost or doubled, each cut inside a pause.
-    void chunksAreTheRecording_data()
-    {
-        QTest::addColumn<size_t>("block");
-        QTest::newRow("20 ms blocks") << size_t(320);
-        QTest::newRow("odd blocks") << size_t(777);
-        QTest::newRow("all at once") << size_t(100'000'000);
-    }
-    void chunksAreTheRecording()
-    {
-        QFETCH(size_t, block);
-        // Pauses at 12, 24.5, 45 and 63 s; 70 s in all.
-        const std::vector<float> recording = signal({{12, 0.1f}, {0.5, 0.0003f}, {12, 0.1f}, {0.6, 0.0003f},
-            {20, 0.1f}, {0.5, 0.0003f}, {17.5, 0.1f}, {0.8, 0.0003f}, {6.1, 0.1f}});
-        RecordingRecogniser recogniser;
-        ChunkedTranscription chunker(recogniser.recognise());
-        feedInBlocks(chunker, recording, block);
-        const int duringRecording = chunker.chunksSubmitted();
-        const AccurateSpeechResult result = chunker.finish().result();
-
-        QCOMPARE(duringRecording, 2); // at the pauses of 24.5 s and 45 s; the rest waits for the stop
-        QCOMPARE(recogniser.chunks.size(), size_t(3));
-        std::vector<float> joined;
-        qsizetype position = 0;
-        for (size_t i = 0; i < recogniser.chunks.size(); ++i) {
-            const std::vector<float> &chunk = recogniser.chunks[i];
-            if (i + 1 < recogniser.chunks.size()) {
-                QVERIFY2(chunk.size() >= 320'000 && chunk.size() <= 480'000, qPrintable(QString::number(chunk.size())));
-                position += qsizetype(chunk.size());
-                // Both sides of the cut are quiet: no sound was split.
-                for (qsizetype at : {position - 1600, position + 1600 - 160}) {
-                    const std::vector<float> around(recording.begin() + at, recording.begin() + at + 160);
-                    QVERIFY2(frameLevels(around, 160).front() < 0.001f, qPrintable(QString::number(at / 16000.0)));
-                }
-            }
-            joined.insert(joined.end(), chunk.begin(), chunk.end());
-        }
-        QVERIFY(joined == recording);
-        QCOMPARE(result.text, QStringLiteral("chunk 0 chunk 1 chunk 2"));
-        QCOMPARE(chunker.samplesFed(), qint64(recording.size()));
-    }
-
     // Cancelled, or dropped unfinished: work already queued is skipped,
     // nothing more is handed on, and there is no text.
     void cancelDiscards_data()
@@ -178,28 +135,6 @@ private Q_SLOTS:
         feedInBlocks(*chunker, recording, 320);
         QCOMPARE(chunker->finish().result().text, QString());
         QCOMPARE(recogniser.chunks.size(), size_t(1));
-    }
-
-    void aFailedChunkFailsTheDictation_data()
-    {
-        QTest::addColumn<int>("failing");
-        QTest::newRow("first of three") << 0;
-        QTest::newRow("the rest after the stop") << 2;
-    }
-    void aFailedChunkFailsTheDictation()
-    {
-        QFETCH(int, failing);
-        RecordingRecogniser recogniser;
-        recogniser.failingChunk = failing;
-        ChunkedTranscription chunker(recogniser.recognise());
-        feedInBlocks(chunker, signal({{22, 0.1f}, {0.5, 0.0003f}, {22, 0.1f}, {0.5, 0.0003f}, {3, 0.1f}}), 16000);
-        QFuture<AccurateSpeechResult> future = chunker.finish();
-        try {
-            future.waitForFinished();
-            QFAIL("the dictation should have failed");
-        } catch (const AccurateSpeechError &error) {
-            QCOMPARE(error.code(), -3);
-        }
     }
 
     // The joined result becomes ready only when the last chunk is, even when
@@ -230,32 +165,60 @@ private Q_SLOTS:
 
     // A chunk cut before the recording outgrows one window waits: a recording
     // that fits in one is recognised whole at the stop, never as two windows.
-    // A chunk of near silence is cut but never reaches the recogniser.
+    // A chunk of near silence is cut but never reaches the recogniser. One
+    // failed chunk fails the dictation.
     void chunksHandedOn_data()
     {
         QTest::addColumn<std::vector<float>>("recording");
+        QTest::addColumn<size_t>("block"); // samples the capture hands on at a time
         QTest::addColumn<int>("duringRecording");
         QTest::addColumn<int>("submitted");
         QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("failing"); // the chunk whose recognition fails, -1: none
         const auto pauseAt22 = [](double tail) { return signal({{22, 0.1f}, {0.5, 0.0003f}, {tail, 0.1f}}); };
-        QTest::newRow("26 s: whole at the stop") << pauseAt22(3.5) << 0 << 1 << "chunk 0";
-        QTest::newRow("29.9 s: whole at the stop") << pauseAt22(7.4) << 0 << 1 << "chunk 0";
-        QTest::newRow("32 s: a chunk while recording, then the rest") << pauseAt22(9.5) << 1 << 2 << "chunk 0 chunk 1";
-        QTest::newRow("25 s of near silence first") << signal({{25, 0.0005f}, {10, 0.1f}}) << 0 << 2 << "chunk 0";
+        QTest::newRow("26 s: whole at the stop") << pauseAt22(3.5) << size_t(320) << 0 << 1 << "chunk 0" << -1;
+        QTest::newRow("29.9 s: whole at the stop") << pauseAt22(7.4) << size_t(320) << 0 << 1 << "chunk 0" << -1;
+        QTest::newRow("32 s: a chunk while recording, then the rest")
+            << pauseAt22(9.5) << size_t(320) << 1 << 2 << "chunk 0 chunk 1" << -1;
+        QTest::newRow("25 s of near silence first") << signal({{25, 0.0005f}, {10, 0.1f}}) << size_t(320) << 0 << 2 << "chunk 0" << -1;
+        // Pauses at 12, 24.5, 45 and 63 s; 70 s in all: cut at 24.5 and 45 s, the rest waits for the stop.
+        const auto seventy = signal({{12, 0.1f}, {0.5, 0.0003f}, {12, 0.1f}, {0.6, 0.0003f}, {20, 0.1f}, {0.5, 0.0003f},
+            {17.5, 0.1f}, {0.8, 0.0003f}, {6.1, 0.1f}});
+        const QString three = QStringLiteral("chunk 0 chunk 1 chunk 2");
+        QTest::newRow("70 s in 20 ms blocks") << seventy << size_t(320) << 2 << 3 << three << -1;
+        QTest::newRow("70 s in odd blocks") << seventy << size_t(777) << 2 << 3 << three << -1;
+        QTest::newRow("70 s all at once") << seventy << size_t(100'000'000) << 2 << 3 << three << -1;
+        const auto twoPauses = signal({{22, 0.1f}, {0.5, 0.0003f}, {22, 0.1f}, {0.5, 0.0003f}, {3, 0.1f}});
+        QTest::newRow("first of three fails") << twoPauses << size_t(320) << 2 << 3 << QString() << 0;
+        QTest::newRow("the rest after the stop fails") << twoPauses << size_t(320) << 2 << 3 << QString() << 2;
     }
     void chunksHandedOn()
     {
         QFETCH(std::vector<float>, recording);
+        QFETCH(size_t, block);
         QFETCH(int, duringRecording);
         QFETCH(int, submitted);
         QFETCH(QString, text);
+        QFETCH(int, failing);
         RecordingRecogniser recogniser;
+        recogniser.failingChunk = failing;
         ChunkedTranscription chunker(recogniser.recognise());
-        feedInBlocks(chunker, recording, 320);
+        feedInBlocks(chunker, recording, block);
         QCOMPARE(int(recogniser.chunks.size()), duringRecording);
+        if (failing >= 0) {
+            try {
+                chunker.finish().waitForFinished();
+                QFAIL("the dictation should have failed");
+            } catch (const AccurateSpeechError &error) {
+                QCOMPARE(error.code(), -3);
+            }
+            QCOMPARE(chunker.chunksSubmitted(), submitted);
+            return;
+        }
         const AccurateSpeechResult result = chunker.finish().result();
         QCOMPARE(chunker.chunksSubmitted(), submitted);
         QCOMPARE(result.text, text);
+        QCOMPARE(chunker.samplesFed(), qint64(recording.size()));
         std::vector<float> joined;
         for (const std::vector<float> &chunk : recogniser.chunks)
             joined.insert(joined.end(), chunk.begin(), chunk.end());

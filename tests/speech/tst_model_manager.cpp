@@ -2,7 +2,6 @@
 #include "core/RuntimeLog.h"
 #include "speech/AccuracyModelContract.h"
 #include "speech/AccuracyModelManager.h"
-#include "speech/ModelVerifier.h"
 #include "support/TestSupport.h"
 
 #include <QFile>
@@ -93,27 +92,6 @@ private Q_SLOTS:
     }
     void init() { m_dir = std::make_unique<QTemporaryDir>(); }
 
-    void validity_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<bool>("valid");
-        QTest::addColumn<bool>("hashed");
-        QTest::newRow("exact") << m_model << true << true;
-        QTest::newRow("one byte short is never hashed") << m_model.chopped(1) << false << false;
-        QTest::newRow("right size, one byte changed") << corrupted(m_model) << false << true;
-    }
-    void validity()
-    {
-        QFETCH(QByteArray, content);
-        QFETCH(bool, valid);
-        QFETCH(bool, hashed);
-        const QString path = m_dir->filePath(QStringLiteral("candidate.bin"));
-        QVERIFY(test::writeFile(path, content));
-        bool didHash = true;
-        QCOMPARE(ModelVerifier::isValidModel(path, m_contract, nullptr, &didHash), valid);
-        QCOMPARE(didHash, hashed);
-    }
-
     void preparation_data()
     {
         QTest::addColumn<QByteArray>("installed"); // "-": none
@@ -125,21 +103,20 @@ private Q_SLOTS:
 
         const QByteArray none = "-";
         const QList<HttpAnswer> good{HttpAnswer::ok(m_model)};
-        const QList<Kind> downloadPath{Kind::checking, Kind::downloading, Kind::verifying, Kind::loading, Kind::ready};
+        const QList<Kind> fetched{Kind::checking, Kind::downloading, Kind::verifying};
+        const QList<Kind> ready{Kind::loading, Kind::ready};
+        const QList<Kind> refetch{Kind::retrying, Kind::checking, Kind::downloading};
+        const QList<Kind> downloadPath = fetched + ready;
 
         QTest::newRow("installed and valid")
-            << m_model << none << good << QList<Kind>{Kind::checking, Kind::verifying, Kind::loading, Kind::ready} << 0
-            << QStringList();
-        QTest::newRow("nothing installed: download")
-            << none << none << good << downloadPath << 1 << QStringList();
+            << m_model << none << good << QList<Kind>{Kind::checking, Kind::verifying} + ready << 0 << QStringList();
+        QTest::newRow("nothing installed: download") << none << none << good << downloadPath << 1 << QStringList();
         QTest::newRow("installed corrupt: replaced")
             << corrupted(m_model) << none << good
-            << QList<Kind>{Kind::checking, Kind::verifying, Kind::downloading, Kind::verifying, Kind::loading, Kind::ready}
-            << 1 << QStringList();
+            << QList<Kind>{Kind::checking, Kind::verifying, Kind::downloading, Kind::verifying} + ready << 1 << QStringList();
         QTest::newRow("development copy")
             << none << m_model << good
-            << QList<Kind>{Kind::checking, Kind::copyingBundledDevelopmentAsset, Kind::verifying, Kind::loading, Kind::ready}
-            << 0 << QStringList();
+            << QList<Kind>{Kind::checking, Kind::copyingBundledDevelopmentAsset, Kind::verifying} + ready << 0 << QStringList();
         QTest::newRow("development copy of the wrong size is ignored")
             << none << m_model.left(1000) << good << downloadPath << 1 << QStringList();
 
@@ -147,26 +124,20 @@ private Q_SLOTS:
         dropped.dropAfter = 1000;
         QTest::newRow("404 then dropped then good")
             << none << none << QList<HttpAnswer>{HttpAnswer::failing(404), dropped, HttpAnswer::ok(m_model)}
-            << QList<Kind>{Kind::checking, Kind::downloading, Kind::retrying, Kind::checking, Kind::downloading,
-                   Kind::retrying, Kind::checking, Kind::downloading, Kind::verifying, Kind::loading, Kind::ready}
-            << 3
+            << QList<Kind>{Kind::checking, Kind::downloading} + refetch + refetch + QList{Kind::verifying} + ready << 3
             << QStringList{"The model server returned HTTP 404.", "The model download stopped at 1000 of 575451 bytes."};
 
         QTest::newRow("bad hash twice, then good")
             << none << none
             << QList<HttpAnswer>{HttpAnswer::ok(corrupted(m_model)), HttpAnswer::ok(corrupted(m_model)), HttpAnswer::ok(m_model)}
-            << QList<Kind>{Kind::checking, Kind::downloading, Kind::verifying, Kind::retrying, Kind::checking,
-                   Kind::downloading, Kind::verifying, Kind::retrying, Kind::checking, Kind::downloading,
-                   Kind::verifying, Kind::loading, Kind::ready}
-            << 3 << QStringList{kIntegrityText, kIntegrityText};
+            << fetched + refetch + QList{Kind::verifying} + refetch + QList{Kind::verifying} + ready << 3
+            << QStringList{kIntegrityText, kIntegrityText};
 
         const HttpAnswer bad = HttpAnswer::ok(corrupted(m_model));
         QTest::newRow("bad hash three times: needs attention")
             << none << none << QList<HttpAnswer>{bad}
-            << QList<Kind>{Kind::checking, Kind::downloading, Kind::verifying, Kind::retrying, Kind::checking,
-                   Kind::downloading, Kind::verifying, Kind::retrying, Kind::checking, Kind::downloading,
-                   Kind::verifying, Kind::needsAttention}
-            << 3 << QStringList{kIntegrityText, kIntegrityText};
+            << fetched + refetch + QList{Kind::verifying} + refetch + QList{Kind::verifying, Kind::needsAttention} << 3
+            << QStringList{kIntegrityText, kIntegrityText};
 
         QTest::newRow("a network error in between resets the count")
             << none << none << QList<HttpAnswer>{bad, bad, dropped, bad, bad, bad}

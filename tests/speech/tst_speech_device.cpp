@@ -54,78 +54,68 @@ class SpeechDeviceTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
+    // The device for the setting ("auto", "cpu", "gpu", "gpu:N", "software")
+    // over the library's device list.
     void choice_data()
     {
         QTest::addColumn<QList<ComputeDevice>>("devices");
-        QTest::addColumn<SpeechDevicePreference>("preference");
+        QTest::addColumn<QString>("setting");
         QTest::addColumn<bool>("useGpu");
         QTest::addColumn<int>("gpuIndex");
         QTest::addColumn<QString>("name");
 
-        const auto automatic = SpeechDevicePreference::automatic;
-        QTest::newRow("no devices at all") << QList<ComputeDevice>{} << automatic << false << 0 << "cpu";
-        QTest::newRow("llvmpipe is not a gpu") << QList{kCpu, kLlvmpipe} << automatic << false << 0 << "cpu";
-        QTest::newRow("lavapipe is not a gpu") << QList{kCpu, kLavapipe} << automatic << false << 0 << "cpu";
-        QTest::newRow("lavapipe asked for, after a gpu") << QList{kCpu, kH100, kLavapipe} << SpeechDevicePreference::software
-                                                         << true << 1 << "Lavapipe software rasteriser";
-        QTest::newRow("lavapipe asked for, none there") << QList{kCpu, kH100} << SpeechDevicePreference::software << false
-                                                        << 0 << "cpu";
-        QTest::newRow("discrete gpu") << QList{kCpu, kH100} << automatic << true << 0 << "NVIDIA H100 80GB HBM3";
+        QTest::newRow("no devices at all") << QList<ComputeDevice>{} << "auto" << false << 0 << "cpu";
+        QTest::newRow("llvmpipe is not a gpu") << QList{kCpu, kLlvmpipe} << "auto" << false << 0 << "cpu";
+        QTest::newRow("lavapipe is not a gpu") << QList{kCpu, kLavapipe} << "auto" << false << 0 << "cpu";
+        QTest::newRow("lavapipe asked for, after a gpu")
+            << QList{kCpu, kH100, kLavapipe} << "software" << true << 1 << "Lavapipe software rasteriser";
+        QTest::newRow("lavapipe asked for, none there") << QList{kCpu, kH100} << "lavapipe" << false << 0 << "cpu";
+        QTest::newRow("discrete gpu") << QList{kCpu, kH100} << "auto" << true << 0 << "NVIDIA H100 80GB HBM3";
         // The library counts every GPU, software ones included, when it numbers them.
         QTest::newRow("gpu after a software one")
-            << QList{kCpu, kLlvmpipe, kH100} << automatic << true << 1 << "NVIDIA H100 80GB HBM3";
-        QTest::newRow("integrated only") << QList{kCpu, kIntel} << automatic << true << 0
-                                         << "Intel(R) Iris(R) Xe Graphics";
-        QTest::newRow("discrete wins over integrated")
-            << QList{kCpu, kIntel, kRadeon} << automatic << true << 1 << "AMD Radeon RX 7600";
-        QTest::newRow("cpu forced over a gpu") << QList{kCpu, kH100} << SpeechDevicePreference::cpu << false << 0 << "cpu";
-        QTest::newRow("gpu asked for, none there")
-            << QList{kCpu, kLlvmpipe} << SpeechDevicePreference::gpu << false << 0 << "cpu";
+            << QList{kCpu, kLlvmpipe, kH100} << "automatic" << true << 1 << "NVIDIA H100 80GB HBM3";
+        QTest::newRow("integrated only") << QList{kCpu, kIntel} << "auto" << true << 0 << "Intel(R) Iris(R) Xe Graphics";
+        QTest::newRow("discrete wins over integrated") << QList{kCpu, kIntel, kRadeon} << "gpu" << true << 1 << "AMD Radeon RX 7600";
+        QTest::newRow("integrated chosen over discrete") << QList{kCpu, kIntel, kRadeon} << "gpu:0" << true << 0
+                                                         << "Intel(R) Iris(R) Xe Graphics";
+        QTest::newRow("discrete chosen") << QList{kCpu, kIntel, kRadeon} << " GPU:1" << true << 1 << "AMD Radeon RX 7600";
+        QTest::newRow("a software one is never taken")
+            << QList{kCpu, kLlvmpipe, kH100} << "gpu:0" << true << 1 << "NVIDIA H100 80GB HBM3";
+        QTest::newRow("a number that is gone takes the best") << QList{kCpu, kIntel, kRadeon} << "gpu:7" << true << 1
+                                                              << "AMD Radeon RX 7600";
+        QTest::newRow("cpu forced over a gpu") << QList{kCpu, kH100} << "CPU" << false << 0 << "cpu";
+        QTest::newRow("gpu asked for, none there") << QList{kCpu, kLlvmpipe} << "gpu" << false << 0 << "cpu";
         QTest::newRow("accelerators are not gpus")
-            << QList{kCpu, device(Kind::accelerator, "BLAS", "OpenBLAS")} << automatic << false << 0 << "cpu";
+            << QList{kCpu, device(Kind::accelerator, "BLAS", "OpenBLAS")} << "auto" << false << 0 << "cpu";
     }
     void choice()
     {
         QFETCH(QList<ComputeDevice>, devices);
-        QFETCH(SpeechDevicePreference, preference);
+        QFETCH(QString, setting);
         QFETCH(bool, useGpu);
         QFETCH(int, gpuIndex);
         QFETCH(QString, name);
-        const SpeechDeviceChoice choice = chooseSpeechDevice(devices, preference);
+        const std::optional<SpeechDevicePreference> preference = speechDevicePreferenceFromString(setting);
+        QVERIFY(preference);
+        const SpeechDeviceChoice choice = chooseSpeechDevice(devices, *preference, speechDeviceGpuIndex(setting));
         QCOMPARE(choice.useGpu, useGpu);
         QCOMPARE(choice.gpuIndex, gpuIndex);
         QCOMPARE(choice.name, name);
         QCOMPARE(choice.reason.isEmpty(), useGpu); // the CPU always says why
     }
 
-    // The Settings sheet's choice of one GPU by its number ("gpu:N").
-    void chosenGpu_data()
+    // What the Settings sheet offers: real GPUs by their number, never a software one.
+    void offeredGpus()
     {
-        QTest::addColumn<QList<ComputeDevice>>("devices");
-        QTest::addColumn<QString>("setting");
-        QTest::addColumn<int>("gpuIndex");
-        QTest::addColumn<QStringList>("offered");
-        const QStringList both{"gpu:0 Intel(R) Iris(R) Xe Graphics", "gpu:1 AMD Radeon RX 7600"};
-        QTest::newRow("integrated chosen over discrete") << QList{kCpu, kIntel, kRadeon} << "gpu:0" << 0 << both;
-        QTest::newRow("discrete chosen") << QList{kCpu, kIntel, kRadeon} << "GPU:1" << 1 << both;
-        QTest::newRow("software one is never offered nor taken")
-            << QList{kCpu, kLlvmpipe, kH100} << "gpu:0" << 1 << QStringList{"gpu:1 NVIDIA H100 80GB HBM3"};
-        QTest::newRow("a number that is gone takes the best") << QList{kCpu, kIntel, kRadeon} << "gpu:7" << 1 << both;
-    }
-    void chosenGpu()
-    {
-        QFETCH(QList<ComputeDevice>, devices);
-        QFETCH(QString, setting);
-        QFETCH(int, gpuIndex);
-        QFETCH(QStringList, offered);
-        QCOMPARE(speechDevicePreferenceFromString(setting), std::optional(SpeechDevicePreference::gpu));
-        const SpeechDeviceChoice choice = chooseSpeechDevice(devices, SpeechDevicePreference::gpu, speechDeviceGpuIndex(setting));
-        QVERIFY(choice.useGpu);
-        QCOMPARE(choice.gpuIndex, gpuIndex);
-        QStringList listed;
-        for (const auto &[value, name] : usableGpus(devices))
-            listed << value + u' ' + name;
-        QCOMPARE(listed, offered);
+        const auto offered = [](const QList<ComputeDevice> &devices) {
+            QStringList listed;
+            for (const auto &[value, name] : usableGpus(devices))
+                listed << value + u' ' + name;
+            return listed;
+        };
+        QCOMPARE(offered({kCpu, kIntel, kRadeon}),
+            (QStringList{"gpu:0 Intel(R) Iris(R) Xe Graphics", "gpu:1 AMD Radeon RX 7600"}));
+        QCOMPARE(offered({kCpu, kLlvmpipe, kH100}), QStringList{"gpu:1 NVIDIA H100 80GB HBM3"});
     }
 
     void environmentOverride_data()
@@ -135,7 +125,6 @@ private Q_SLOTS:
         QTest::addColumn<SpeechDevicePreference>("effective");
         QTest::newRow("unset keeps the setting") << QByteArray() << SpeechDevicePreference::cpu << SpeechDevicePreference::cpu;
         QTest::newRow("cpu pins the cpu") << QByteArray("cpu") << SpeechDevicePreference::automatic << SpeechDevicePreference::cpu;
-        QTest::newRow("case and spaces") << QByteArray(" CPU ") << SpeechDevicePreference::gpu << SpeechDevicePreference::cpu;
         QTest::newRow("auto lifts a pinned cpu") << QByteArray("auto") << SpeechDevicePreference::cpu << SpeechDevicePreference::automatic;
         QTest::newRow("nonsense is ignored") << QByteArray("tpu") << SpeechDevicePreference::cpu << SpeechDevicePreference::cpu;
     }

@@ -27,11 +27,6 @@ template <typename T> std::optional<AccurateSpeechError> errorOf(QFuture<T> futu
     return std::nullopt;
 }
 
-QList<float> silence(qsizetype count)
-{
-    return QList<float>(count, 0.0f);
-}
-
 } // namespace
 
 class SpeechEngineTest : public QObject {
@@ -70,14 +65,16 @@ private Q_SLOTS:
         AccurateSpeechEngine engine;
         if (loaded)
             QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
-        const auto error = errorOf(engine.transcribe(silence(16000), rate));
+        const auto error = errorOf(engine.transcribe(QList<float>(16000, 0.0f), rate));
         QVERIFY(error);
         QCOMPARE(error->errorCase(), AccurateSpeechError::Case::invalidAudioSampleRate);
     }
 
+    // Nothing awaited in between: each transcription sees the model that the
+    // load queued before it, and a failed reload leaves none, until a good one.
     void failedReloadLeavesNoModel_data()
     {
-        QTest::addColumn<QByteArray>("content"); // empty name: the file does not exist
+        QTest::addColumn<QByteArray>("content");
         QTest::addColumn<bool>("exists");
         QTest::newRow("missing file") << QByteArray() << false;
         QTest::newRow("not a model") << QByteArray("this is not a ggml model, just text\n").repeated(100) << true;
@@ -93,35 +90,20 @@ private Q_SLOTS:
             QVERIFY(dictora::test::writeFile(bad, content));
 
         AccurateSpeechEngine engine;
-        QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
-
-        const auto loadError = errorOf(engine.load(bad));
-        QVERIFY(loadError);
-        QCOMPARE(loadError->errorCase(), AccurateSpeechError::Case::modelCouldNotLoad);
-        const auto error = errorOf(engine.transcribe(silence(8000), 16000));
-        QVERIFY(error);
-        QCOMPARE(error->errorCase(), AccurateSpeechError::Case::modelNotLoaded);
-        QCOMPARE(error->description(), QStringLiteral("The accuracy model is still getting ready."));
-
-        // and a good load afterwards recovers
-        QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
-    }
-
-    void queuedWorkRunsInSubmissionOrder()
-    {
-        // Nothing awaited in between: the transcription must see the model
-        // that the load queued before it.
-        AccurateSpeechEngine engine;
-        QFuture<void> load = engine.load(modelFile("for-tests-ggml-tiny.en.bin"));
-        QFuture<AccurateSpeechResult> first = engine.transcribe(silence(16000), 16000);
-        QFuture<void> failedReload = engine.load(QStringLiteral("/nonexistent/model.bin"));
-        QFuture<AccurateSpeechResult> second = engine.transcribe(silence(16000), 16000);
+        QFuture<void> load = engine.load(modelFile("for-tests-ggml-tiny.bin"));
+        QFuture<AccurateSpeechResult> first = engine.transcribe(QList<float>(16000, 0.0f), 16000);
+        QFuture<void> reload = engine.load(bad);
+        QFuture<AccurateSpeechResult> second = engine.transcribe(QList<float>(8000, 0.0f), 16000);
         QVERIFY(!errorOf(load));
         QVERIFY(!errorOf(first));
-        QVERIFY(errorOf(failedReload));
+        const auto loadError = errorOf(reload);
+        QVERIFY(loadError);
+        QCOMPARE(loadError->errorCase(), AccurateSpeechError::Case::modelCouldNotLoad);
         const auto error = errorOf(second);
         QVERIFY(error);
         QCOMPARE(error->errorCase(), AccurateSpeechError::Case::modelNotLoaded);
+        QCOMPARE(error->description(), QStringLiteral("The accuracy model is still getting ready."));
+        QVERIFY(!errorOf(engine.load(modelFile("for-tests-ggml-tiny.bin"))));
     }
 
     void destroyingTheEngineFinishesQueuedWork()
@@ -130,7 +112,7 @@ private Q_SLOTS:
         {
             AccurateSpeechEngine engine;
             engine.load(modelFile("for-tests-ggml-tiny.bin"));
-            pending.append(engine.transcribe(silence(4000), 16000));
+            pending.append(engine.transcribe(QList<float>(4000, 0.0f), 16000));
             pending.append(engine.transcribe(std::vector<float>(4000, 0.0f), 16000)); // moved in
         }
         for (const auto &future : pending) {
@@ -162,7 +144,7 @@ private Q_SLOTS:
         QCOMPARE(engine.measurePrompt(QStringLiteral("Dictora")).result().limit, -1);
         QVERIFY(!errorOf(engine.load(model)));
         engine.setRecognitionOptions({language, QStringLiteral("Kubernetes, Aoife, Dictora")});
-        QFuture<AccurateSpeechResult> run = engine.transcribe(silence(AccurateSpeechEngine::kWarmUpSamples), 16000);
+        QFuture<AccurateSpeechResult> run = engine.transcribe(QList<float>(AccurateSpeechEngine::kWarmUpSamples, 0.0f), 16000);
         QVERIFY(!errorOf(run));
         if (used == QLatin1String("*"))
             QVERIFY2(!run.result().language.isEmpty() && run.result().language != QLatin1String("auto"),

@@ -54,9 +54,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_server.listen());
-        QFile model(dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.bin"));
-        QVERIFY(model.open(QIODevice::ReadOnly));
-        m_model = model.readAll();
+        m_model = dictora::test::readFile(dictora::test::sharedTestData() + QStringLiteral("/models/for-tests-ggml-tiny.bin"));
+        QVERIFY(!m_model.isEmpty());
     }
     void init() { m_home = std::make_unique<dictora::test::IsolatedHome>(); }
 

@@ -2,10 +2,8 @@
 // file, switches and usage errors as a script would meet them.
 #include "support/TestSupport.h"
 
-#include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QSettings>
 #include <QtTest>
 
 namespace {
@@ -33,24 +31,25 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QByteArray>("input");
         QTest::addColumn<QByteArray>("snippetsFile"); // empty: none written
-        QTest::addColumn<QString>("preferences");     // "formatting=false,snippets=false"
+        QTest::addColumn<QByteArray>("preferences");  // lines of the settings file
         QTest::addColumn<QByteArray>("expected");
 
         const QStringList none;
-        QTest::newRow("UTF-8 through") << none << QByteArray("ça va. über alles 🎉") << QByteArray() << ""
+        QTest::newRow("UTF-8 through") << none << QByteArray("ça va. über alles 🎉") << QByteArray() << QByteArray()
                                        << QByteArray("Ça va. Über alles 🎉\n");
-        QTest::newRow("snippets after formatting") << none << QByteArray("btw it works. thanks sig.") << kSnippets << ""
+        QTest::newRow("snippets after formatting") << none << QByteArray("btw it works. thanks sig.") << kSnippets << QByteArray()
                                                    << QByteArray("by the way it works. Thanks Best regards.\n");
         QTest::newRow("--no-snippets") << QStringList{"--no-snippets"} << QByteArray("btw it works.") << kSnippets
-                                       << "" << QByteArray("Btw it works.\n");
+                                       << QByteArray() << QByteArray("Btw it works.\n");
         QTest::newRow("--no-format only trims") << QStringList{"--no-format"} << QByteArray(" \n um btw ,x \n\n")
-                                                << kSnippets << "" << QByteArray("um by the way ,x\n");
+                                                << kSnippets << QByteArray() << QByteArray("um by the way ,x\n");
         QTest::newRow("formatting preference off") << none << QByteArray(" um btw ,x ") << kSnippets
-                                                   << "formatting=false" << QByteArray("um by the way ,x\n");
-        QTest::newRow("snippets preference off") << none << QByteArray("btw ,x") << kSnippets << "snippets=false"
-                                                 << QByteArray("Btw, x\n");
-        QTest::newRow("empty input prints nothing") << none << QByteArray() << kSnippets << "" << QByteArray();
-        QTest::newRow("only fillers prints nothing") << none << QByteArray("um uh\n") << QByteArray() << ""
+                                                   << QByteArray("transcription.formatting.enabled=false")
+                                                   << QByteArray("um by the way ,x\n");
+        QTest::newRow("snippets preference off") << none << QByteArray("btw ,x") << kSnippets
+                                                 << QByteArray("transcription.snippets.enabled=false") << QByteArray("Btw, x\n");
+        QTest::newRow("empty input prints nothing") << none << QByteArray() << kSnippets << QByteArray() << QByteArray();
+        QTest::newRow("only fillers prints nothing") << none << QByteArray("um uh\n") << QByteArray() << QByteArray()
                                                      << QByteArray();
     }
 
@@ -59,24 +58,14 @@ private Q_SLOTS:
         QFETCH(QStringList, arguments);
         QFETCH(QByteArray, input);
         QFETCH(QByteArray, snippetsFile);
-        QFETCH(QString, preferences);
+        QFETCH(QByteArray, preferences);
         QFETCH(QByteArray, expected);
 
         dictora::test::IsolatedHome home;
         if (!snippetsFile.isEmpty())
             QVERIFY(dictora::test::writeFile(home.dataHome() + QStringLiteral("/Dictora/snippets.json"), snippetsFile));
-        if (!preferences.isEmpty()) {
-            QSettings settings(QDir(home.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini")), QSettings::IniFormat);
-            for (const QString &pair : preferences.split(u',')) {
-                const QString name = pair.section(u'=', 0, 0);
-                const bool value = pair.section(u'=', 1) == QLatin1String("true");
-                settings.setValue(name == QLatin1String("formatting") ? QStringLiteral("transcription.formatting.enabled")
-                                                                      : QStringLiteral("transcription.snippets.enabled"),
-                                  value);
-            }
-            settings.sync();
-            QCOMPARE(settings.status(), QSettings::NoError);
-        }
+        if (!preferences.isEmpty())
+            QVERIFY(dictora::test::writeFile(home.path() + QStringLiteral("/config/Dictora/Dictora.ini"), "[General]\n" + preferences + '\n'));
 
         const Run run = runFormat(arguments, input);
         QCOMPARE(run.err, QString());

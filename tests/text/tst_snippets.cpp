@@ -36,7 +36,16 @@ const QByteArray kValidId = "3F2504E0-4F89-11D3-9A0C-0305E82C3301";
 class SnippetsTest : public QObject {
     Q_OBJECT
 
+    std::unique_ptr<QTemporaryDir> m_dir;
+    QString m_path; // snippets.json in a fresh folder per test
+
 private Q_SLOTS:
+    void init()
+    {
+        m_dir = std::make_unique<QTemporaryDir>();
+        m_path = m_dir->filePath(QStringLiteral("snippets.json"));
+    }
+
     void apply_data()
     {
         QTest::addColumn<QString>("text");
@@ -86,16 +95,14 @@ private Q_SLOTS:
 
     void storeFileFormat()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("snippets.json"));
-        SnippetStore store(path);
+        SnippetStore store(m_path);
         QVERIFY(store.entries().isEmpty() && store.loadProblem().isEmpty());
-        QVERIFY(!QFile::exists(path)); // reading never creates the file
+        QVERIFY(!QFile::exists(m_path)); // reading never creates the file
         const SnippetEntry entry{QUuid::fromString(QString::fromLatin1(kValidId).toLower()), QStringLiteral("sig"),
                                  QStringLiteral("Best \"regards\"\nJo")};
         store.setEntries({entry});
 
-        const QByteArray bytes = readFile(path);
+        const QByteArray bytes = readFile(m_path);
         const QJsonDocument doc = QJsonDocument::fromJson(bytes);
         QVERIFY(doc.isArray());
         const QJsonObject object = doc.array().first().toObject();
@@ -103,20 +110,13 @@ private Q_SLOTS:
         QCOMPARE(object.value("id").toString(), QString::fromLatin1(kValidId)); // upper case
         QCOMPARE(object.value("expansion").toString(), entry.expansion);
         QVERIFY(bytes.contains('\n')); // pretty-printed
-        QCOMPARE(QFile::permissions(path) & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
-        QCOMPARE(SnippetStore(path).entries(), SnippetEntries{entry}); // and reads back what it wrote
-    }
+        QCOMPARE(QFile::permissions(m_path) & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
+        QCOMPARE(SnippetStore(m_path).entries(), SnippetEntries{entry}); // and reads back what it wrote
 
-    void storeAcceptsExtraKeysAndLowerCaseIds()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("snippets.json"));
-        QVERIFY(writeFile(path, "[{\"id\":\"" + kValidId.toLower()
-                                   + "\",\"trigger\":\"a\",\"expansion\":\"b\",\"color\":\"red\"}]"));
-        SnippetStore store(path);
-        QCOMPARE(store.entries().size(), 1);
-        QCOMPARE(store.entries().first().id, QUuid::fromString(QLatin1String(kValidId)));
-        QCOMPARE(store.entries().first().expansion, QStringLiteral("b"));
+        // A hand-written file: a lower-case id and keys of its own are fine.
+        QVERIFY(writeFile(m_path, "[{\"id\":\"" + kValidId.toLower() + "\",\"trigger\":\"a\",\"expansion\":\"b\",\"color\":\"red\"}]"));
+        const SnippetEntry handWritten{QUuid::fromString(QLatin1String(kValidId)), QStringLiteral("a"), QStringLiteral("b")};
+        QCOMPARE(SnippetStore(m_path).entries(), SnippetEntries{handWritten});
     }
 
     void unreadableFile_data()
@@ -138,33 +138,29 @@ private Q_SLOTS:
     void unreadableFile()
     {
         QFETCH(QByteArray, content);
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("snippets.json"));
-        QVERIFY(writeFile(path, content));
+        QVERIFY(writeFile(m_path, content));
 
-        SnippetStore store(path);
+        SnippetStore store(m_path);
         QVERIFY(store.entries().isEmpty());
         QVERIFY(!store.loadProblem().isEmpty());
-        QVERIFY(store.loadProblem().contains(path));
-        QCOMPARE(readFile(path), content); // untouched by reading
+        QVERIFY(store.loadProblem().contains(m_path));
+        QCOMPARE(readFile(m_path), content); // untouched by reading
 
         // The first change writes the new list but keeps the old bytes beside it.
         store.add();
-        QCOMPARE(SnippetStore::load(path).entries, store.entries());
-        const QStringList kept = QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files);
+        QCOMPARE(SnippetStore::load(m_path).entries, store.entries());
+        const QStringList kept = QDir(m_dir->path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files);
         QCOMPARE(kept.size(), 1);
-        QCOMPARE(readFile(dir.filePath(kept.first())), content);
+        QCOMPARE(readFile(m_dir->filePath(kept.first())), content);
 
         // Only once: later changes do not pile up copies.
         store.add();
-        QCOMPARE(QDir(dir.path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files).size(), 1);
+        QCOMPARE(QDir(m_dir->path()).entryList({QStringLiteral("snippets.json.unreadable-*")}, QDir::Files).size(), 1);
     }
 
     void removeMatchesById()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("snippets.json"));
-        SnippetStore store(path);
+        SnippetStore store(m_path);
         SnippetEntries entries = entriesOf({{"a", "1"}, {"b", "2"}, {"c", "3"}});
         const SnippetEntry twin{entries.at(0).id, QStringLiteral("other"), QStringLiteral("fields")};
         entries.append(twin);
@@ -172,18 +168,17 @@ private Q_SLOTS:
 
         store.remove(SnippetEntry{entries.at(0).id, {}, {}}); // fields other than id do not matter
         QCOMPARE(store.entries(), (SnippetEntries{entries.at(1), entries.at(2)}));
-        QCOMPARE(SnippetStore::load(path).entries, store.entries());
+        QCOMPARE(SnippetStore::load(m_path).entries, store.entries());
 
-        QVERIFY(QFile::remove(path));
+        QVERIFY(QFile::remove(m_path));
         store.remove(SnippetEntry::create()); // not in the list: still saves
-        QCOMPARE(SnippetStore::load(path).entries, store.entries());
+        QCOMPARE(SnippetStore::load(m_path).entries, store.entries());
     }
 
     void saveFailureKeepsEntries()
     {
-        QTemporaryDir dir;
-        QVERIFY(writeFile(dir.filePath(QStringLiteral("blocker")), "a file where a folder should be"));
-        SnippetStore store(dir.filePath(QStringLiteral("blocker/snippets.json")));
+        QVERIFY(writeFile(m_dir->filePath(QStringLiteral("blocker")), "a file where a folder should be"));
+        SnippetStore store(m_dir->filePath(QStringLiteral("blocker/snippets.json")));
         const SnippetEntry added = store.add();
         QCOMPARE(store.entries(), SnippetEntries{added});
         QVERIFY(!store.lastSaveError().isEmpty());

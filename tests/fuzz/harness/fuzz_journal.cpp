@@ -1,27 +1,12 @@
 // A journal file: the reader must skip exactly the undecodable lines, and the
 // newest-first scan, at any chunk sizes, must give the same records.
 #include "FuzzCheck.h"
+#include "../../history/HistoryTestRecords.h"
 #include "history/TranscriptJournal.h"
 
 #include <cstdint>
 
 using namespace dictora;
-
-namespace {
-
-QList<TranscriptRecord> reference(const QByteArray &bytes)
-{
-    QList<TranscriptRecord> records;
-    for (const QByteArray &line : bytes.split('\n')) {
-        if (line.isEmpty() || line.endsWith('\r'))
-            continue;
-        if (auto r = TranscriptRecord::fromJson(line))
-            records.append(*r);
-    }
-    return records;
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
@@ -33,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const QByteArray bytes(reinterpret_cast<const char *>(data + 2), qsizetype(size - 2));
 
     const QList<TranscriptRecord> records = TranscriptJournal::decodeLines(bytes);
-    FUZZ_CHECK(records == reference(bytes), "the reader differs from line-by-line decoding");
+    FUZZ_CHECK(records == test::referenceRead(bytes), "the reader differs from line-by-line decoding");
 
     QList<QList<TranscriptRecord>> batches;
     qint64 delivered = 0;
