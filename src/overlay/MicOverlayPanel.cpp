@@ -107,7 +107,9 @@ void MicOverlayPanel::reposition(ScreenAnchor anchor)
     QList<QRect> geometries;
     for (QScreen *screen : screens)
         geometries.append(screen->geometry());
-    const int index = overlay::screenIndexAt(geometries, QCursor::pos());
+    // Asking where the pointer is costs a round trip to the display server,
+    // and with one screen there is nothing to choose.
+    const int index = screens.size() == 1 ? 0 : overlay::screenIndexAt(geometries, QCursor::pos());
     QScreen *screen = index >= 0 ? screens.at(index) : QGuiApplication::primaryScreen();
     if (!screen)
         return;
