@@ -5,17 +5,23 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QProcess>
 #include <QTest>
 
 namespace dictora::test::sway {
 
 namespace {
 
+// Blocking: checkSession() runs before there is an event loop.
 QByteArray swaymsg(const QStringList &arguments, bool *ok)
 {
-    const ProgramRun run = runProgram(QStringLiteral("swaymsg"), arguments, {}, QProcessEnvironment::systemEnvironment(), 10000);
-    *ok = run.exitCode == 0;
-    return (run.out + run.err).toUtf8();
+    QProcess process;
+    process.start(QStringLiteral("swaymsg"), arguments);
+    const bool finished = process.waitForFinished(10000);
+    if (!finished)
+        process.kill();
+    *ok = finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    return process.readAllStandardOutput() + process.readAllStandardError();
 }
 
 // Depth-first search of the tree for the focused leaf or one with an app id.
