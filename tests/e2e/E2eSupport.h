@@ -66,15 +66,13 @@ public:
     void writeSnippets(const QList<QPair<QString, QString>> &triggerAndExpansion);
     void setEnvironment(const QString &name, const QString &value) { m_env.insert(name, value); }
 
-    // Starts the program and waits until the log says this start began and
-    // holds the shortcut (a restart waits for its own lines).
+    // Starts the program; waits until the log has this start and the shortcut held.
     bool start(const QString &binary, QString *why);
     // Waits for the model of the latest start.
     bool waitUntilModelReady(QString *why);
     qint64 pid() const;
     bool isRunning() const;
-    // Ends the program with SIGTERM as a desktop session would; false if it
-    // had to be killed or did not exit cleanly.
+    // SIGTERM, as a desktop session ends it; false if it had to be killed or exited badly.
     bool stop(QString *why = nullptr);
 
     // Runs the same installation's command line (e.g. "toggle") to its end.
@@ -83,8 +81,7 @@ public:
     QString logText() const;
     QStringList messages() const { return logMessages(logText()); }
     int countLines(const QString &prefix) const;
-    // Waits until at least `count` lines start with prefix; fails early when
-    // the program has ended.
+    // Waits until at least `count` lines start with prefix; fails early once the program ended.
     bool waitForLines(const QString &prefix, int count, int timeoutMs, QString *why);
     QList<QJsonObject> records(QString *why = nullptr) const;
     QString programOutput();
@@ -127,8 +124,7 @@ protected:
     // Keeps the artifacts (in <build>/tests/e2e/artifacts/<test>) when the
     // function failed, then stops the program.
     void endCase();
-    // Starts the scripted program, whose recogniser hears `transcript` (its
-    // default when null), and waits until the model is ready.
+    // Starts the scripted program hearing `transcript` (its default when null); waits for the model.
     bool startScripted(const QString &transcript, QString *why);
     // "dictora <name>" (toggle, press, release) to the running program; why
     // gets what it printed when it fails.

@@ -50,8 +50,7 @@ private Q_SLOTS:
         QVERIFY2(run->waitForLines(started, 1, 30000, &why), qPrintable(why));
         QVERIFY(run->messages().filter(started).first().endsWith(QStringLiteral(" target=L3afpad")));
 
-        // The editor goes to the second desktop; openbox switches back there
-        // when the paste asks for it.
+        // The editor goes to the second desktop; openbox switches there when the paste asks.
         QVERIFY2(runTool(QStringLiteral("xdotool"),
                      {QStringLiteral("set_desktop_for_window"), QString::number(editor.window()), QStringLiteral("1")}, &why),
             qPrintable(why));

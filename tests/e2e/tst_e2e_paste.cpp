@@ -26,8 +26,7 @@ private Q_SLOTS:
         QTest::addColumn<bool>("moveFocus");
         QTest::addColumn<QString>("expected");
 
-        // The formatting and snippet rules themselves are the formatter's and
-        // the controller's tables; here each way through runs once.
+        // The formatting and snippet rules are the formatter's and controller's tables; each way runs once here.
         const QString raw = QStringLiteral("  um, please send the invoice to my address  ");
         const QString formatted = QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
         QTest::newRow("shortcut") << raw << "key" << false << formatted;
