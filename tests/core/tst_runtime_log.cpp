@@ -11,43 +11,27 @@ using namespace dictora;
 class RuntimeLogTest : public QObject {
     Q_OBJECT
 
-    static QStringList readLines(const QString &path)
-    {
-        QFile f(path);
-        if (!f.open(QIODevice::ReadOnly))
-            return {};
-        return QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'));
-    }
+    static QStringList readLines(const QString &path) { return QString::fromUtf8(test::readFile(path)).split(u'\n'); }
 
 private Q_SLOTS:
-    void lineForm()
+    // One line per message, in its folder; a folder deleted meanwhile is made again.
+    void lineFormAndDeletedFolder()
     {
         QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("runtime.log"));
+        const QString path = dir.filePath(QStringLiteral("a/b/runtime.log"));
         RuntimeLog log(path);
         log.write(QStringLiteral("recording started session=ABC target=none"));
         log.write(QString::fromUtf8("café ✓"));
-        const QStringList lines = readLines(path);
+        QStringList lines = readLines(path);
+        static const QRegularExpression form(QStringLiteral(R"(^\[\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z\] (.*)$)"));
         QCOMPARE(lines.size(), 3); // two lines and the final line feed
-        static const QRegularExpression form(
-            QStringLiteral(R"(^\[\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z\] (.*)$)"));
-        const auto first = form.match(lines[0]);
-        QVERIFY2(first.hasMatch(), qPrintable(lines[0]));
-        QCOMPARE(first.captured(1), QStringLiteral("recording started session=ABC target=none"));
+        QVERIFY2(form.match(lines[0]).hasMatch() && lines[2].isEmpty(), qPrintable(lines.join(u'\n')));
+        QCOMPARE(form.match(lines[0]).captured(1), QStringLiteral("recording started session=ABC target=none"));
         QCOMPARE(form.match(lines[1]).captured(1), QString::fromUtf8("café ✓"));
-        QCOMPARE(lines[2], QString());
-    }
 
-    void recreatesDeletedFolder()
-    {
-        QTemporaryDir dir;
-        const QString folder = dir.filePath(QStringLiteral("a/b"));
-        const QString path = folder + QStringLiteral("/runtime.log");
-        RuntimeLog log(path);
-        log.write(QStringLiteral("one"));
         QVERIFY(QDir(dir.filePath(QStringLiteral("a"))).removeRecursively());
         log.write(QStringLiteral("two"));
-        const QStringList lines = readLines(path);
+        lines = readLines(path);
         QCOMPARE(lines.size(), 2);
         QVERIFY(lines[0].endsWith(QStringLiteral("] two")));
     }
@@ -77,7 +61,7 @@ private Q_SLOTS:
     void unwritableLocationDoesNotThrow()
     {
         QTemporaryDir dir;
-        QVERIFY(dictora::test::writeFile(dir.filePath(QStringLiteral("file")), {}));
+        QVERIFY(test::writeFile(dir.filePath(QStringLiteral("file")), {}));
         // The "folder" is a plain file, so nothing can be created under it.
         RuntimeLog log(dir.filePath(QStringLiteral("file/runtime.log")));
         log.write(QStringLiteral("lost, reported on stderr"));

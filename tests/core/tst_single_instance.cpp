@@ -1,8 +1,6 @@
 #include "core/DataPaths.h"
 #include "support/TestSupport.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QtTest>
 
@@ -12,22 +10,15 @@ class SingleInstanceTest : public QObject {
 
     dictora::test::IsolatedHome m_home;
 
-    static QString readAll(const QString &path)
-    {
-        QFile f(path);
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    static QString readAll(const QString &path) { return QString::fromUtf8(dictora::test::readFile(path)); }
 
 private Q_SLOTS:
     void initTestCase()
     {
         // Never fetch the real model from a test: a contract whose source refuses at once.
         const QString contract = m_home.path() + QStringLiteral("/contract.json");
-        QVERIFY(dictora::test::writeFile(contract, QJsonDocument(QJsonObject{{QStringLiteral("fileName"), QStringLiteral("absent.bin")},
-                                  {QStringLiteral("bytes"), 4},
-                                  {QStringLiteral("sha256"), QStringLiteral("88d4266fd4e6338d13b845fcf289579d209c897823b9217da3e161936f031589")},
-                                  {QStringLiteral("url"), QStringLiteral("http://127.0.0.1:9/absent.bin")}})
-                    .toJson()));
+        QVERIFY(dictora::test::writeFile(contract, "{\"fileName\":\"absent.bin\",\"bytes\":4,\"url\":\"http://127.0.0.1:9/absent.bin\","
+            "\"sha256\":\"88d4266fd4e6338d13b845fcf289579d209c897823b9217da3e161936f031589\"}"));
         qputenv("DICTORA_MODEL_CONTRACT", contract.toUtf8());
     }
 
@@ -42,11 +33,10 @@ private Q_SLOTS:
         QVERIFY(readAll(log).contains(dictora::DataPaths::dataDirectory()));
         QCOMPARE(QFile::permissions(dictora::DataPaths::dataDirectory()) & 0x0077, QFileDevice::Permissions());
 
-        QProcess second;
-        second.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("-platform"), QStringLiteral("offscreen")});
-        QVERIFY(second.waitForFinished(20000));
-        QCOMPARE(second.exitCode(), 0);
-        QVERIFY(second.readAllStandardOutput().contains("already running"));
+        const dictora::test::ProgramRun second = dictora::test::runProgram(QStringLiteral(DICTORA_BINARY),
+            {QStringLiteral("-platform"), QStringLiteral("offscreen")}, {}, QProcessEnvironment::systemEnvironment(), 20000);
+        QCOMPARE(second.exitCode, 0);
+        QVERIFY(second.out.contains(QStringLiteral("already running")));
         QCOMPARE(first.state(), QProcess::Running);
         QTRY_VERIFY_WITH_TIMEOUT(readAll(log).contains(QStringLiteral("second launch")), 10000);
 
@@ -61,14 +51,12 @@ private Q_SLOTS:
     {
         const QString contract = m_home.path() + QStringLiteral("/broken.json");
         QVERIFY(dictora::test::writeFile(contract, "{\"fileName\": 3"));
-        QProcess app;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("DICTORA_MODEL_CONTRACT"), contract);
-        app.setProcessEnvironment(env);
-        app.start(QStringLiteral(DICTORA_BINARY), {QStringLiteral("-platform"), QStringLiteral("offscreen")});
-        QVERIFY(app.waitForFinished(20000));
-        QCOMPARE(app.exitCode(), 1);
-        QVERIFY2(app.readAllStandardError().contains("broken.json"), "the message names the file");
+        const dictora::test::ProgramRun app = dictora::test::runProgram(QStringLiteral(DICTORA_BINARY),
+            {QStringLiteral("-platform"), QStringLiteral("offscreen")}, {}, env, 20000);
+        QCOMPARE(app.exitCode, 1);
+        QVERIFY2(app.err.contains(QStringLiteral("broken.json")), "the message names the file");
     }
 };
 

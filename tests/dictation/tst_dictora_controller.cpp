@@ -94,22 +94,18 @@ private Q_SLOTS:
         QVERIFY(r.recordingStartedAt <= r.recordingEndedAt && r.recordingEndedAt <= r.savedAt);
         QVERIFY(r.finalizationDurationMilliseconds >= r.earsDurationMilliseconds.value_or(0));
 
-        const QStringList log = rig.logMessages();
-        const QStringList expectedOrder{QStringLiteral("recording started session=") + uuidString(r.id),
-            QStringLiteral("stop key accepted; finalizing speech"), QStringLiteral("accurate local finalization returned"),
-            QStringLiteral("journal append begin"), QStringLiteral("journal append complete"),
-            QStringLiteral("overlay returned to idle"), QStringLiteral("recording completed outcome=") + outcome};
-        qsizetype at = 0;
-        for (const QString &expected : expectedOrder) {
-            while (at < log.size() && !log.at(at).startsWith(expected))
-                ++at;
-            QVERIFY2(at < log.size(), qPrintable(QStringLiteral("missing or out of order: ") + expected + QLatin1Char('\n') + log.join(QLatin1Char('\n'))));
-        }
+        QString why;
+        QVERIFY2(linesInOrder(rig.logMessages(),
+                     {QStringLiteral("recording started session=") + uuidString(r.id),
+                         QStringLiteral("stop key accepted; finalizing speech"), QStringLiteral("accurate local finalization returned"),
+                         QStringLiteral("journal append begin"), QStringLiteral("journal append complete"),
+                         QStringLiteral("overlay returned to idle"), QStringLiteral("recording completed outcome=") + outcome},
+                     &why),
+            qPrintable(why));
     }
 
-    // The shortcut's key going down and up, with and without hold to talk,
-    // against the real controller; "open" and "fail" answer a microphone
-    // that is slow to start.
+    // The shortcut's key going down and up, with and without hold to talk;
+    // "open" and "fail" answer a microphone that is slow to start.
     void gestures_data()
     {
         QTest::addColumn<bool>("holdToTalk");

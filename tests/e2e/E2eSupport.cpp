@@ -41,69 +41,33 @@ ModelContract emptyWeightModel()
         QStringLiteral("http://127.0.0.1:9/for-tests-ggml-tiny.en.bin")};
 }
 
-QString testModelPath(const QString &fileName)
-{
-    return QDir(testData()).filePath(QStringLiteral("models/") + fileName);
-}
+QString testModelPath(const QString &fileName) { return QDir(testData()).filePath(QStringLiteral("models/") + fileName); }
 
 QString speechClip(const QString &dir, double seconds, QString *why)
 {
     const QString path = QDir(dir).filePath(QStringLiteral("speech-%1s.wav").arg(seconds));
-    QProcess sox;
-    sox.setProcessChannelMode(QProcess::MergedChannels);
-    sox.start(QStringLiteral("sox"), {QDir(testData()).filePath(QStringLiteral("speech/jfk.wav")), path,
-        QStringLiteral("trim"), QStringLiteral("0"), QString::number(seconds)});
-    if (sox.waitForFinished(30000) && sox.exitStatus() == QProcess::NormalExit && sox.exitCode() == 0)
-        return path;
-    *why = QStringLiteral("sox could not cut the speech clip: ") + QString::fromLocal8Bit(sox.readAll());
-    return {};
+    const QString speech = QDir(testData()).filePath(QStringLiteral("speech/jfk.wav"));
+    const QStringList trim{speech, path, QStringLiteral("trim"), QStringLiteral("0"), QString::number(seconds)};
+    return runTool(QStringLiteral("sox"), trim, why) ? path : QString();
 }
 
 bool playIntoMicrophone(const QString &wavFile, QString *why)
 {
     const QString sink = qEnvironmentVariable("WITH_PULSE_SINK", QStringLiteral("vmic_sink"));
-    QProcess player;
-    player.setProcessChannelMode(QProcess::MergedChannels);
-    player.start(QStringLiteral("paplay"), {QStringLiteral("-d"), sink, wavFile});
-    // Keep the event loop turning: the test process owns X resources too.
-    QDeadlineTimer deadline(60000);
-    while (player.state() != QProcess::NotRunning && !deadline.hasExpired())
-        QTest::qWait(20);
-    if (player.state() != QProcess::NotRunning) {
-        player.kill();
-        player.waitForFinished();
-        *why = QStringLiteral("paplay did not finish");
-        return false;
-    }
-    if (player.exitStatus() != QProcess::NormalExit || player.exitCode() != 0) {
-        *why = QStringLiteral("paplay failed: ") + QString::fromLocal8Bit(player.readAll());
-        return false;
-    }
-    return true;
+    return runTool(QStringLiteral("paplay"), {QStringLiteral("-d"), sink, wavFile}, why);
 }
 
-bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why)
+bool runTool(const QString &program, const QStringList &arguments, QString *why, int timeoutMs)
 {
-    qsizetype from = 0;
-    for (const QString &prefix : prefixes) {
-        qsizetype found = -1;
-        for (qsizetype i = from; i < messages.size(); ++i) {
-            if (messages.at(i).startsWith(prefix)) {
-                found = i;
-                break;
-            }
-        }
-        if (found < 0) {
-            *why = QStringLiteral("no line \"%1...\" after line %2 of the log:\n%3")
-                       .arg(prefix)
-                       .arg(from)
-                       .arg(messages.join(u'\n'));
-            return false;
-        }
-        from = found + 1;
-    }
-    return true;
+    // The event loop keeps turning meanwhile: the test process owns X resources too.
+    const ProgramRun tool = runProgram(program, arguments, {}, QProcessEnvironment::systemEnvironment(), timeoutMs);
+    if (tool.exitCode == 0)
+        return true;
+    *why = QStringLiteral("%1 failed (%2): %3%4").arg(program).arg(tool.exitCode).arg(tool.out, tool.err);
+    return false;
 }
+
+namespace {
 
 QString artifactFolder(const QString &testName)
 {
@@ -112,6 +76,8 @@ QString artifactFolder(const QString &testName)
         part.replace(QRegularExpression(QStringLiteral("[^A-Za-z0-9_.-]+")), QStringLiteral("_"));
     return QDir(QStringLiteral(DICTORA_E2E_ARTIFACTS)).filePath(parts.join(u'/'));
 }
+
+} // namespace
 
 void pressShortcut(x11::FakeKeyboard &keyboard) { keyboard.chord({}, keyboard.keycode("grave")); }
 
@@ -140,16 +106,7 @@ DictoraRun::DictoraRun()
     m_env.insert(QStringLiteral("DICTORA_VAD_CONTRACT"), vad);
 }
 
-DictoraRun::~DictoraRun()
-{
-    if (!isRunning())
-        return;
-    m_process->terminate();
-    if (!m_process->waitForFinished(5000)) {
-        m_process->kill();
-        m_process->waitForFinished(5000);
-    }
-}
+DictoraRun::~DictoraRun() { stop(); }
 
 QString DictoraRun::dataDirectory() const { return QDir(m_root.path()).filePath(QStringLiteral("data/Dictora")); }
 QString DictoraRun::logPath() const { return QDir(dataDirectory()).filePath(QStringLiteral("runtime.log")); }
@@ -197,6 +154,9 @@ void DictoraRun::writeSnippets(const QList<QPair<QString, QString>> &triggerAndE
 
 bool DictoraRun::start(const QString &binary, QString *why)
 {
+    const int started = countLines(QStringLiteral("app started dataDirectory="));
+    const int installed = countLines(QStringLiteral("global shortcut event tap installed"));
+    m_readyBefore = countLines(QStringLiteral("mandatory accuracy model loaded and ready"));
     m_process = std::make_unique<QProcess>();
     m_process->setProcessEnvironment(m_env);
     m_process->setProcessChannelMode(QProcess::MergedChannels);
@@ -206,13 +166,13 @@ bool DictoraRun::start(const QString &binary, QString *why)
         *why = QStringLiteral("cannot start %1: %2").arg(binary, m_process->errorString());
         return false;
     }
-    return waitForLines(QStringLiteral("app started dataDirectory="), 1, 30000, why)
-        && waitForLines(QStringLiteral("global shortcut event tap installed"), 1, 30000, why);
+    return waitForLines(QStringLiteral("app started dataDirectory="), started + 1, 30000, why)
+        && waitForLines(QStringLiteral("global shortcut event tap installed"), installed + 1, 30000, why);
 }
 
 bool DictoraRun::waitUntilModelReady(QString *why)
 {
-    return waitForLines(QStringLiteral("mandatory accuracy model loaded and ready"), 1, 60000, why);
+    return waitForLines(QStringLiteral("mandatory accuracy model loaded and ready"), m_readyBefore + 1, 60000, why);
 }
 
 qint64 DictoraRun::pid() const { return m_process ? m_process->processId() : 0; }
@@ -245,20 +205,10 @@ bool DictoraRun::stop(QString *why)
 
 int DictoraRun::runVerb(const QString &binary, const QStringList &arguments, QString *output)
 {
-    QProcess process;
-    process.setProcessEnvironment(m_env);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(binary, arguments);
-    QDeadlineTimer deadline(30000);
-    while (process.state() != QProcess::NotRunning && !deadline.hasExpired())
-        QTest::qWait(10);
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished();
-    }
+    const ProgramRun verb = runProgram(binary, arguments, {}, m_env, 30000);
     if (output)
-        *output = QString::fromLocal8Bit(process.readAll());
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        *output = verb.out + verb.err;
+    return verb.exitCode;
 }
 
 QString DictoraRun::logText() const { return QString::fromUtf8(readFile(logPath())); }
@@ -279,11 +229,7 @@ bool DictoraRun::waitForLines(const QString &prefix, int count, int timeoutMs, Q
             return false;
         }
         if (deadline.hasExpired()) {
-            *why = QStringLiteral("no \"%1\" line #%2 within %3 ms; log:\n%4")
-                       .arg(prefix)
-                       .arg(count)
-                       .arg(timeoutMs)
-                       .arg(logText());
+            *why = QStringLiteral("no \"%1\" line #%2 within %3 ms; log:\n%4").arg(prefix).arg(count).arg(timeoutMs).arg(logText());
             return false;
         }
         QTest::qWait(20);
@@ -294,14 +240,10 @@ bool DictoraRun::waitForLines(const QString &prefix, int count, int timeoutMs, Q
 QList<QJsonObject> DictoraRun::records(QString *why) const
 {
     QList<QJsonObject> result;
-    QFile file(journalPath());
-    if (!file.open(QIODevice::ReadOnly))
-        return result;
-    for (const QByteArray &line : file.readAll().split('\n')) {
+    for (const QByteArray &line : readFile(journalPath()).split('\n')) {
         if (line.trimmed().isEmpty())
             continue;
-        QJsonParseError error;
-        const QJsonDocument doc = QJsonDocument::fromJson(line, &error);
+        const QJsonDocument doc = QJsonDocument::fromJson(line);
         if (!doc.isObject()) {
             if (why)
                 *why = QStringLiteral("journal line is not a JSON object: ") + QString::fromUtf8(line);
@@ -321,7 +263,12 @@ QString DictoraRun::programOutput()
 
 void DictoraRun::keepArtifacts(const QString &folder)
 {
-    QDir().mkpath(folder);
+    // The artifact folder is root's while the Sway runs go as Sway's user:
+    // there the test output gets the log instead.
+    if (!QDir().mkpath(folder) || !QFileInfo(folder).isWritable()) {
+        qWarning().noquote() << "runtime log:\n" << logText() << "\nprogram output:\n" << programOutput();
+        return;
+    }
     const QDir out(folder);
     for (const QString &source : {logPath(), journalPath(), QDir(dataDirectory()).filePath(QStringLiteral("snippets.json")),
              QDir(m_root.path()).filePath(QStringLiteral("config/Dictora/Dictora.ini"))}) {
@@ -345,10 +292,8 @@ int checkEnvironment()
     if (testData().isEmpty())
         return skipAll("../shared/testdata is not beside the repository");
     for (const char *tool : {"l3afpad", "xterm", "xdotool", "paplay", "sox"}) {
-        if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty()) {
-            const QByteArray reason = QByteArray(tool) + " is not installed";
-            return rigMissing(reason.constData());
-        }
+        if (QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty())
+            return rigMissing((QByteArray(tool) + " is not installed").constData());
     }
     for (const QString &binary : {dictoraBinary(), scriptedBinary()}) {
         if (!QFileInfo(binary).isExecutable()) {
@@ -403,6 +348,12 @@ bool E2eCase::verb(const QString &name, QString *why)
         return true;
     *why = QStringLiteral("dictora %1 failed: %2").arg(name, output);
     return false;
+}
+
+bool E2eCase::toggleUntil(const QString &prefix, QString *why)
+{
+    const int seen = run->countLines(prefix);
+    return verb(QStringLiteral("toggle"), why) && run->waitForLines(prefix, seen + 1, 60000, why);
 }
 
 bool E2eCase::startDictation(int ordinal, QString *why)

@@ -39,9 +39,10 @@ QString testModelPath(const QString &fileName);
 QString speechClip(const QString &dir, double seconds, QString *why);
 // Plays a WAV file into the virtual microphone and returns once it has drained.
 bool playIntoMicrophone(const QString &wavFile, QString *why);
+// Runs a helper tool (sox, paplay, xdotool) to its end; false with its output in *why.
+bool runTool(const QString &program, const QStringList &arguments, QString *why, int timeoutMs = 60000);
 
-// Checks that a line starting with each prefix appears, in this order.
-bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why);
+using dictora::test::linesInOrder;
 
 // One installation of Dictora in a throw-away home, and the running process.
 class DictoraRun {
@@ -64,16 +65,14 @@ public:
     bool useModel(const ModelContract &contract, bool installModel, QString *why);
     void writeSnippets(const QList<QPair<QString, QString>> &triggerAndExpansion);
     void setEnvironment(const QString &name, const QString &value) { m_env.insert(name, value); }
-    QProcessEnvironment environment() const { return m_env; }
 
-    // Starts the program and waits until the log says it started and holds
-    // the shortcut.
+    // Starts the program; waits until the log has this start and the shortcut held.
     bool start(const QString &binary, QString *why);
+    // Waits for the model of the latest start.
     bool waitUntilModelReady(QString *why);
     qint64 pid() const;
     bool isRunning() const;
-    // Ends the program with SIGTERM as a desktop session would; false if it
-    // had to be killed or did not exit cleanly.
+    // SIGTERM, as a desktop session ends it; false if it had to be killed or exited badly.
     bool stop(QString *why = nullptr);
 
     // Runs the same installation's command line (e.g. "toggle") to its end.
@@ -82,8 +81,7 @@ public:
     QString logText() const;
     QStringList messages() const { return logMessages(logText()); }
     int countLines(const QString &prefix) const;
-    // Waits until at least `count` lines start with prefix; fails early when
-    // the program has ended.
+    // Waits until at least `count` lines start with prefix; fails early once the program ended.
     bool waitForLines(const QString &prefix, int count, int timeoutMs, QString *why);
     QList<QJsonObject> records(QString *why = nullptr) const;
     QString programOutput();
@@ -96,6 +94,7 @@ private:
     QProcessEnvironment m_env;
     std::unique_ptr<QProcess> m_process;
     QByteArray m_output;
+    int m_readyBefore = 0;
 };
 
 using x11::activeWindow;
@@ -105,12 +104,9 @@ using x11::windowPid;
 
 // Taps the default shortcut, the key left of 1.
 void pressShortcut(x11::FakeKeyboard &keyboard);
-// Folder for a failed test's artifacts: <build>/tests/e2e/artifacts/<test>.
-QString artifactFolder(const QString &testName);
 
-// 0 when the run can go on; else it printed why and this is the exit code
-// (77, skipped, without a display, a sound server, the test data or the
-// editor and terminal).
+// 0 when the run can go on; else it printed why (a display, sound server, the
+// test data, editor or terminal missing) and this is the exit code.
 int checkEnvironment();
 
 // What every run owns: the keyboard, a scratch folder and the installation,
@@ -121,23 +117,24 @@ protected:
     x11::FakeKeyboard keyboard;
     std::unique_ptr<QTemporaryDir> scratch;
     std::unique_ptr<DictoraRun> run;
+    QString why; // what the step that failed said
 
-    // A fresh scratch folder and installation (settings written, model
-    // installed) for one test function or row.
+    // A fresh scratch folder and installation for one test function or row.
     bool beginCase(const ModelContract &model, bool installModel, QString *why);
-    // Keeps the artifacts when the function failed, then stops the program.
+    // Keeps the artifacts (in <build>/tests/e2e/artifacts/<test>) when the
+    // function failed, then stops the program.
     void endCase();
-    // Starts the scripted program, whose recogniser hears `transcript` (its
-    // default when null), and waits until the model is ready.
+    // Starts the scripted program hearing `transcript` (its default when null); waits for the model.
     bool startScripted(const QString &transcript, QString *why);
     // "dictora <name>" (toggle, press, release) to the running program; why
     // gets what it printed when it fails.
     bool verb(const QString &name, QString *why);
+    // "dictora toggle", then waits for one more log line starting with prefix.
+    bool toggleUntil(const QString &prefix, QString *why);
     // Presses the shortcut and waits for the recording to start.
     bool startDictation(int ordinal, QString *why);
-    // Plays speech, presses again and waits for the recording's end. The
-    // second tap is over before the program sees it, as it is when a real
-    // recogniser takes longer than a key press (see tapBeforeProgramReacts).
+    // Plays speech, taps again (over before the program sees it, as when a
+    // real recogniser takes longer than a key press) and waits for the end.
     bool finishDictation(int ordinal, double speechSeconds, QString *why);
     // Pauses the program for a tap of the shortcut, so the key is up again
     // before the program handles the press.

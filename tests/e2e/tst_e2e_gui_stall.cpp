@@ -1,48 +1,23 @@
 #include "E2eSupport.h"
 
-#include <QFile>
 #include <QGuiApplication>
 #include <QJsonObject>
-#include <QProcess>
 #include <QtTest>
 
 #include <csignal>
 
 using namespace dictora::test::e2e;
 
-namespace {
-
-// The PulseAudio server the with-pulse wrapper started for this test.
-qint64 soundServerPid()
-{
-    QFile file(qEnvironmentVariable("PULSE_RUNTIME_PATH") + QStringLiteral("/pid"));
-    if (!file.open(QIODevice::ReadOnly))
-        return 0;
-    return QString::fromLatin1(file.readAll()).trimmed().toLongLong();
-}
-
-bool xdotool(const QStringList &arguments)
-{
-    QProcess process;
-    process.start(QStringLiteral("xdotool"), arguments);
-    return process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-}
-
-} // namespace
-
-// The GUI thread keeps serving its event loop through a whole dictation even
-// when everything it talks to is slow: the sound server is stopped for a
-// second at the start and at the stop of the recording, and the paste target
-// sits on another desktop, so re-activating it means a desktop switch.
-// The program measures its own loop (DICTORA_MEASURE_GUI_STALLS) and logs the
-// longest stall of each dictation.
+// The GUI thread keeps serving its event loop through a dictation while all it
+// talks to is slow: the sound server stops for a second at the start and at
+// the stop, and the paste target sits on another desktop. The program logs the
+// longest stall of each dictation (DICTORA_MEASURE_GUI_STALLS).
 class TestE2eGuiStall : public E2eCase {
     Q_OBJECT
 
 private:
-    // Taps the shortcut while the sound server is stopped, and lets the
-    // server go on after a second; true when nothing got logged meanwhile
-    // with `prefix` (the program waited for the server, not for us).
+    // Taps the shortcut while the sound server is stopped for a second; true when
+    // no `prefix` line came meanwhile (the program waited for the server).
     bool tapWhileSoundServerStalls(qint64 server, const QString &prefix, int seen)
     {
         ::kill(pid_t(server), SIGSTOP);
@@ -58,11 +33,11 @@ private Q_SLOTS:
 
     void noStallWhileServersAreSlow()
     {
-        const qint64 server = soundServerPid();
+        // The PulseAudio server the with-pulse wrapper started for this test.
+        const qint64 server = dictora::test::readFile(qEnvironmentVariable("PULSE_RUNTIME_PATH") + "/pid").trimmed().toLongLong();
         if (server <= 0)
             QSKIP("the sound server's pid file is not where with-pulse puts it");
 
-        QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         run->setEnvironment(QStringLiteral("DICTORA_MEASURE_GUI_STALLS"), QStringLiteral("1"));
         QVERIFY2(startScripted(QStringLiteral("please call me back"), &why), qPrintable(why));
@@ -75,10 +50,10 @@ private Q_SLOTS:
         QVERIFY2(run->waitForLines(started, 1, 30000, &why), qPrintable(why));
         QVERIFY(run->messages().filter(started).first().endsWith(QStringLiteral(" target=L3afpad")));
 
-        // The editor goes to the second desktop; openbox switches back there
-        // when the paste asks for it.
-        QVERIFY(xdotool({QStringLiteral("set_desktop_for_window"), QString::number(editor.window()),
-            QStringLiteral("1")}));
+        // The editor goes to the second desktop; openbox switches there when the paste asks.
+        QVERIFY2(runTool(QStringLiteral("xdotool"),
+                     {QStringLiteral("set_desktop_for_window"), QString::number(editor.window()), QStringLiteral("1")}, &why),
+            qPrintable(why));
         QTRY_VERIFY_WITH_TIMEOUT(activeWindow() != editor.window(), 10000);
 
         const QString clip = speechClip(scratch->path(), 1.5, &why);

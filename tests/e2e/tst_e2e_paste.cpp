@@ -1,6 +1,7 @@
 #include "E2eSupport.h"
 
 #include <QClipboard>
+#include <QDir>
 #include <QGuiApplication>
 #include <QMimeData>
 #include <QJsonObject>
@@ -10,23 +11,13 @@ using namespace dictora::test::e2e;
 
 // The whole paste path with only the recogniser's words scripted: the text is
 // formatted, snippet-expanded and lands in the editor that had the focus when
-// the dictation began, whatever has the focus when it ends. It is driven by
-// the shortcut, or from a shell ("dictora toggle"; a desktop's own binding
-// runs "dictora press" and "dictora release" with hold to talk on).
+// the dictation began. It is driven by the shortcut or from a shell ("dictora
+// toggle", or "press" and "release" with hold to talk on).
 class TestE2ePaste : public E2eCase {
     Q_OBJECT
 
 private Q_SLOTS:
     void cleanup() { endCase(); }
-
-    void toggleWithoutARunningProgram()
-    {
-        QString why;
-        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
-        QString output;
-        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &output), 1);
-        QVERIFY2(output.contains(QStringLiteral("Dictora is not running")), qPrintable(output));
-    }
 
     void textLandsInTheEditor_data()
     {
@@ -35,8 +26,7 @@ private Q_SLOTS:
         QTest::addColumn<bool>("moveFocus");
         QTest::addColumn<QString>("expected");
 
-        // The formatting and snippet rules themselves are the formatter's and
-        // the controller's tables; here each way through runs once.
+        // The formatting and snippet rules are the formatter's and controller's tables; each way runs once here.
         const QString raw = QStringLiteral("  um, please send the invoice to my address  ");
         const QString formatted = QStringLiteral("Please send the invoice to 12 Harbour Road, Leith");
         QTest::newRow("shortcut") << raw << "key" << false << formatted;
@@ -55,7 +45,6 @@ private Q_SLOTS:
         QFETCH(bool, moveFocus);
         QFETCH(QString, expected);
 
-        QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         // A chosen microphone that is unplugged: the default is heard, and the indicator says so.
         run->writeSettings({{QStringLiteral("audio.microphone.source"), QStringLiteral("unplugged_usb")},
@@ -145,15 +134,16 @@ private Q_SLOTS:
         }
     }
 
-    // With "keep my clipboard" on, what was copied before (every format)
-    // is back once the editor has taken the transcript.
+    // A verb with no program to take it; then, with "keep my clipboard" on,
+    // what was copied before (every format) is back after the paste.
     void copiedContentComesBack()
     {
-        QString why;
         QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
         run->writeSettings({{QStringLiteral("paste.restoreClipboard"), true}});
-        QVERIFY2(startScripted(QStringLiteral("hello again"), &why), qPrintable(why));
         QString refusal;
+        QCOMPARE(run->runVerb(dictoraBinary(), {QStringLiteral("toggle")}, &refusal), 1);
+        QVERIFY2(refusal.contains(QStringLiteral("Dictora is not running")), qPrintable(refusal));
+        QVERIFY2(startScripted(QStringLiteral("hello again"), &why), qPrintable(why));
         QCOMPARE(run->runVerb(scriptedBinary(), {QStringLiteral("paste-last")}, &refusal), 1);
         QVERIFY2(refusal.contains(QStringLiteral("There is no dictation yet.")), qPrintable(refusal));
 
@@ -183,6 +173,40 @@ private Q_SLOTS:
                          QStringLiteral("clipboard restored formats=")},
                      &why),
             qPrintable(why));
+    }
+
+    // The real voice-activity model before a recogniser that always answers:
+    // noise pastes nothing and is kept as an empty record; speech still pastes.
+    void noiseIsNeverRecognised()
+    {
+        QVERIFY2(beginCase(emptyWeightModel(), true, &why), qPrintable(why));
+        // The product's detector contract names exactly this file.
+        QVERIFY(QFile::copy(testModelPath(QStringLiteral("for-tests-silero-v6.2.0-ggml.bin")),
+            QDir(run->dataDirectory()).filePath(QStringLiteral("Models/ggml-silero-v6.2.0.bin"))));
+        QVERIFY2(startScripted(QStringLiteral("invented words"), &why), qPrintable(why));
+        QVERIFY2(run->waitForLines(QStringLiteral("voice activity model ready path="), 1, 30000, &why), qPrintable(why));
+        TextEditor editor(keyboard, scratch->filePath(QStringLiteral("editor.txt")));
+        QVERIFY2(editor.start(&why), qPrintable(why));
+
+        // White noise: loud enough for the meter, no speech in it.
+        const QString noise = scratch->filePath(QStringLiteral("noise.wav"));
+        const QStringList synth = QStringLiteral("-n -r 16000 -b 16 -c 1").split(u' ') + QStringList{noise}
+            + QStringLiteral("synth 3 whitenoise vol 0.1").split(u' ');
+        QVERIFY2(runTool(QStringLiteral("sox"), synth, &why), qPrintable(why));
+        QVERIFY2(startDictation(1, &why), qPrintable(why));
+        QVERIFY2(playIntoMicrophone(noise, &why), qPrintable(why));
+        tapBeforeProgramReacts();
+        QVERIFY2(run->waitForLines(QStringLiteral("recording completed outcome=empty"), 1, 60000, &why), qPrintable(why));
+        QVERIFY2(run->countLines(QStringLiteral("no speech detected; nothing recognised recordedMs=")) == 1, qPrintable(run->logText()));
+
+        QVERIFY2(startDictation(2, &why), qPrintable(why));
+        QVERIFY2(finishDictation(2, 4.0, &why), qPrintable(why));
+        QString pasted;
+        QVERIFY2(editor.readBack(QStringLiteral("Invented words"), &pasted), qPrintable(pasted)); // as the formatter writes it
+        const QList<QJsonObject> records = run->records(&why);
+        QCOMPARE(records.size(), 2);
+        QCOMPARE(records[0].value("outcome").toString(), QStringLiteral("empty"));
+        QCOMPARE(records[1].value("outcome").toString(), QStringLiteral("pasted"));
     }
 };
 

@@ -4,8 +4,10 @@
 #include "onboarding/ui/OnboardingIllustrations.h"
 #include "onboarding/ui/OnboardingStageShell.h"
 #include "onboarding/ui/OnboardingView.h"
+#include "support/Screenshot.h"
 
-#include <QDir>
+#include <QFile>
+#include <QFontInfo>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -17,6 +19,8 @@
 
 using namespace dictora;
 using S = OnboardingPermissionStatus;
+
+Q_DECLARE_METATYPE(dictora::OnboardingStage)
 
 namespace {
 
@@ -33,12 +37,13 @@ struct Fixture {
 
     OnboardingActions actions()
     {
+        const auto note = [this](const char *name) { return [this, name] { calls << QLatin1String(name); }; };
         OnboardingActions a;
-        a.requestMicrophone = [this] { calls << QStringLiteral("requestMicrophone"); };
-        a.openMicrophoneSettings = [this] { calls << QStringLiteral("openMicrophoneSettings"); };
-        a.openAccessibilitySettings = [this] { calls << QStringLiteral("openAccessibilitySettings"); };
-        a.retryDownload = [this] { calls << QStringLiteral("retryDownload"); };
-        a.openSnippets = [this] { calls << QStringLiteral("openSnippets"); };
+        a.requestMicrophone = note("requestMicrophone");
+        a.openMicrophoneSettings = note("openMicrophoneSettings");
+        a.openAccessibilitySettings = note("openAccessibilitySettings");
+        a.retryDownload = note("retryDownload");
+        a.openSnippets = note("openSnippets");
         // What the controller's finish does.
         a.finish = [this] {
             calls << QStringLiteral("finish");
@@ -70,10 +75,7 @@ QStringList visibleButtons(OnboardingStageShell *screen)
 
 void saveShot(OnboardingView &view, const QString &name)
 {
-    QDir().mkpath(QStringLiteral(DICTORA_SCREENSHOT_DIR));
-    // Let the layouts catch up with the texts just set.
-    QCoreApplication::processEvents();
-    QVERIFY(view.grab().save(QStringLiteral(DICTORA_SCREENSHOT_DIR "/") + name + QStringLiteral(".png")));
+    QVERIFY(test::saveScreenshot(view, QStringLiteral(DICTORA_SCREENSHOT_DIR), name));
 }
 
 } // namespace
@@ -81,7 +83,17 @@ void saveShot(OnboardingView &view, const QString &name)
 class OnboardingViewTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { registerBundledFonts(); }
+    // Before registration the headline face is a bold system font; after it,
+    // the embedded one where the build has it.
+    void initTestCase()
+    {
+        QVERIFY(!displayFontAvailable());
+        QCOMPARE(displayFont(40).weight(), QFont::Bold);
+        QVERIFY(!QFontInfo(displayFont(40)).family().contains(QStringLiteral("Londrina")));
+        QCOMPARE(registerBundledFonts(), QFile::exists(QStringLiteral(":/dictora/fonts/LondrinaSolid-Black.woff")));
+        if (displayFontAvailable())
+            QCOMPARE(QFontInfo(displayFont(40)).family(), QString::fromLatin1(kDisplayFontFamily));
+    }
 
     void firstSearchWord_data()
     {
@@ -99,6 +111,41 @@ private Q_SLOTS:
         QFETCH(QString, transcript);
         QFETCH(QString, word);
         QCOMPARE(dictora::firstSearchWord(transcript), word);
+    }
+
+    // Which stage the model leaves the permission screen for.
+    void leavesPermissions_data()
+    {
+        QTest::addColumn<bool>("presented");
+        QTest::addColumn<int>("microphone");
+        QTest::addColumn<int>("accessibility");
+        QTest::addColumn<bool>("configured");
+        QTest::addColumn<bool>("modelReady");
+        QTest::addColumn<OnboardingStage>("expected");
+        QTest::newRow("accessibility denied") << true << 2 << 1 << false << true << OnboardingStage::permissions;
+        QTest::newRow("microphone undetermined") << true << 0 << 2 << true << true << OnboardingStage::permissions;
+        QTest::newRow("first visit goes to placement") << true << 2 << 2 << false << false << OnboardingStage::microphonePosition;
+        QTest::newRow("configured, model not ready") << true << 2 << 2 << true << false << OnboardingStage::permissions;
+        QTest::newRow("configured, model ready") << true << 2 << 2 << true << true << OnboardingStage::practice;
+        QTest::newRow("not presented") << false << 2 << 2 << true << true << OnboardingStage::permissions;
+    }
+    void leavesPermissions()
+    {
+        QFETCH(bool, presented);
+        QFETCH(int, microphone);
+        QFETCH(int, accessibility);
+        QFETCH(bool, configured);
+        QFETCH(bool, modelReady);
+        QFETCH(OnboardingStage, expected);
+        OnboardingModel model(true);
+        model.setPermissions({S(microphone), S(accessibility)});
+        model.setAccuracyModelReady(modelReady);
+        if (configured)
+            model.finishConfiguration();
+        model.setStage(OnboardingStage::permissions);
+        model.setPresented(presented);
+        model.showPracticeWhenReady();
+        QCOMPARE(model.stage(), expected);
     }
 
     // Which step shows, and which buttons it offers; each offered button runs
@@ -164,7 +211,7 @@ private Q_SLOTS:
             if (b->isVisibleTo(screen))
                 QTest::mouseClick(b, Qt::LeftButton);
         QCOMPARE(f.calls.size(), buttons.size());
-        saveShot(view, QStringLiteral("1-permissions-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+        saveShot(view, QStringLiteral("1-permissions"));
     }
 
     void practiceFollowsThePhase_data()
@@ -212,7 +259,7 @@ private Q_SLOTS:
         auto *keyboard = view.currentScreen()->findChild<KeyboardIllustration *>(QStringLiteral("keyboard"));
         QVERIFY(keyboard);
         QCOMPARE(keyboard->isFlashing(), flashing);
-        saveShot(view, QStringLiteral("4-practice-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+        saveShot(view, QStringLiteral("4-practice"));
     }
 
     // Preferences also change from the tray and the settings sheet while a
@@ -313,6 +360,8 @@ private Q_SLOTS:
         practice.outcome = TranscriptOutcome::practice;
         f.journal.append(practice);
         f.state.setPhase(DictoraPhase::idle());
+        f.model.completePractice(QStringLiteral(" \n\t "), practice.savedAt); // nothing heard: practise again
+        QCOMPARE(view.shownStage(), OnboardingStage::practice);
         f.model.completePractice(QStringLiteral("  Testing my first dictation.\n"), practice.savedAt);
 
         QCOMPARE(view.shownStage(), OnboardingStage::savedProof);

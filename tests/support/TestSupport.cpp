@@ -55,6 +55,21 @@ QStringList logMessages(const QString &logText)
     return messages;
 }
 
+bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why)
+{
+    qsizetype at = 0;
+    for (const QString &prefix : prefixes) {
+        while (at < messages.size() && !messages.at(at).startsWith(prefix))
+            ++at;
+        if (at == messages.size()) {
+            *why = QStringLiteral("no line \"%1...\" in this order in the log:\n%2").arg(prefix, messages.join(u'\n'));
+            return false;
+        }
+        ++at;
+    }
+    return true;
+}
+
 ProgramRun runProgram(const QString &program, const QStringList &arguments, const QByteArray &input,
     const QProcessEnvironment &environment, int timeoutMs)
 {
@@ -117,9 +132,6 @@ IsolatedHome::IsolatedHome()
     qputenv("XDG_RUNTIME_DIR", root.filePath(QStringLiteral("runtime")).toUtf8());
 }
 
-QString IsolatedHome::dataHome() const
-{
-    return QDir(m_dir.path()).filePath(QStringLiteral("data"));
-}
+QString IsolatedHome::dataHome() const { return QDir(m_dir.path()).filePath(QStringLiteral("data")); }
 
 } // namespace dictora::test

@@ -25,6 +25,9 @@ int rigMissing(const char *reason);
 QByteArray readFile(const QString &path);
 // A runtime log's messages, each line's "[time] " prefix removed.
 QStringList logMessages(const QString &logText);
+// True when a message starting with each prefix appears, in this order; else
+// *why names the first one missing.
+bool linesInOrder(const QStringList &messages, const QStringList &prefixes, QString *why);
 
 // One run of a program to its end, the event loop served meanwhile (the test
 // may be the HTTP server it talks to). exitCode is -1 when it crashed or

@@ -12,10 +12,7 @@ namespace dictora::test {
 
 namespace {
 // Answers come back from the event loop, as from the real threads.
-void later(std::function<void()> f)
-{
-    QTimer::singleShot(0, std::move(f));
-}
+void later(std::function<void()> f) { QTimer::singleShot(0, std::move(f)); }
 } // namespace
 
 void FakeSpeech::answer(qint64 ms, Done done)
@@ -100,10 +97,7 @@ void FakeMicrophone::cancel()
     m_pendingStart = {};
 }
 
-void FakeMicrophone::requestPermission(Answered done)
-{
-    later([this, done] { done(permitted); });
-}
+void FakeMicrophone::requestPermission(Answered done) { later([this, done] { done(permitted); }); }
 
 void FakeMicrophone::checkStatus(StatusDone done)
 {

@@ -86,16 +86,10 @@ public:
         installed << shortcut;
         return verifyInstalled(shortcut);
     }
-    bool verifyInstalled(const GlobalShortcut &shortcut) const override
-    {
-        return accepts && !(refused && *refused == shortcut);
-    }
+    bool verifyInstalled(const GlobalShortcut &shortcut) const override { return accepts && !(refused && *refused == shortcut); }
     bool isAwaitingDesktop() const override { return awaiting; }
     void uninstall() override {}
-    QString failureReason() const override
-    {
-        return accepts ? QString() : QStringLiteral("key is grabbed by another program");
-    }
+    QString failureReason() const override { return accepts ? QString() : QStringLiteral("key is grabbed by another program"); }
     void press() { Q_EMIT pressed(); }
     void release() { Q_EMIT released(); }
 };

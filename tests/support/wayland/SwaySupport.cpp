@@ -2,7 +2,6 @@
 
 #include "support/TestSupport.h"
 
-#include <QDeadlineTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -13,6 +12,7 @@ namespace dictora::test::sway {
 
 namespace {
 
+// Blocking: checkSession() runs before there is an event loop.
 QByteArray swaymsg(const QStringList &arguments, bool *ok)
 {
     QProcess process;
@@ -86,13 +86,11 @@ QString focusedAppId()
 
 bool waitForWindow(const QString &appId, bool focused, QString *why)
 {
-    QDeadlineTimer deadline(30000);
-    while (!deadline.hasExpired()) {
-        const QJsonObject node = findNode(tree(), [&](const QJsonObject &n) { return appIdOf(n) == appId; });
-        if (!node.isEmpty() && (!focused || node.value(QLatin1String("focused")).toBool()))
-            return true;
-        QTest::qWait(50);
-    }
+    if (QTest::qWaitFor([&] {
+            const QJsonObject node = findNode(tree(), [&](const QJsonObject &n) { return appIdOf(n) == appId; });
+            return !node.isEmpty() && (!focused || node.value(QLatin1String("focused")).toBool());
+        }, 30000))
+        return true;
     *why = QStringLiteral("no %1window \"%2\" within 30 s; focused is \"%3\"")
                .arg(focused ? QStringLiteral("focused ") : QString(), appId, focusedAppId());
     return false;
@@ -122,32 +120,18 @@ bool Foot::start(QString *why)
     if (!command(QStringLiteral("exec foot --app-id=%1 sh -c \"%2\"").arg(m_appId, shell), why))
         return false;
     m_started = true;
-    QDeadlineTimer deadline(30000);
-    while (!QFile::exists(m_file)) {
-        if (deadline.hasExpired()) {
-            *why = QStringLiteral("foot never started its shell");
-            return false;
-        }
-        QTest::qWait(50);
+    if (!QTest::qWaitFor([&] { return QFile::exists(m_file); }, 30000)) {
+        *why = QStringLiteral("foot never started its shell");
+        return false;
     }
     return waitForWindow(m_appId, true, why);
 }
 
-QString Foot::received() const
-{
-    return QString::fromUtf8(readFile(m_file));
-}
+QString Foot::received() const { return QString::fromUtf8(readFile(m_file)); }
 
 bool Foot::waitFor(const QString &expected, int timeoutMs, QString *actual) const
 {
-    QDeadlineTimer deadline(timeoutMs);
-    do {
-        *actual = received();
-        if (*actual == expected)
-            return true;
-        QTest::qWait(20);
-    } while (!deadline.hasExpired());
-    return false;
+    return QTest::qWaitFor([&] { return (*actual = received()) == expected; }, timeoutMs);
 }
 
 } // namespace dictora::test::sway

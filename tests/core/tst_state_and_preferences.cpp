@@ -1,12 +1,14 @@
+#include "core/DictoraState.h"
 #include "core/ProductPreferences.h"
 #include "support/TestSupport.h"
 
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
 
 using namespace dictora;
 
-class ProductPreferencesTest : public QObject {
+class StateAndPreferencesTest : public QObject {
     Q_OBJECT
 
     QTemporaryDir m_dir;
@@ -53,10 +55,8 @@ private Q_SLOTS:
         QSettings s(iniPath(), QSettings::IniFormat);
         const QStringList stored = s.allKeys();
         ProductPreferences p(s);
-        QCOMPARE(rawValue(p.microphoneLocation()), location);
-        QCOMPARE(rawValue(p.microphoneSize()), size);
-        QCOMPARE(p.microphoneOpacity(), opacity);
-        QCOMPARE(p.snippetsEnabled(), snippets);
+        QCOMPARE((QVariantList{rawValue(p.microphoneLocation()), rawValue(p.microphoneSize()), p.microphoneOpacity(), p.snippetsEnabled()}),
+            (QVariantList{location, size, opacity, snippets}));
         QCOMPARE(s.allKeys(), stored); // reading, even a fall-back, writes nothing back
     }
 
@@ -134,16 +134,37 @@ private Q_SLOTS:
         }
         QSettings s(iniPath(), QSettings::IniFormat);
         ProductPreferences p(s);
-        QCOMPARE(p.microphoneLocation(), ScreenAnchor::topLeft);
-        QCOMPARE(p.microphoneSize(), OverlaySize::large);
-        QCOMPARE(p.microphoneOpacity(), 0.2);
-        QVERIFY(!p.showsMicrophoneIcon());
-        QVERIFY(p.hasCompletedOnboarding());
         QCOMPARE(p.keyboardShortcut(), shortcut);
-        QVERIFY(!p.formattingEnabled());
-        QVERIFY(!p.snippetsEnabled());
+        QCOMPARE((QVariantList{rawValue(p.microphoneLocation()), rawValue(p.microphoneSize()), p.microphoneOpacity(),
+                     p.showsMicrophoneIcon(), p.hasCompletedOnboarding(), p.formattingEnabled(), p.snippetsEnabled()}),
+            (QVariantList{"topLeft", "large", 0.2, false, true, false, false}));
+    }
+
+    // The state the widgets observe signals only real changes.
+    void stateSignalsOnlyOnChange()
+    {
+        DictoraState state;
+        QSignalSpy phase(&state, &DictoraState::phaseChanged);
+        QSignalSpy levels(&state, &DictoraState::meterLevelsChanged);
+        QSignalSpy dots(&state, &DictoraState::listeningDotPhaseChanged);
+        QSignalSpy transcript(&state, &DictoraState::lastTranscriptChanged);
+        state.setPhase(DictoraPhase::idle());
+        state.setPhase(DictoraPhase::error("a"));
+        state.setPhase(DictoraPhase::error("b"));
+        QCOMPARE(phase.count(), 2);
+        state.setMeterLevels({0.5f, 0, 0, 0});
+        state.setMeterLevels({0.5f, 0, 0, 0});
+        QCOMPARE(levels.count(), 1);
+        state.setListeningDotPhase(1);
+        state.setListeningDotPhase(4); // wraps to 1
+        QCOMPARE(dots.count(), 1);
+        QCOMPARE(state.listeningDotPhase(), 1);
+        // Every completed dictation replaces the transcript, even with the same (empty) text.
+        state.setLastTranscript(QString());
+        state.setLastTranscript(QString());
+        QCOMPARE(transcript.count(), 2);
     }
 };
 
-QTEST_GUILESS_MAIN(ProductPreferencesTest)
-#include "tst_product_preferences.moc"
+QTEST_GUILESS_MAIN(StateAndPreferencesTest)
+#include "tst_state_and_preferences.moc"
