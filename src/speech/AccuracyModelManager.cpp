@@ -136,10 +136,11 @@ void AccuracyModelManager::abandonAttempt()
     m_cancel->store(true);
     m_cancel = std::make_shared<std::atomic_bool>(false);
     m_retryTimer.stop();
-    if (m_transferring) {
+    // The phase leaves downloading as the transfer's answer arrives, so a
+    // transfer is under way exactly while it says so.
+    if (m_phase.kind() == AccuracyModelPhase::Kind::downloading) {
         // The next transfer starts behind this cancel on the downloader's
         // thread; the half-written file goes either way.
-        m_transferring = false;
         m_downloader->cancel();
         QFile::remove(partialPath());
     }
@@ -275,12 +276,10 @@ void AccuracyModelManager::downloadModel()
     if (!m_downloader)
         m_downloader = std::make_unique<StreamingModelDownloader>(
             partialPath(), m_options.contract.bytes, StreamingModelDownloader::Progress{}, m_options.downloadLimits);
-    m_transferring = true;
     const QFuture<void> transfer = m_downloader->download(m_options.contract.url, std::move(progress));
     whenReady(transfer, this, [this, total, pending, cancel = m_cancel](QFuture<void> future) {
         if (cancel->load())
             return; // abandoned
-        m_transferring = false;
         try {
             future.waitForFinished();
         } catch (...) {

@@ -110,7 +110,6 @@ private:
     std::shared_ptr<VoiceActivityModelPath> m_voiceActivityPath = std::make_shared<VoiceActivityModelPath>();
     std::unique_ptr<AccuracyModelManager> m_voiceActivity;
     std::unique_ptr<StreamingModelDownloader> m_downloader;
-    bool m_transferring = false; // a download of this manager's is under way
     QThreadPool m_pool;
     std::shared_ptr<std::atomic_bool> m_cancel = std::make_shared<std::atomic_bool>(false);
     QTimer m_retryTimer;
