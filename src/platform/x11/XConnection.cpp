@@ -24,6 +24,14 @@ std::unordered_map<Display *, XErrorTrap *> g_innermostTrap;
 XErrorHandler g_previousHandler = nullptr;
 std::once_flag g_handlerInstalled;
 
+// Whether a request made so far may still answer with an error. Once the
+// server has answered the latest request (a reply, say), Xlib has already
+// handed every earlier error to the handler, so a round trip adds nothing.
+bool awaitingAnswers(Display *display)
+{
+    return LastKnownRequestProcessed(display) != NextRequest(display) - 1;
+}
+
 } // namespace
 
 int trapHandler(_XDisplay *display, void *event)
@@ -65,7 +73,8 @@ XErrorTrap::~XErrorTrap()
 {
     if (!m_display)
         return;
-    XSync(m_display, False); // errors of this scope must not outlive it
+    if (awaitingAnswers(m_display))
+        XSync(m_display, False); // errors of this scope must not outlive it
     std::lock_guard lock(g_trapsLock);
     if (m_outer)
         g_innermostTrap[m_display] = m_outer;
@@ -75,7 +84,7 @@ XErrorTrap::~XErrorTrap()
 
 int XErrorTrap::sync()
 {
-    if (m_display)
+    if (m_display && awaitingAnswers(m_display))
         XSync(m_display, False);
     return m_errorCode;
 }

@@ -53,8 +53,9 @@ public:
     XErrorTrap(const XErrorTrap &) = delete;
     XErrorTrap &operator=(const XErrorTrap &) = delete;
 
-    // Round-trips to the server so that every error of the requests made so
-    // far has arrived; returns the first error code seen (0 = none).
+    // Round-trips to the server, unless it has answered the latest request
+    // already, so that every error of the requests made so far has arrived;
+    // returns the first error code seen (0 = none).
     int sync();
     int errorCode() const { return m_errorCode; }
 
