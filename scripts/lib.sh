@@ -12,6 +12,7 @@ DICTORA_PACKAGES=(
   build-essential cmake ninja-build pkg-config git nodejs npm ccache
   qt6-base-dev qt6-base-dev-tools qt6-qpa-plugins libgl-dev
   libpulse-dev libsoxr-dev libsndfile1-dev libx11-dev libxtst-dev libxext-dev libxi-dev libxkbcommon-dev
+  libxcb1-dev libxcb-shape0-dev
   glslc libvulkan-dev spirv-headers
   libwayland-dev wayland-protocols
 )

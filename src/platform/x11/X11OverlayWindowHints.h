@@ -4,16 +4,19 @@
 
 #include <QAbstractNativeEventFilter>
 
-#include <memory>
+#include <array>
+#include <cstdint>
+#include <vector>
+
+struct xcb_connection_t;
 
 namespace dictora::x11 {
 
-class XConnection;
-
 // EWMH states (sticky, above, skip taskbar and pager) set before the first
 // map, and an empty input shape on the window and on the frame the window
-// manager wraps it in. One private connection for the hints' lifetime; every
-// request runs under an error trap, so a window gone early costs nothing.
+// manager wraps it in. The requests go out on Qt's own connection, so they
+// reach the server before Qt maps the window, and nothing waits for them: an
+// error (a window gone early) is dropped unread.
 class X11OverlayWindowHints final : public OverlayWindowHints, private QAbstractNativeEventFilter {
 public:
     X11OverlayWindowHints();
@@ -30,10 +33,16 @@ private:
     // frame, set it again and empty the frame's own.
     bool nativeEventFilter(const QByteArray &eventType, void *message, qintptr *result) override;
 
-    std::unique_ptr<XConnection> m_connection;
-    quintptr m_window = 0;
+    enum Atom { wmState, wmStateSticky, wmStateSkipTaskbar, wmStateSkipPager, wmStateAbove, wmDesktop, atomCount };
+    std::uint32_t atom(Atom which);
+    bool isRoot(std::uint32_t window) const;
+
+    xcb_connection_t *m_connection = nullptr;
+    std::array<unsigned int, atomCount> m_atomRequests{}; // asked for at construction, read at first use
+    std::array<std::uint32_t, atomCount> m_atoms{};
+    bool m_atomsRead = false;
+    std::vector<quintptr> m_windows; // each window given the hints: the indicator, its preview
     bool m_filterInstalled = false;
-    bool m_hasShape = false;
 };
 
 } // namespace dictora::x11
