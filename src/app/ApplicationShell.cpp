@@ -380,9 +380,10 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
             probe->cancel();
             sheet->showLevel(0);
             probe->setChosenSource(preferences.microphoneSource());
-            probe->start([sheet](AudioMeterLevels levels) {
+            // A microphone that will not open simply shows no level.
+            static_cast<void>(probe->start([sheet](AudioMeterLevels levels) {
                 sheet->showLevel(std::max({levels.first, levels.second, levels.third, levels.fourth}));
-            }, {}, {});
+            }, {}));
         };
         listen();
         QObject::connect(&preferences, &ProductPreferences::microphoneSourceChanged, sheet, listen);
@@ -398,8 +399,8 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     QObject::connect(&window, &HomeWindow::recognitionSheetRequested, &window, [&] {
         // Listing the devices may start a GPU driver, and the sound server is asked on its own thread.
         runElsewhere(&window, [] { return availableComputeDevices(); }, [&](QList<ComputeDevice> devices) {
-            capture.listSources([&, devices](QList<PulseCaptureEngine::Source> sources) {
-                openRecognitionSheet(devices, sources);
+            whenReady(capture.listSources(), &window, [&, devices](QFuture<QList<PulseCaptureEngine::Source>> listed) {
+                openRecognitionSheet(devices, listed.result());
             });
         });
     });

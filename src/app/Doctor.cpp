@@ -408,12 +408,13 @@ void Doctor::timeRecognition()
 std::function<void(std::function<void(QStringList)>)> Doctor::inputNames(AudioCaptureThread &capture)
 {
     return [&capture](std::function<void(QStringList)> done) {
-        capture.listSources([done = std::move(done)](const QList<PulseCaptureEngine::Source> &sources) {
-            QStringList names;
-            for (const PulseCaptureEngine::Source &source : sources)
-                names.append(source.name);
-            done(names);
-        });
+        whenReady(capture.listSources(), &capture,
+            [done = std::move(done)](QFuture<QList<PulseCaptureEngine::Source>> listed) {
+                QStringList names;
+                for (const PulseCaptureEngine::Source &source : listed.result())
+                    names.append(source.name);
+                done(names);
+            });
     };
 }
 

@@ -259,26 +259,42 @@ void VoiceGatedSpeechPort::cancelStream()
 
 void CaptureMicrophonePort::start(Listeners listeners, Started done)
 {
-    m_capture.start(std::move(listeners.onMeterLevels), std::move(listeners.onSamples), std::move(done));
+    whenReady(m_capture.start(std::move(listeners.onMeterLevels), std::move(listeners.onSamples)), &m_capture,
+        [done = std::move(done)](QFuture<void> started) {
+            try {
+                started.waitForFinished(); // finished already: rethrows why it failed
+                done(std::nullopt);
+            } catch (...) {
+                done(errorMessage(std::current_exception()));
+            }
+        });
 }
 
 void CaptureMicrophonePort::stop(Stopped done)
 {
-    m_capture.stop([done = std::move(done)](CapturedAudioResult result) {
-        done(Captured{std::move(result.samples), result.rmsLevel});
-    }, m_tail ? m_tail() : 0);
+    whenReady(m_capture.stop(m_tail ? m_tail() : 0), &m_capture,
+        [done = std::move(done)](QFuture<CapturedAudioResult> stopped) {
+            CapturedAudioResult result = stopped.result();
+            done(Captured{std::move(result.samples), result.rmsLevel});
+        });
 }
 
 void CaptureMicrophonePort::cancel() { m_capture.cancel(); }
 
-void CaptureMicrophonePort::requestPermission(Answered done) { m_capture.requestPermission(std::move(done)); }
+void CaptureMicrophonePort::requestPermission(Answered done)
+{
+    whenReady(m_capture.requestPermission(), &m_capture,
+        [done = std::move(done)](QFuture<bool> answered) { done(answered.result()); });
+}
 
 void CaptureMicrophonePort::checkStatus(StatusDone done)
 {
-    m_capture.checkStatus([done = std::move(done)](AudioCaptureService::MicrophoneStatus status) {
-        done({status.authorized ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied,
-            status.reason});
-    });
+    whenReady(m_capture.checkStatus(), &m_capture,
+        [done = std::move(done)](QFuture<AudioCaptureService::MicrophoneStatus> checked) {
+            const AudioCaptureService::MicrophoneStatus status = checked.result();
+            done({status.authorized ? OnboardingPermissionStatus::authorized : OnboardingPermissionStatus::denied,
+                status.reason});
+        });
 }
 
 std::optional<PasteTarget> ServicePasterPort::captureTarget() { return m_service.captureTarget(); }

@@ -1,10 +1,11 @@
 #include "audio/AudioCaptureThread.h"
 
-#include "core/Error.h"
-
 #include <QMetaObject>
-#include <QPointer>
+#include <QPromise>
 #include <QTimer>
+
+#include <memory>
+#include <type_traits>
 
 namespace dictora {
 
@@ -26,18 +27,23 @@ AudioCaptureThread::~AudioCaptureThread()
     m_thread.wait();
 }
 
-template<typename Work, typename Done>
-void AudioCaptureThread::request(Work work, Done done, int delayMs)
+template<typename Work>
+auto AudioCaptureThread::request(Work work, int delayMs)
 {
-    QPointer<AudioCaptureThread> self(this);
-    auto run = [self, service = m_service, work = std::move(work), done = std::move(done)]() mutable {
-        auto result = work(*service);
-        if (!self)
-            return;
-        QMetaObject::invokeMethod(self.data(), [done = std::move(done), result = std::move(result)]() mutable {
-            if (done)
-                done(std::move(result));
-        }, Qt::QueuedConnection);
+    using Result = std::invoke_result_t<Work &, AudioCaptureService &>;
+    auto promise = std::make_shared<QPromise<Result>>();
+    promise->start();
+    QFuture<Result> future = promise->future();
+    auto run = [service = m_service, work = std::move(work), promise]() mutable {
+        try {
+            if constexpr (std::is_void_v<Result>)
+                work(*service);
+            else
+                promise->addResult(work(*service));
+        } catch (...) {
+            promise->setException(std::current_exception());
+        }
+        promise->finish();
     };
     QMetaObject::invokeMethod(m_service, [service = m_service, delayMs, run = std::move(run)]() mutable {
         if (delayMs > 0)
@@ -45,25 +51,21 @@ void AudioCaptureThread::request(Work work, Done done, int delayMs)
         else
             run();
     }, Qt::QueuedConnection);
+    return future;
 }
 
-void AudioCaptureThread::start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples, Started done)
+QFuture<void> AudioCaptureThread::start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples)
 {
-    request([onMeterLevels = std::move(onMeterLevels), onSamples = std::move(onSamples), context = this](
-                AudioCaptureService &service) mutable -> std::optional<QString> {
-        try {
-            service.setSampleSink(std::move(onSamples));
-            service.start(std::move(onMeterLevels), context);
-            return std::nullopt;
-        } catch (...) {
-            return errorMessage(std::current_exception());
-        }
-    }, std::move(done));
+    return request([onMeterLevels = std::move(onMeterLevels), onSamples = std::move(onSamples), context = this](
+                       AudioCaptureService &service) mutable {
+        service.setSampleSink(std::move(onSamples));
+        service.start(std::move(onMeterLevels), context);
+    });
 }
 
-void AudioCaptureThread::stop(Stopped done, int tailMilliseconds)
+QFuture<CapturedAudioResult> AudioCaptureThread::stop(int tailMilliseconds)
 {
-    request([](AudioCaptureService &service) { return service.stop(); }, std::move(done), tailMilliseconds);
+    return request([](AudioCaptureService &service) { return service.stop(); }, tailMilliseconds);
 }
 
 void AudioCaptureThread::cancel()
@@ -71,14 +73,14 @@ void AudioCaptureThread::cancel()
     QMetaObject::invokeMethod(m_service, [service = m_service] { service->cancel(); }, Qt::QueuedConnection);
 }
 
-void AudioCaptureThread::requestPermission(Answered done)
+QFuture<bool> AudioCaptureThread::requestPermission()
 {
-    request([](AudioCaptureService &service) { return service.requestMicrophonePermission(); }, std::move(done));
+    return request([](AudioCaptureService &service) { return service.requestMicrophonePermission(); });
 }
 
-void AudioCaptureThread::checkStatus(StatusDone done)
+QFuture<AudioCaptureService::MicrophoneStatus> AudioCaptureThread::checkStatus()
 {
-    request([](AudioCaptureService &service) { return service.microphoneStatus(); }, std::move(done));
+    return request([](AudioCaptureService &service) { return service.microphoneStatus(); });
 }
 
 void AudioCaptureThread::setChosenSource(const QString &name)
@@ -87,9 +89,9 @@ void AudioCaptureThread::setChosenSource(const QString &name)
         Qt::QueuedConnection);
 }
 
-void AudioCaptureThread::listSources(SourcesDone done)
+QFuture<QList<PulseCaptureEngine::Source>> AudioCaptureThread::listSources()
 {
-    request([](AudioCaptureService &service) { return service.sources(); }, std::move(done));
+    return request([](AudioCaptureService &service) { return service.sources(); });
 }
 
 void AudioCaptureThread::watchSources(SourcesDone changed)
@@ -102,7 +104,15 @@ void AudioCaptureThread::watchSources(SourcesDone changed)
         m_sourcesSettle->setInterval(150);
     }
     m_sourcesSettle->disconnect();
-    connect(m_sourcesSettle, &QTimer::timeout, this, [this, changed] { listSources(changed); });
+    connect(m_sourcesSettle, &QTimer::timeout, this, [this, changed] {
+        listSources().then(this, [changed](QFuture<QList<PulseCaptureEngine::Source>> listed) {
+            try {
+                changed(listed.result());
+            } catch (...) {
+                // The listing failed (no server): the next change lists again.
+            }
+        });
+    });
     // The service, and with it the engine, is gone before this object's children are.
     QMetaObject::invokeMethod(m_service, [service = m_service, settle = m_sourcesSettle] {
         service->engine().watchSources([settle] {

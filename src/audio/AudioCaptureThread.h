@@ -2,12 +2,12 @@
 
 #include "audio/AudioCaptureService.h"
 
+#include <QFuture>
 #include <QObject>
 #include <QThread>
 #include <QTimer>
 
 #include <functional>
-#include <optional>
 
 namespace dictora {
 
@@ -15,16 +15,13 @@ class RuntimeLog;
 
 // The one thread that owns the capture engine: every request (permission,
 // status, start, stop, cancel) runs there in the order it was made, and each
-// answer comes back on the thread that made the request's object, so the
-// GUI thread never waits on the sound server. Answers still under way when
-// this object goes are dropped.
+// answers with a future that finishes there; callers continue it on their
+// own thread (whenReady), so the GUI thread never waits on the sound server.
+// Requests still queued when this object goes are dropped with it.
 class AudioCaptureThread : public QObject {
     Q_OBJECT
 public:
-    using Started = std::function<void(std::optional<QString> error)>;
-    using Stopped = std::function<void(CapturedAudioResult result)>;
-    using Answered = std::function<void(bool authorized)>;
-    using StatusDone = std::function<void(AudioCaptureService::MicrophoneStatus status)>;
+    using SourcesDone = std::function<void(QList<PulseCaptureEngine::Source> sources)>;
 
     // log may be null.
     explicit AudioCaptureThread(RuntimeLog *log = nullptr, QObject *parent = nullptr);
@@ -32,17 +29,17 @@ public:
 
     // Meter levels arrive on this object's thread while recording; samples
     // (when onSamples is set) on the capture thread as they are converted.
-    void start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples, Started done);
+    // Fails with the reason the microphone could not be opened.
+    QFuture<void> start(AudioMeterCallback onMeterLevels, AudioSampleSink onSamples);
     // Capture goes on for `tailMilliseconds` after the call, so a word still
     // being spoken at the press is kept; then everything comes back.
-    void stop(Stopped done, int tailMilliseconds = 0);
+    QFuture<CapturedAudioResult> stop(int tailMilliseconds = 0);
     void cancel();
-    void requestPermission(Answered done);
-    void checkStatus(StatusDone done);
+    QFuture<bool> requestPermission();
+    QFuture<AudioCaptureService::MicrophoneStatus> checkStatus();
     // The next recording's input; empty: the server's default.
     void setChosenSource(const QString &name);
-    using SourcesDone = std::function<void(QList<PulseCaptureEngine::Source> sources)>;
-    void listSources(SourcesDone done);
+    QFuture<QList<PulseCaptureEngine::Source>> listSources();
     // The inputs, listed again (settled, on this object's thread) each time
     // one is plugged in or out or the default changes, while this object lives.
     void watchSources(SourcesDone changed);
@@ -52,11 +49,12 @@ Q_SIGNALS:
     void notice(const QString &text);
 
 private:
-    // Runs work(service) on the capture thread and done(result) back here.
-    template<typename Work, typename Done>
-    // `delayMs`: run on a timer of the capture thread, not a sleep, so a
-    // cancel or another request in the meantime still runs in its turn.
-    void request(Work work, Done done, int delayMs = 0);
+    // Runs work(service) on the capture thread; its result, or what it
+    // threw, finishes the future. `delayMs`: run on a timer of the capture
+    // thread, not a sleep, so a cancel or another request in the meantime
+    // still runs in its turn.
+    template<typename Work>
+    auto request(Work work, int delayMs = 0);
 
     QThread m_thread;
     QTimer *m_sourcesSettle = nullptr;
