@@ -43,6 +43,8 @@ public:
     QUrl url(const QString &path) const;
     void script(const QString &path, QList<HttpAnswer> answers);
     int requestCount(const QString &path) const { return m_requests.value(path); }
+    // Connections the client has not closed yet.
+    int openConnections() const { return int(m_connections.size()); }
 
 private:
     struct Connection;

@@ -209,6 +209,27 @@ private Q_SLOTS:
         QCOMPARE(m_server.requestCount(path), 1); // the installed copy is valid: not fetched again
     }
 
+    // The model arrives another way (the install verb) while a transfer
+    // hangs: the transfer is closed, its partial file goes, the copy is used.
+    void installedFromOutsideDuringDownload()
+    {
+        const QString path = QStringLiteral("/outside");
+        HttpAnswer hangs;
+        hangs.silent = true;
+        m_server.script(path, {hangs});
+        const auto options = optionsFor(path);
+        AccuracyModelManager manager(options, nullptr);
+        manager.startAutomatically();
+        QTRY_VERIFY_WITH_TIMEOUT(m_server.openConnections() == 1 && manager.phase().kind() == Kind::downloading, 30000);
+        QVERIFY(test::writeFile(options.installedPath, m_model));
+        manager.adoptInstalledModel();
+        QTRY_VERIFY_WITH_TIMEOUT(manager.phase().isReady(), 30000);
+        QTRY_COMPARE(m_server.openConnections(), 0);
+        QCOMPARE(m_server.requestCount(path), 1);
+        QVERIFY(!QFileInfo::exists(manager.partialPath()));
+        QCOMPARE(test::readFile(options.installedPath), m_model);
+    }
+
     void retryManuallyOnlyWhenIdle()
     {
         const QString path = QStringLiteral("/manual");
