@@ -4,6 +4,9 @@
 #include <QPainterPath>
 #include <QToolButton>
 
+#include <array>
+#include <functional>
+
 namespace dictora {
 
 namespace {
@@ -29,6 +32,50 @@ void drawMicrophone(QPainter &p, const QRectF &box, const QColor &colour)
     p.restore();
 }
 
+// Antialiased strokes and fills this large are split over Qt's worker
+// threads, and the GUI thread waits for them: a busy machine turns that into
+// a visible stall. What does not change from frame to frame is drawn once
+// into an image at the screen's resolution and copied from then on.
+QImage cachedImage(QSize size, qreal dpr, const std::function<void(QPainter &)> &draw)
+{
+    QImage image(size * dpr, QImage::Format_ARGB32_Premultiplied);
+    image.setDevicePixelRatio(dpr);
+    image.fill(Qt::transparent);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    draw(p);
+    return image;
+}
+
+// A placement spot: a dashed outline, the accent colour under the pointer
+// or the keyboard focus, and a solid accent outline when chosen.
+class PlacementSpot : public QToolButton {
+public:
+    using QToolButton::QToolButton;
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        enum Look { idle, pointed, chosen };
+        const Look look = isChecked() ? chosen : (underMouse() || hasFocus()) ? pointed : idle;
+        const qreal dpr = devicePixelRatioF();
+        QImage &image = m_looks[look];
+        if (image.size() != size() * dpr || image.devicePixelRatio() != dpr) {
+            const QColor colour = look == idle ? QColor(128, 128, 128, 150) : accent();
+            const Qt::PenStyle style = look == chosen ? Qt::SolidLine : Qt::DashLine;
+            image = cachedImage(size(), dpr, [&](QPainter &p) {
+                p.setPen(QPen(colour, 2, style));
+                p.setBrush(Qt::NoBrush);
+                p.drawRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), 8, 8);
+            });
+        }
+        QPainter(this).drawImage(QPoint(0, 0), image);
+    }
+
+private:
+    std::array<QImage, 3> m_looks;
+};
+
 } // namespace
 
 PlacementPreview::PlacementPreview(QWidget *parent) : QWidget(parent)
@@ -36,16 +83,12 @@ PlacementPreview::PlacementPreview(QWidget *parent) : QWidget(parent)
     setAccessibleName(QStringLiteral("Laptop preview with six placement choices"));
     setMinimumSize(360, 220);
     for (ScreenAnchor anchor : allScreenAnchors()) {
-        auto *button = new QToolButton(this);
+        auto *button = new PlacementSpot(this);
         button->setObjectName(QStringLiteral("spot-") + rawValue(anchor));
         button->setAccessibleName(rawValue(anchor));
         button->setCheckable(true);
         button->setAutoRaise(true);
         button->setCursor(Qt::PointingHandCursor);
-        button->setStyleSheet(QStringLiteral(
-            "QToolButton { border: 2px dashed rgba(128,128,128,150); border-radius: 8px; background: transparent; }"
-            "QToolButton:hover { border-color: #FF5A36; }"
-            "QToolButton:checked { border: 2px solid #FF5A36; }"));
         connect(button, &QToolButton::clicked, this, [this, anchor] {
             setAnchor(anchor);
             Q_EMIT anchorChosen(anchor);
@@ -119,23 +162,30 @@ void PlacementPreview::resizeEvent(QResizeEvent *)
 void PlacementPreview::paintEvent(QPaintEvent *)
 {
     QPainter p(this);
-    p.setRenderHint(QPainter::Antialiasing);
     const QRectF screen = screenRect();
     const QColor frame = palette().color(QPalette::WindowText);
-
-    // Lid and base.
-    p.setPen(QPen(frame, 3));
-    p.setBrush(palette().color(QPalette::Base));
-    p.drawRoundedRect(screen.adjusted(-8, -6, 8, 8), 12, 12);
-    QPainterPath base;
-    const double baseTop = screen.bottom() + 10;
-    base.moveTo(screen.left() - 30, baseTop);
-    base.lineTo(screen.right() + 30, baseTop);
-    base.lineTo(screen.right() + 18, baseTop + 12);
-    base.lineTo(screen.left() - 18, baseTop + 12);
-    base.closeSubpath();
-    p.setBrush(frame);
-    p.drawPath(base);
+    const QColor glass = palette().color(QPalette::Base);
+    const qreal dpr = devicePixelRatioF();
+    if (m_laptop.size() != size() * dpr || m_laptop.devicePixelRatio() != dpr || m_laptopColours != std::pair{frame, glass}) {
+        m_laptopColours = {frame, glass};
+        m_laptop = cachedImage(size(), dpr, [&](QPainter &lp) {
+            // Lid and base.
+            lp.setPen(QPen(frame, 3));
+            lp.setBrush(glass);
+            lp.drawRoundedRect(screen.adjusted(-8, -6, 8, 8), 12, 12);
+            QPainterPath base;
+            const double baseTop = screen.bottom() + 10;
+            base.moveTo(screen.left() - 30, baseTop);
+            base.lineTo(screen.right() + 30, baseTop);
+            base.lineTo(screen.right() + 18, baseTop + 12);
+            base.lineTo(screen.left() - 18, baseTop + 12);
+            base.closeSubpath();
+            lp.setBrush(frame);
+            lp.drawPath(base);
+        });
+    }
+    p.drawImage(QPoint(0, 0), m_laptop);
+    p.setRenderHint(QPainter::Antialiasing);
 
     // The indicator as it will look.
     const QRectF pill = indicatorRect();

@@ -2,10 +2,12 @@
 
 #include "core/ProductPreferences.h"
 
+#include <QImage>
 #include <QTimer>
 #include <QWidget>
 
 #include <map>
+#include <utility>
 
 class QToolButton;
 
@@ -37,6 +39,8 @@ private:
     QRectF indicatorRect() const;
 
     std::map<ScreenAnchor, QToolButton *> m_spots;
+    QImage m_laptop; // the lid and base, drawn again only when the size or colours change
+    std::pair<QColor, QColor> m_laptopColours;
     ScreenAnchor m_anchor = ScreenAnchor::bottomMiddle;
     OverlaySize m_size = OverlaySize::medium;
     double m_opacity = 0.9;
