@@ -26,15 +26,11 @@ QString sha256Hex(const QString &path, const std::atomic_bool *cancel)
     return QString::fromLatin1(hash.result().toHex());
 }
 
-bool isValidModel(const QString &path, const AccuracyModelContract &contract, const std::atomic_bool *cancel, bool *hashed)
+bool isValidModel(const QString &path, const AccuracyModelContract &contract, const std::atomic_bool *cancel)
 {
-    if (hashed)
-        *hashed = false;
     const QFileInfo info(path);
     if (!info.isFile() || info.size() != contract.bytes)
         return false;
-    if (hashed)
-        *hashed = true;
     const QString actual = sha256Hex(path, cancel);
     return !actual.isEmpty() && actual == contract.sha256;
 }

@@ -16,8 +16,6 @@ constexpr qint64 kHashChunkBytes = 4 * 1024 * 1024;
 QString sha256Hex(const QString &path, const std::atomic_bool *cancel = nullptr);
 
 // Exact size first, so a file of the wrong size is never read; then the hash.
-// `hashed` (optional) tells whether the content was read.
-bool isValidModel(const QString &path, const AccuracyModelContract &contract,
-    const std::atomic_bool *cancel = nullptr, bool *hashed = nullptr);
+bool isValidModel(const QString &path, const AccuracyModelContract &contract, const std::atomic_bool *cancel = nullptr);
 
 } // namespace dictora::ModelVerifier

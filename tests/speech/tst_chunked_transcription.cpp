@@ -59,7 +59,7 @@ struct RecordingRecogniser {
             if (failingChunk == index)
                 return QtFuture::makeExceptionalFuture<AccurateSpeechResult>(
                     std::make_exception_ptr(AccurateSpeechError::transcriptionFailed(-3)));
-            return QtFuture::makeReadyFuture(AccurateSpeechResult{QStringLiteral(" chunk %1 ").arg(index), 5});
+            return QtFuture::makeReadyFuture(AccurateSpeechResult{QStringLiteral(" chunk %1 ").arg(index), 5, {}});
         };
     }
 };
@@ -152,11 +152,11 @@ private Q_SLOTS:
         feedInBlocks(chunker, signal({{22, 0.1f}, {0.5, 0.0003f}, {10, 0.1f}}), 16000);
         QFuture<AccurateSpeechResult> future = chunker.finish();
         QCOMPARE(promises.size(), size_t(2));
-        promises[1]->addResult(AccurateSpeechResult{QStringLiteral("world."), 1});
+        promises[1]->addResult(AccurateSpeechResult{QStringLiteral("world."), 1, {}});
         promises[1]->finish();
         QVERIFY(!future.isFinished());
         std::thread other([&] {
-            promises[0]->addResult(AccurateSpeechResult{QStringLiteral("Hello"), 1});
+            promises[0]->addResult(AccurateSpeechResult{QStringLiteral("Hello"), 1, {}});
             promises[0]->finish();
         });
         other.join();

@@ -71,7 +71,7 @@ private Q_SLOTS:
         ChunkedTranscription chunker(
             [&sent](std::vector<float> chunk, std::shared_ptr<const std::atomic_bool>) {
                 sent.push_back(std::move(chunk));
-                return QtFuture::makeReadyFuture(AccurateSpeechResult{QStringLiteral("words"), 0});
+                return QtFuture::makeReadyFuture(AccurateSpeechResult{QStringLiteral("words"), 0, {}});
             },
             model());
         for (size_t at = 0; at < scene.samples.size(); at += 1600)
