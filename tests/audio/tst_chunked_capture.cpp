@@ -44,6 +44,7 @@ std::vector<float> dictation(double seconds)
 }
 
 struct RecogniserSpy {
+    explicit RecogniserSpy(AccurateSpeechEngine &recogniser) : engine(recogniser) {}
     AccurateSpeechEngine &engine;
     std::mutex mutex;
     std::vector<std::vector<float>> chunks;
