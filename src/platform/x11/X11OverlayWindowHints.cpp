@@ -44,8 +44,8 @@ X11OverlayWindowHints::~X11OverlayWindowHints()
 {
     if (m_filterInstalled && QCoreApplication::instance())
         QCoreApplication::instance()->removeNativeEventFilter(this);
-    // Replies never read must not stay queued on Qt's connection.
-    if (m_connection && !m_atomsRead) {
+    // Replies never read must not stay queued on Qt's connection, while it lasts.
+    if (m_connection && !m_atomsRead && qGuiApp) {
         for (unsigned int request : m_atomRequests)
             xcb_discard_reply(m_connection, request);
     }
