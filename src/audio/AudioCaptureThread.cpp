@@ -21,8 +21,9 @@ AudioCaptureThread::AudioCaptureThread(RuntimeLog *log, QObject *parent)
 
 AudioCaptureThread::~AudioCaptureThread()
 {
-    // Requests already queued run first; the service stops any recording as
-    // it is deleted on its own thread.
+    // Requests the thread has not reached are dropped (their futures are
+    // cancelled); the service stops any recording as it is deleted on its
+    // own thread.
     m_thread.quit();
     m_thread.wait();
 }
