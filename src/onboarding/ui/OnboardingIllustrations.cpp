@@ -100,22 +100,28 @@ PlacementPreview::PlacementPreview(QWidget *parent) : QWidget(parent)
 
 void PlacementPreview::setAnchor(ScreenAnchor anchor)
 {
-    m_anchor = anchor;
     for (auto &[a, button] : m_spots)
         button->setChecked(a == anchor);
-    update();
+    changeIndicator([&] { m_anchor = anchor; });
 }
 
 void PlacementPreview::setOverlaySize(OverlaySize size)
 {
-    m_size = size;
-    update();
+    changeIndicator([&] { m_size = size; });
 }
 
 void PlacementPreview::setOverlayOpacity(double opacity)
 {
-    m_opacity = opacity;
-    update();
+    changeIndicator([&] { m_opacity = opacity; });
+}
+
+void PlacementPreview::changeIndicator(const std::function<void()> &change)
+{
+    // Only where the indicator was and is now: every repainted pixel is
+    // sent to the display server again.
+    const QRectF before = indicatorRect();
+    change();
+    update(before.united(indicatorRect()).toAlignedRect().adjusted(-2, -2, 2, 2));
 }
 
 QRectF PlacementPreview::screenRect() const

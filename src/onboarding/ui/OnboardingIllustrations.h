@@ -6,6 +6,7 @@
 #include <QTimer>
 #include <QWidget>
 
+#include <functional>
 #include <map>
 #include <utility>
 
@@ -37,6 +38,7 @@ protected:
 private:
     QRectF screenRect() const;
     QRectF indicatorRect() const;
+    void changeIndicator(const std::function<void()> &change);
 
     std::map<ScreenAnchor, QToolButton *> m_spots;
     QImage m_laptop; // the lid and base, drawn again only when the size or colours change
