@@ -59,7 +59,9 @@ protected:
         enum Look { idle, pointed, chosen };
         const Look look = isChecked() ? chosen : (underMouse() || hasFocus()) ? pointed : idle;
         const qreal dpr = devicePixelRatioF();
-        QImage &image = m_looks[look];
+        // All six spots are the same size: one image per look serves them all.
+        static std::array<QImage, 3> looks;
+        QImage &image = looks[look];
         if (image.size() != size() * dpr || image.devicePixelRatio() != dpr) {
             const QColor colour = look == idle ? QColor(128, 128, 128, 150) : accent();
             const Qt::PenStyle style = look == chosen ? Qt::SolidLine : Qt::DashLine;
@@ -71,9 +73,6 @@ protected:
         }
         QPainter(this).drawImage(QPoint(0, 0), image);
     }
-
-private:
-    std::array<QImage, 3> m_looks;
 };
 
 } // namespace
