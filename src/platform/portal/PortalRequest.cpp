@@ -204,4 +204,29 @@ void PortalRequest::finish(ResponseCode code, const QVariantMap &results)
     deleteLater();
 }
 
+QString errorSuffix(const QVariantMap &results)
+{
+    const QString error = results.value(QStringLiteral("error")).toString();
+    return error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(error);
+}
+
+void openSession(const QDBusConnection &connection, const QString &interface, const QString &token,
+    QObject *context, SessionDone done)
+{
+    PortalRequest::call(connection, interface, QStringLiteral("CreateSession"), {},
+        {{QStringLiteral("session_handle_token"), token}}, context,
+        [done = std::move(done)](ResponseCode code, const QVariantMap &results) {
+            if (code != ResponseCode::success) {
+                done({}, errorSuffix(results));
+                return;
+            }
+            // Documented as a string holding an object path; some portals send an object path.
+            const QVariant handle = results.value(QStringLiteral("session_handle"));
+            const QString session = handle.userType() == qMetaTypeId<QDBusObjectPath>()
+                ? handle.value<QDBusObjectPath>().path()
+                : handle.toString();
+            done(session, session.isEmpty() ? QStringLiteral(" (it came without a handle)") : QString());
+        });
+}
+
 } // namespace dictora::portal

@@ -81,4 +81,13 @@ private:
     bool m_finished = false;
 };
 
+// " (the D-Bus error)" where a request failed on the bus, else "": for the end of a sentence.
+QString errorSuffix(const QVariantMap &results);
+
+// Opens a session on `interface` under `token`. `done` gets the session's
+// object path, or an empty one and errorSuffix()'s words for why not.
+using SessionDone = std::function<void(const QString &session, const QString &why)>;
+void openSession(const QDBusConnection &connection, const QString &interface, const QString &token,
+    QObject *context, SessionDone done);
+
 } // namespace dictora::portal

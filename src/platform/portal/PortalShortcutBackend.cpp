@@ -77,12 +77,6 @@ QString describe(const GlobalShortcut &shortcut)
     return shortcut.modifiers.displayPrefix() + shortcut.keyLabel;
 }
 
-QString errorSuffix(const QVariantMap &results)
-{
-    const QString error = results.value(QStringLiteral("error")).toString();
-    return error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(error);
-}
-
 // Entries bound for a layout the user no longer has still count: they fire nothing wrong.
 bool isOurId(const QString &id)
 {
@@ -233,15 +227,10 @@ void PortalShortcutBackend::reportBinding(const GlobalShortcut &shortcut, std::f
     }
     auto finish = std::make_shared<std::function<void(BindingReport)>>(std::move(done));
     QPointer<PortalShortcutBackend> self(this);
-    PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), QStringLiteral("dictora_check")}}, this,
-        [self, finish, shortcut](ResponseCode code, const QVariantMap &results) {
-            const QVariant handle = results.value(QStringLiteral("session_handle"));
-            const QString session = handle.userType() == qMetaTypeId<QDBusObjectPath>()
-                ? handle.value<QDBusObjectPath>().path() : handle.toString();
-            if (code != ResponseCode::success || session.isEmpty()) {
-                (*finish)({true, false, {},
-                    QStringLiteral("The desktop did not open a shortcut session%1.").arg(errorSuffix(results))});
+    openSession(m_connection, QLatin1String(kInterface), QStringLiteral("dictora_check"), this,
+        [self, finish, shortcut](const QString &session, const QString &why) {
+            if (session.isEmpty()) {
+                (*finish)({true, false, {}, QStringLiteral("The desktop did not open a shortcut session%1.").arg(why)});
                 return;
             }
             PortalRequest::call(self->m_connection, QLatin1String(kInterface), QStringLiteral("ListShortcuts"),
@@ -382,23 +371,15 @@ void PortalShortcutBackend::createSession()
     const uint generation = m_generation;
     // The same token every time: after the portal restarts, GNOME's back-end
     // still holds the old session's grab, and only a session on its path gets the key.
-    PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), QLatin1String(kSessionToken)}}, this,
-        [this, generation](ResponseCode code, const QVariantMap &results) {
+    openSession(m_connection, QLatin1String(kInterface), QLatin1String(kSessionToken), this,
+        [this, generation](const QString &session, const QString &why) {
             if (generation != m_generation)
                 return;
-            if (code != ResponseCode::success) {
-                fail(Stage::failed, QStringLiteral("The desktop did not open a shortcut session%1.").arg(errorSuffix(results)));
+            if (session.isEmpty()) {
+                fail(Stage::failed, QStringLiteral("The desktop did not open a shortcut session%1.").arg(why));
                 return;
             }
-            // Documented as a string holding an object path; some portals send an object path.
-            const QVariant handle = results.value(QStringLiteral("session_handle"));
-            m_session = handle.userType() == qMetaTypeId<QDBusObjectPath>() ? handle.value<QDBusObjectPath>().path()
-                                                                             : handle.toString();
-            if (m_session.isEmpty()) {
-                fail(Stage::failed, QStringLiteral("The desktop's shortcut session came without a handle."));
-                return;
-            }
+            m_session = session;
             m_connection.connect(QLatin1String(kService), m_session, QLatin1String(kSessionInterface),
                 QStringLiteral("Closed"), this, SLOT(onSessionClosed()));
             listShortcuts();

@@ -13,12 +13,6 @@
 namespace dictora::portal {
 
 namespace {
-QString errorSuffix(const QVariantMap &results)
-{
-    const QString error = results.value(QStringLiteral("error")).toString();
-    return error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(error);
-}
-
 const QString kClosedUnanswered = QStringLiteral(
     "The desktop's dialog closed without an answer. Dictora asks again at the next paste.");
 } // namespace
@@ -75,18 +69,15 @@ void RemoteDesktopKeystrokeSender::start()
         return;
     setStage(Stage::starting, QStringLiteral("Waiting for you to allow Dictora to type in the desktop's dialog."));
     const uint generation = ++m_generation;
-    PortalRequest::call(m_connection, QLatin1String(kInterface), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), QLatin1String(kSessionToken)}}, this,
-        [this, generation](ResponseCode code, const QVariantMap &results) {
+    openSession(m_connection, QLatin1String(kInterface), QLatin1String(kSessionToken), this,
+        [this, generation](const QString &session, const QString &why) {
             if (generation != m_generation)
                 return;
-            if (code != ResponseCode::success) {
-                setStage(Stage::idle, QStringLiteral("The desktop did not open a remote input session%1.").arg(errorSuffix(results)));
+            if (session.isEmpty()) {
+                setStage(Stage::idle, QStringLiteral("The desktop did not open a remote input session%1.").arg(why));
                 return;
             }
-            const QVariant handle = results.value(QStringLiteral("session_handle"));
-            m_session = handle.userType() == qMetaTypeId<QDBusObjectPath>() ? handle.value<QDBusObjectPath>().path()
-                                                                             : handle.toString();
+            m_session = session;
             m_connection.connect(QLatin1String(kService), m_session, QLatin1String(kSessionInterface),
                 QStringLiteral("Closed"), this, SLOT(onSessionClosed()));
             selectDevices();
