@@ -205,8 +205,10 @@ private Q_SLOTS:
         TranscriptRecord older = homeRecord(now.addSecs(-1), QStringLiteral("b"), QStringLiteral("Terminal"));
         TranscriptRecord recovered = homeRecord(now.addSecs(-2), QStringLiteral("c"));
         TranscriptRecord failed = homeRecord(now.addSecs(-3), QStringLiteral("d"), QString());
-        older.earsDurationMilliseconds = failed.earsDurationMilliseconds = std::nullopt;
-        older.transcriptionEngine = failed.transcriptionEngine = std::nullopt;
+        for (TranscriptRecord *r : {&older, &failed}) {
+            r->earsDurationMilliseconds.reset();
+            r->transcriptionEngine.reset();
+        }
         recovered.earsDurationMilliseconds = 0;
         recovered.outcome = TranscriptOutcome::recovered;
         failed.outcome = TranscriptOutcome::failed;

@@ -19,7 +19,7 @@ void FakeSpeech::answer(qint64 ms, Done done)
 {
     QMetaObject::invokeMethod(this, [this, ms, done] {
         if (error.isEmpty())
-            done(Result{text, ms}, QString());
+            done(Result{text, ms, {}}, QString());
         else
             done(std::nullopt, error);
     }, Qt::QueuedConnection);
