@@ -26,7 +26,6 @@ public:
     static std::unique_ptr<AudioConverter> create(const AudioFormat &input, const AudioFormat &output);
     ~AudioConverter();
 
-    const AudioFormat &inputFormat() const { return m_input; }
     const AudioFormat &outputFormat() const { return m_output; }
 
     // Fills output (from frame 0, up to its capacity) and sets its frame length.

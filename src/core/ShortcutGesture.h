@@ -25,8 +25,6 @@ public:
     // Tests pass their own clock.
     void setClock(Clock clock) { m_clock = std::move(clock); }
 
-    bool isKeyDown() const { return m_keyDown; }
-
 public Q_SLOTS:
     void press();
     void release();

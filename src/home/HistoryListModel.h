@@ -40,7 +40,6 @@ public:
     // Puts the transcript on the clipboard as plain text and shows "Copied"
     // on that row for a moment.
     void copyTranscript(int row);
-    QUuid copiedRecord() const { return m_copied; }
     static constexpr int kCopiedFeedbackMs = 1500;
 
     static QString savedAtText(const TranscriptRecord &record, QLocale::FormatType format);

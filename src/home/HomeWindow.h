@@ -45,12 +45,10 @@ public:
     // appears when the preparation needs the user. Empty text hides it.
     void setModelPreparation(const QString &text, std::optional<double> progress = std::nullopt,
         bool needsAttention = false);
-    void setModelStatus(const QString &text) { setModelPreparation(text); }
 
     // Onboarding takes the place of the home content and a taller window.
     void setOnboardingView(QWidget *view);
     void setOnboardingPresented(bool presented);
-    bool isOnboardingPresented() const { return m_onboarding; }
 
     HistoryView *historyView() const { return m_historyView; }
     AppearanceSheet *appearanceSheet() const { return m_appearance; }

@@ -19,7 +19,6 @@ public:
     const TranscriptRecord &record() const { return m_record; }
     QPushButton *copyButton() const { return m_copy; }
     QPushButton *doneButton() const { return m_done; }
-    QPushButton *pasteButton() const { return m_paste; }
 
 Q_SIGNALS:
     // "Paste Again": the sheet closes, whoever listens pastes the record.

@@ -38,7 +38,6 @@ public:
     QString practiceTranscript() const { return m_practiceTranscript; }
     std::optional<QDateTime> practiceSavedAt() const { return m_practiceSavedAt; }
     bool accuracyModelReady() const { return m_modelReady; }
-    bool hasCompletedConfiguration() const { return m_completedConfiguration; }
 
     void setPresented(bool presented);
     void setStage(OnboardingStage stage);

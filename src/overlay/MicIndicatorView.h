@@ -21,7 +21,6 @@ public:
     // Applies the look chosen in the preferences and resizes to it.
     void configure(OverlaySize size, bool showsMicrophoneIcon, double opacity);
 
-    OverlaySize overlaySize() const { return m_size; }
     bool showsMicrophoneIcon() const { return m_showsIcon; }
     double indicatorOpacity() const { return m_opacity; }
 

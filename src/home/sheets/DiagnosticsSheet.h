@@ -24,7 +24,6 @@ public:
     void check();
     void showReport(const DiagnosticReport &report);
     QLabel *verdict() const { return m_verdict; }
-    QPushButton *checkAgainButton() const { return m_again; }
 
 private:
     Runner m_runner;

@@ -37,8 +37,6 @@ public:
 
     RecognitionSettingsView(ProductPreferences &preferences, Choices choices, QWidget *parent = nullptr);
 
-    QComboBox *languageBox() const { return m_language; }
-    QComboBox *deviceBox() const { return m_device; }
     QComboBox *microphoneBox() const { return m_microphone; }
     QProgressBar *levelMeter() const { return m_level; }
 
@@ -49,7 +47,6 @@ public Q_SLOTS:
     void setMicrophones(const QList<QPair<QString, QString>> &microphones);
 
 public:
-    QPushButton *vocabularyButton() const { return m_vocabulary; }
     SettingsToggleCard *keepClipboard() const { return m_keepClipboard; }
 
 Q_SIGNALS:

@@ -31,8 +31,6 @@ public:
         QToolButton *remove = nullptr;
     };
     const QList<Row> &rows() const { return m_rows; }
-    SettingsToggleCard *formattingCard() const { return m_formatting; }
-    SettingsToggleCard *snippetsCard() const { return m_snippets; }
     QPushButton *addButton() const { return m_add; }
     bool showsEmptyState() const;
 

@@ -40,8 +40,7 @@ PortalService::PortalService(const QDBusConnection &connection)
 
 void PortalService::registerApplication()
 {
-    portal::registerApplication(m_connection, QLatin1String(kAppId), this, [this](const QString &problem) {
-        m_registrationProblem = problem;
+    portal::registerApplication(m_connection, QLatin1String(kAppId), this, [](const QString &problem) {
         if (problem.isEmpty())
             qCInfo(lcPortal, "portal app id registered id=%s", kAppId);
         else

@@ -16,9 +16,6 @@ public:
     // One per connection, created on first use; lives as long as the process.
     static PortalService &on(const QDBusConnection &connection);
 
-    // Why the desktop did not take the app id; empty while nothing went wrong.
-    QString registrationProblem() const { return m_registrationProblem; }
-
 Q_SIGNALS:
     void restarted();
 
@@ -28,7 +25,6 @@ private:
 
     QDBusConnection m_connection;
     QDBusServiceWatcher m_watcher;
-    QString m_registrationProblem;
     bool m_lost = false;
 };
 

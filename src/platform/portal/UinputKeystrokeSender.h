@@ -27,8 +27,7 @@ public:
     bool isOpen() const { return m_fd >= 0; }
     bool send(PasteKeystroke keystroke) override;
     // The kernel does not tell a uinput client which keys are held.
-    bool anyKeyHeld() { return false; }
-    bool waitForKeysReleased(std::chrono::milliseconds) { return true; }
+    bool anyKeyHeld() override { return false; }
     QString failureReason() const override { return m_failureReason; }
 
 private:

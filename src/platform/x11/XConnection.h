@@ -24,7 +24,6 @@ public:
     _XDisplay *display() const { return m_display; }
     unsigned long rootWindow() const;
     int fileDescriptor() const;
-    QString displayName() const { return m_displayName; }
 
     unsigned long atom(const char *name) const;
 

@@ -47,7 +47,6 @@ public:
     // keystroke, or never if the service goes first. Pastes asked for
     // meanwhile run after.
     void paste(const QString &text, const PasteTarget &target, Done done = {});
-    bool isPasting() const { return m_busy; }
     // The clipboard alone, no keystroke. False where this desktop has none.
     bool copy(const QString &text);
     // Off by default: the transcript replaces what the clipboard held. On:
