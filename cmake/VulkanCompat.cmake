@@ -62,3 +62,18 @@ function(dictora_patch_vulkan_layer_settings source header_dir result_var)
   file(WRITE "${source}" "${_patched}")
   set(${result_var} patched PARENT_SCOPE)
 endfunction()
+
+# The shader generator writes a shader's dependency file only when it compiles
+# a variant of it. Where glslc lacks an extension (Debian 12's has no
+# cooperative matrices or integer dot products) a few shaders have none, so
+# Ninja found their dependency file missing at every build, generated them
+# again and relinked everything that links ggml. Such a shader now gets a
+# dependency file naming its source alone.
+function(dictora_patch_vulkan_shader_depfiles source result_var)
+  set(_result ${${result_var}})
+  dictora_patch_source("${source}"
+    "    if (target_cpp != \"\") {\n        write_binary_file(target_cpp, src.str());\n    }\n"
+    "    if (target_cpp != \"\") {\n        write_binary_file(target_cpp, src.str());\n        if (generate_dep_file && input_filepath != \"\") { /* dictora: no variant compiled, still a dep file */\n            write_binary_file(target_cpp + \".d\", target_cpp + \": \" + input_filepath + \"\\n\");\n        }\n    }\n"
+    "the generator's output step" _result)
+  set(${result_var} ${_result} PARENT_SCOPE)
+endfunction()
