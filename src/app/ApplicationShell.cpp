@@ -188,8 +188,6 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
     QApplication::setApplicationName(QStringLiteral("Dictora"));
     QApplication::setQuitOnLastWindowClosed(false);
     QGuiApplication::setDesktopFileName(QStringLiteral("com.dictora.Dictora"));
-    registerBundledFonts();
-    Style::apply(app);
 
     const QString socketPath = DataPaths::instanceSocket();
     if (sendToRunningInstance(socketPath, QStringLiteral("show"))) {
@@ -213,7 +211,10 @@ int runApplication(int argc, char **argv, const SpeechPortFactory &speechFactory
 
     RuntimeLog log(DataPaths::logFile());
     log.install();
+    // The portal answers while the fonts and the rest are prepared.
     Platform::probeDesktopSoon();
+    registerBundledFonts();
+    Style::apply(app);
     if (const QString moved = SettingsFile::setAsideIfUnreadable(DataPaths::settingsFile()); !moved.isEmpty()) {
         log.write(moved);
         std::fprintf(stderr, "dictora: %s\n", qPrintable(moved));
